@@ -1,0 +1,236 @@
+#ifndef TPG_H
+#define TPG_H
+
+/*
+ * The agent's records: the one context that holds its whole state, a slot's
+ * registration, a card's tables, a connected client. Data only; what may be
+ * called stands in the header of the module that does it.
+ */
+
+#include "linux_list.h"
+#include "tpg_msg_i.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+
+struct bufferevent;
+struct evconnlistener;
+struct event;
+struct event_base;
+struct json_object;
+struct netsnmp_handler_registration_s;
+
+struct tpg_context_t;
+struct tpg_jsonmib_register_info_t;
+
+constexpr uint32_t TPG_SLOT_MAX = 15; /* slots are numbered 1 to 15 */
+constexpr uint32_t TPG_OID_MAX = 128; /* sub-identifiers of any OID */
+
+/* Built-in documents, named after the product. */
+constexpr char TPG_BUILT_IN_DIR[] = "/var/built_in_jsonmib";
+/* Send-trap switches, one directory a card slot. */
+constexpr char TPG_FLASH_DIR[] = "/mnt/flash0/cards";
+/* Its presence at start raises the log level. */
+constexpr char TPG_DEBUG_MARKER[] = "/tmp/.tpg_debug";
+
+/* Documents and switch files above this size are refused. */
+constexpr size_t TPG_FILE_MAX = size_t{4} * 1024 * 1024;
+
+/* Paths and commands are formatted into buffers of this size. */
+constexpr size_t TPG_CMD_MAX = 256;
+
+/* A card's identity is kept as its update message carried it. */
+using tpg_libmib_register_info_t = tpg_libmib_update_t;
+
+enum class tpg_board_t : int32_t {
+    kx3100 = 0,
+    kx3101 = 1,
+};
+
+/* ---- tables of a card ---- */
+
+constexpr uint32_t JSONMIB_INDEX_MAX = 5; /* indexes a table may list */
+constexpr uint32_t JSONMIB_NAME_MAX = 64;
+
+/* jsonmib_index_info_t.flags */
+constexpr uint32_t JSONMIB_INDEX_SLOT = 1U << 0; /* the value is a card slot */
+
+struct jsonmib_index_info_t {
+    uint32_t range[2]; /* lowest and highest value */
+    uint32_t flags;
+};
+
+/* jsonmib_table_param_info_t.type; every other code is read like a string and never written */
+constexpr uint8_t JSONMIB_TYPE_INT = 1;
+constexpr uint8_t JSONMIB_TYPE_INT_SHIFTED = 2; /* card value v is SNMP value v + 1 */
+constexpr uint8_t JSONMIB_TYPE_STRING = 3;
+
+/* jsonmib_table_param_info_t.access */
+constexpr uint8_t JSONMIB_ACCESS_RO = 1;
+constexpr uint8_t JSONMIB_ACCESS_RW = 2;
+
+/* jsonmib_table_param_info_t.flags */
+constexpr uint8_t JSONMIB_PARAM_INDEX = 1U << 0; /* served from the row's index values */
+
+/* One column of a table. */
+struct jsonmib_table_param_info_t {
+    uint8_t type;
+    uint8_t access;
+    uint8_t flags;
+    uint32_t var_id;  /* the card's number of the variable */
+    int32_t range[2]; /* integers: lowest, highest; strings: [1] is the longest length */
+};
+
+/* How a fault table's rows become trap numbers. */
+struct jsonmib_table_trap_info_t {
+    uint32_t fault_present_var_id;
+    uint32_t specific_start;
+    uint32_t index_ofs_1;
+    uint32_t index_ofs_2;
+};
+
+/* jsonmib_table_info_t.flags */
+constexpr uint32_t JSONMIB_TABLE_FAULT = 1U << 0;
+
+/* Send-trap switches: four to a byte, in its low bits. */
+constexpr uint32_t JSONMIB_SENDTRAP_ROW = 1024;
+constexpr uint32_t JSONMIB_SENDTRAP_PER_BYTE = 4;
+constexpr uint32_t JSONMIB_SENDTRAP_POSITIONS = JSONMIB_SENDTRAP_ROW * JSONMIB_SENDTRAP_PER_BYTE;
+
+/* A card table; owned by the handlers of its registration, which count their references. */
+struct jsonmib_table_info_t {
+    tpg_jsonmib_register_info_t* jsonmib_reginfo; /* the card it belongs to */
+    char name[JSONMIB_NAME_MAX];                  /* not terminated when 64 characters long */
+    uint32_t oid[TPG_OID_MAX];
+    uint32_t oid_len;
+    uint32_t flags;
+    uint8_t index_total;                                    /* listed indexes; fault tables only */
+    jsonmib_index_info_t index_info[JSONMIB_INDEX_MAX + 1]; /* listed ones, then the slot */
+    uint32_t param_total;
+    jsonmib_table_param_info_t* param_info;
+    jsonmib_table_trap_info_t trap_info;                           /* fault tables only */
+    uint8_t send_trap_storage[TPG_SLOT_MAX][JSONMIB_SENDTRAP_ROW]; /* row: slot - 1 */
+    tpg_context_t* tpg_context;
+    uint8_t index_used;                       /* SNMP indexes of the registered table */
+    uint8_t index_pos[JSONMIB_INDEX_MAX + 1]; /* their positions in index_info */
+    uint32_t refcnt;                          /* handlers that share the record */
+};
+
+/* ---- trap bindings of a card ---- */
+
+/* Trap-specific numbers, both ends inclusive. */
+struct specific_range_t {
+    uint16_t low;
+    uint16_t high;
+};
+
+struct jsonmib_trap_bindings_info_t {
+    uint32_t oid_len;
+    uint32_t oid[TPG_OID_MAX];
+    uint32_t specific_list_len;
+    specific_range_t* specific_list;
+};
+
+/* ---- registration of a slot ---- */
+
+/*
+ * All zero when the slot is empty. On a master slot_ref_mask has bit n set for
+ * every slot n it serves and actual_reginfo is the record itself; a card that
+ * only references a master has mask 0 and actual_reginfo set to the master.
+ */
+struct tpg_jsonmib_register_info_t {
+    tpg_libmib_register_info_t libmib_reginfo;
+    uint32_t slot_ref_mask;
+    tpg_jsonmib_register_info_t* actual_reginfo;
+    uint32_t gen_table_reginfo_sum;
+    netsnmp_handler_registration_s** gen_table_reginfo;
+    uint32_t fault_table_reginfo_sum;
+    netsnmp_handler_registration_s** fault_table_reginfo;
+    jsonmib_table_info_t** fault_json_table; /* same order as fault_table_reginfo */
+    uint32_t enterprise_oid[TPG_OID_MAX];
+    uint32_t enterprise_oid_len;
+    uint32_t instslot_oid[TPG_OID_MAX];
+    uint32_t instslot_oid_len;
+    json_object* sendtrap_json_db; /* owned */
+    uint32_t trap_bindings_len;
+    jsonmib_trap_bindings_info_t* trap_bindings_info; /* owned, with every specific_list */
+};
+
+/* ---- control channel ---- */
+
+struct jsonmib_ipc_info_t {
+    uint8_t connected;
+    uint16_t reserved;
+    int32_t fd;    /* 0 or less: the slot has no socket */
+    uint32_t owed; /* reply bytes that a time-out left to come on this connection */
+};
+
+/* ---- clients ---- */
+
+/* Log lines about one connection in the current second. */
+struct tpg_log_budget_t {
+    time_t second;
+    uint32_t lines;
+    uint32_t dropped;
+    int32_t fd;
+};
+
+struct tpg_ipc_clnt_t {
+    list_head node; /* in ipc_clnt_list */
+    int32_t acc_fd;
+    uint32_t clnt_pid;        /* from its first message; 0 until then */
+    uint32_t libmib_reg_slot; /* first card registered; 0 for none */
+    bufferevent* bev;         /* owns the descriptor */
+    tpg_context_t* ctx;
+    event* rdcb_timer;
+    int32_t remote;
+    tpg_log_budget_t log_budget;
+};
+
+/* tpg_read_st.state */
+constexpr int32_t TPG_READ_HEADER = 0;
+constexpr int32_t TPG_READ_PAYLOAD = 1;
+
+/* The message being read; one for all connections, since clients write each message whole. */
+struct tpg_read_st {
+    alignas(uint64_t) uint8_t buf[TPG_MSG_MAX];
+    int32_t wr_idx;
+    int32_t rd_idx;
+    int32_t sum;
+    int32_t state;
+};
+
+/* ---- SNMP library's descriptors on the event loop ---- */
+
+struct tpg_lev_snmpfd_t {
+    list_head ev_node;
+    event* ev;
+};
+
+/* ---- the agent ---- */
+
+struct tpg_context_t {
+    uint8_t log_level;
+    uint8_t log_console;
+    char reserved[2];
+    tpg_board_t base_board_type;
+    uint32_t mib_kx_node_oid;
+    event_base* levent_base;
+    list_head lev_snmp_fd_list;
+    event* lev_snmp_timeout;
+    evconnlistener* svr_listener;
+    list_head ipc_clnt_list;
+    jsonmib_ipc_info_t jsonmib_ipc_info[TPG_SLOT_MAX]; /* slot - 1 */
+    tpg_jsonmib_register_info_t jsonmib_reg_info_cardmib;
+    tpg_jsonmib_register_info_t jsonmib_reg_info[TPG_SLOT_MAX]; /* slot - 1 */
+    tpg_read_st read_proc;
+    uint32_t ipc_clnt_total;      /* entries of ipc_clnt_list */
+    event* svr_retry_timer;       /* opens the listener again after it ran out of descriptors */
+    tpg_log_budget_t* log_budget; /* of the connection being served; null outside */
+};
+
+/* The one instance. */
+extern tpg_context_t ctx_local;
+
+#endif

@@ -1,0 +1,45 @@
+#ifndef TPG_JSONMIB_REQUEST_H
+#define TPG_JSONMIB_REQUEST_H
+
+/* GET and SET on the cells of generic and fault tables. */
+
+#include "tpg.h"
+#include "tpg_snmp.h"
+
+/* Names of the request handlers in a registration's chain. */
+constexpr char JSONMIB_GEN_HANDLER_NAME[] = "tpg_generic_table";
+constexpr char JSONMIB_FAULT_HANDLER_NAME[] = "tpg_fault_table";
+
+/* Handler entry points; the handler's private pointer is the table record. */
+int jsonmib_gen_table_helper_handler(netsnmp_mib_handler* handler,
+                                     netsnmp_handler_registration* reginfo,
+                                     netsnmp_agent_request_info* reqinfo,
+                                     netsnmp_request_info* requests);
+int jsonmib_fault_table_helper_handler(netsnmp_mib_handler* handler,
+                                       netsnmp_handler_registration* reginfo,
+                                       netsnmp_agent_request_info* reqinfo,
+                                       netsnmp_request_info* requests);
+
+/*
+ * One request of a generic or fault table: var is answered or written.
+ * table_reqinfo tells the column, iterator_reqinfo the row's index values.
+ * Returns an SNMP error status, 0 for success.
+ */
+int jsonmib_gen_table_proc_agent_request(netsnmp_variable_list* var,
+                                         netsnmp_table_request_info* table_reqinfo,
+                                         netsnmp_table_request_info* iterator_reqinfo,
+                                         netsnmp_agent_request_info* agent_reqinfo,
+                                         jsonmib_table_info_t* jsonmib_table_info);
+int jsonmib_fault_table_proc_agent_request(netsnmp_variable_list* var,
+                                           netsnmp_table_request_info* table_reqinfo,
+                                           netsnmp_table_request_info* iterator_reqinfo,
+                                           netsnmp_agent_request_info* agent_reqinfo,
+                                           jsonmib_table_info_t* jsonmib_table_info);
+
+/* True when the send-trap switch at a flat row position of a slot's row is on (bit set). */
+bool jsonmib_sendtrap_test(const uint8_t* row, uint32_t position);
+
+/* Turns the send-trap switch at a flat row position (below 4096) on or off. */
+void jsonmib_sendtrap_store(uint8_t* row, uint32_t position, bool on);
+
+#endif

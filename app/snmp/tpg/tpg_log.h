@@ -1,0 +1,106 @@
+#ifndef TPG_LOG_H
+#define TPG_LOG_H
+
+/*
+ * The logging rule: a message goes to syslog and, when the context says so,
+ * to standard error, if its level passes the context's threshold.
+ */
+
+#include "tpg.h"
+
+#include <cstddef>
+
+/* Values are the syslog priorities. */
+enum class tpg_log_level : int {
+    error = 3,
+    warn = 4,
+    info = 6,
+    debug = 7,
+};
+
+constexpr char TPG_LOG_IDENT[] = "tpg";
+constexpr uint8_t TPG_LOG_LEVEL_DEFAULT = 6;
+constexpr uint8_t TPG_LOG_LEVEL_DEBUG = 7;
+
+/* Lines a second about one connection; the rest are counted and summed up. */
+constexpr uint32_t TPG_LOG_BUDGET_LINES = 200;
+
+/* The part of a source path behind its last slash. */
+constexpr const char* tpg_log_basename(const char* path)
+{
+    const char* base = path;
+    for (const char* c = path; *c != '\0'; c++) {
+        if (*c == '/') {
+            base = c + 1;
+        }
+    }
+    return base;
+}
+
+/* True when a message of this level is emitted. */
+inline bool tpg_log_passes(const tpg_context_t* ctx, tpg_log_level level)
+{
+    return ctx->log_level > static_cast<int>(level) - 1;
+}
+
+/* How the console copy of a message ends. */
+enum class tpg_log_end : bool {
+    line, /* with a line feed */
+    open, /* without: the next message goes on in the same line */
+};
+
+/* Where in the source a message comes from. */
+struct tpg_log_pos_t {
+    const char* file; /* base name */
+    int line;
+};
+
+/*
+ * Emits one message whose level passes. Unprintable bytes of the text are
+ * shown as \xNN, so that text from outside can forge no line.
+ */
+void tpg_log_write(tpg_context_t* ctx, tpg_log_level level, tpg_log_end end, tpg_log_pos_t pos,
+                   const char* fmt, ...) __attribute__((format(printf, 5, 6)));
+
+/* Opens syslog under the agent's ident. */
+void tpg_log_open();
+
+/* Makes budget (of the connection fd) the one that messages are charged to; null for none. */
+void tpg_log_charge(tpg_context_t* ctx, tpg_log_budget_t* budget);
+
+/* Writes the line that sums up what the budget dropped, if anything, and starts it anew. */
+void tpg_log_settle(tpg_context_t* ctx, tpg_log_budget_t* budget);
+
+#define TPG_LOG_AT(ctx, level, end, ...)                                                           \
+    do {                                                                                           \
+        if (tpg_log_passes(ctx, level)) {                                                          \
+            tpg_log_write(ctx, level, end, {tpg_log_basename(__FILE__), __LINE__}, __VA_ARGS__);   \
+        }                                                                                          \
+    } while (0)
+
+#define TPG_ERROR(ctx, ...) TPG_LOG_AT(ctx, tpg_log_level::error, tpg_log_end::line, __VA_ARGS__)
+#define TPG_WARN(ctx, ...)  TPG_LOG_AT(ctx, tpg_log_level::warn, tpg_log_end::line, __VA_ARGS__)
+#define TPG_INFO(ctx, ...)  TPG_LOG_AT(ctx, tpg_log_level::info, tpg_log_end::line, __VA_ARGS__)
+#define TPG_DEBUG(ctx, ...) TPG_LOG_AT(ctx, tpg_log_level::debug, tpg_log_end::line, __VA_ARGS__)
+
+/* A trace line: at Error level, when the debug token (option -d) is given. */
+#define TPG_TRACE(ctx, token, ...)                                                                 \
+    do {                                                                                           \
+        if (tpg_token_enabled(token)) {                                                            \
+            TPG_ERROR(ctx, __VA_ARGS__);                                                           \
+        }                                                                                          \
+    } while (0)
+
+constexpr int TPG_DEBUG_TOKENS = 8;
+constexpr size_t TPG_DEBUG_TOKEN_LEN = 32; /* with its terminating zero */
+
+extern char tpg_debug_tokens[TPG_DEBUG_TOKENS][TPG_DEBUG_TOKEN_LEN];
+extern int32_t tpg_debug_tokens_total;
+
+/* 1 when token was given with option -d, exactly as written; 0 otherwise. */
+int tpg_token_enabled(const char* token);
+
+/* Takes the comma-separated list in place of all earlier tokens; list is cut up on the way. */
+void tpg_debug_tokens_set(char* list);
+
+#endif

@@ -1,0 +1,111 @@
+#include "tpg_main_cardmib.h"
+
+#include "tpg_db.h"
+#include "tpg_file.h"
+#include "tpg_json.h"
+#include "tpg_jsonmib.h"
+#include "tpg_jsonmib_table.h"
+#include "tpg_log.h"
+#include "tpg_main_mibsource.h"
+
+#include <cstring>
+
+static void release_trap_bindings(tpg_jsonmib_register_info_t*);
+static void preload_table(tpg_context_t*, jsonmib_table_info_t*, tpg_jsonmib_register_info_t*);
+
+constexpr uint8_t ALL_SWITCHES_ON = 0xff;
+
+int tpg_snmp_register_jsonmib(tpg_context_t* ctx, tpg_libmib_register_info_t* libmib_reginfo,
+                              tpg_jsonmib_register_info_t* jsonmib_reginfo)
+{
+    if (tpg_locate_jsonmib(ctx, libmib_reginfo) != 0) {
+        return -1;
+    }
+    size_t size = 0;
+    const tpg_heap_chars text(jsonmib_read_json(ctx, tpg_jsonmib_path(libmib_reginfo).path, &size));
+    if (text == nullptr) {
+        TPG_ERROR(ctx, "%s(): fread failed", __func__);
+        return -1;
+    }
+    if (jsonmib_proc_registration(ctx, text.get(), size, jsonmib_reginfo) != 0) {
+        TPG_ERROR(ctx, "tpg_parse_jsonmib failed");
+        return -1;
+    }
+    const tpg_libmib_register_info_t* card = &jsonmib_reginfo->libmib_reginfo;
+    TPG_INFO(ctx, "Registered product %s:%s version %u.%u.%u on slot %u", card->prod_string,
+             card->prod_family, card->major_rev, card->minor_rev, card->build_number,
+             card->slot_no);
+    return 0;
+}
+
+void tpg_snmp_unregister_jsonmib(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_reginfo)
+{
+    jsonmib_proc_unregistration(ctx, jsonmib_reginfo);
+    free(jsonmib_reginfo->fault_table_reginfo);
+    jsonmib_reginfo->fault_table_reginfo = nullptr;
+    free(jsonmib_reginfo->fault_json_table);
+    jsonmib_reginfo->fault_json_table = nullptr;
+    free(jsonmib_reginfo->gen_table_reginfo);
+    jsonmib_reginfo->gen_table_reginfo = nullptr;
+    json_object_put(jsonmib_reginfo->sendtrap_json_db);
+    jsonmib_reginfo->sendtrap_json_db = nullptr;
+    release_trap_bindings(jsonmib_reginfo);
+    const tpg_libmib_register_info_t* card = &jsonmib_reginfo->libmib_reginfo;
+    TPG_INFO(ctx, "Unregistered product %s:%s version %u.%u.%u on slot %u", card->prod_string,
+             card->prod_family, card->major_rev, card->minor_rev, card->build_number,
+             card->slot_no);
+}
+
+static void release_trap_bindings(tpg_jsonmib_register_info_t* jsonmib_reginfo)
+{
+    if (jsonmib_reginfo->trap_bindings_info == nullptr) {
+        return;
+    }
+    for (uint32_t i = 0; i < jsonmib_reginfo->trap_bindings_len; i++) {
+        free(jsonmib_reginfo->trap_bindings_info[i].specific_list);
+        jsonmib_reginfo->trap_bindings_info[i].specific_list = nullptr;
+    }
+    free(jsonmib_reginfo->trap_bindings_info);
+    jsonmib_reginfo->trap_bindings_info = nullptr;
+}
+
+int tpg_preload_send_trap_storage(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_reginfo)
+{
+    const uint32_t slot = jsonmib_reginfo->libmib_reginfo.slot_no;
+    TPG_INFO(ctx, "%s(%u): enter", __func__, slot);
+    const tpg_jsonmib_register_info_t* master = jsonmib_reginfo->actual_reginfo;
+    if (master == nullptr) {
+        TPG_INFO(ctx, "%s(%u):....No master", __func__, slot);
+        return -1;
+    }
+    TPG_INFO(ctx, "%s(%u): master=%u, fault_table_sum=%u", __func__, slot,
+             master->libmib_reginfo.slot_no, master->fault_table_reginfo_sum);
+    if (master->fault_table_reginfo_sum != 0 &&
+        tpg_db_load_sendtrap_db_file(ctx, jsonmib_reginfo) != 0) {
+        TPG_WARN(ctx, "Failed to load sendtrap db file. Losing persistence storage capability!");
+    }
+    if (master->fault_table_reginfo == nullptr) {
+        TPG_INFO(ctx, "No fault table for slot or master %u", slot);
+        return -1;
+    }
+    for (uint32_t i = 0; i < master->fault_table_reginfo_sum; i++) {
+        jsonmib_table_info_t* table = master->fault_json_table[i];
+        if (table == nullptr) {
+            TPG_ERROR(ctx, "%s(%u): no jsonmib_table,check!!!", __func__, slot);
+            continue;
+        }
+        preload_table(ctx, table, jsonmib_reginfo);
+    }
+    return 0;
+}
+
+/* Slot 0 has no row of switches. */
+static void preload_table(tpg_context_t* ctx, jsonmib_table_info_t* table,
+                          tpg_jsonmib_register_info_t* jsonmib_reginfo)
+{
+    uint8_t* row = jsonmib_sendtrap_row(table, jsonmib_reginfo->libmib_reginfo.slot_no);
+    if (row != nullptr) {
+        memset(row, ALL_SWITCHES_ON, JSONMIB_SENDTRAP_ROW);
+        tpg_db_recall_sendtrap_persistence(ctx, table, jsonmib_reginfo);
+    }
+}

@@ -1,0 +1,167 @@
+#include "tpg_main_levent.h"
+
+#include "tpg_log.h"
+#include "tpg_snmp.h"
+
+#include <net-snmp/agent/agent_callbacks.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <event2/event.h>
+#include <event2/util.h>
+#include <sys/select.h>
+
+static int keep_wanted(tpg_context_t*, int, fd_set*, int*);
+static int add_unwatched(tpg_context_t*, int, const fd_set*);
+static void watch(tpg_context_t*, int);
+static void arm_timer(tpg_context_t*, int, const timeval*);
+static int session_started(int, int, void*, void*);
+
+void levent_snmp_update(tpg_context_t* ctx)
+{
+    static int total = 0; /* descriptors watched after the last call */
+    int numfds = 0;
+    int block = 1;
+    fd_set wanted;
+    FD_ZERO(&wanted);
+    timeval timeout = {};
+    snmp_select_info(&numfds, &wanted, &timeout, &block);
+
+    int removed = 0;
+    const int kept = keep_wanted(ctx, numfds, &wanted, &removed);
+    const int added = add_unwatched(ctx, numfds, &wanted);
+    if (kept + added != total) {
+        TPG_LOG_AT(ctx, tpg_log_level::debug, tpg_log_end::open,
+                   "added %d events, removed %d events, total of %d events", added, removed,
+                   kept + added);
+        total = kept + added;
+    }
+    arm_timer(ctx, block, &timeout);
+}
+
+static void unwatch(tpg_lev_snmpfd_t* entry)
+{
+    event_free(entry->ev);
+    list_del_init(&entry->ev_node);
+    free(entry);
+}
+
+/* Drops the entries that are not in the set, and from the set those that are; returns how many. */
+static int keep_wanted(tpg_context_t* ctx, int numfds, fd_set* wanted, int* removed)
+{
+    int kept = 0;
+    list_head* next = nullptr;
+    for (list_head* node = ctx->lev_snmp_fd_list.next; node != &ctx->lev_snmp_fd_list;
+         node = next) {
+        next = node->next;
+        tpg_lev_snmpfd_t* entry = list_entry(node, tpg_lev_snmpfd_t, ev_node);
+        const int fd = event_get_fd(entry->ev);
+        if (fd < numfds && FD_ISSET(fd, wanted)) {
+            kept++;
+            FD_CLR(fd, wanted);
+        } else {
+            unwatch(entry);
+            (*removed)++;
+        }
+    }
+    return kept;
+}
+
+static int add_unwatched(tpg_context_t* ctx, int numfds, const fd_set* wanted)
+{
+    int added = 0;
+    for (int fd = 0; fd < numfds; fd++) {
+        if (FD_ISSET(fd, wanted)) {
+            added++;
+            watch(ctx, fd);
+        }
+    }
+    return added;
+}
+
+/* A descriptor that cannot be watched is tried again at the next update. */
+static void watch(tpg_context_t* ctx, int fd)
+{
+    auto* entry = static_cast<tpg_lev_snmpfd_t*>(calloc(1, sizeof(tpg_lev_snmpfd_t)));
+    if (entry == nullptr) {
+        TPG_ERROR(ctx, "unable to allocate memory for new SNMP event, %s", strerror(errno));
+        return;
+    }
+    evutil_make_socket_nonblocking(fd);
+    entry->ev = event_new(ctx->levent_base, fd, EV_READ | EV_PERSIST, levent_snmp_read, ctx);
+    if (entry->ev == nullptr) {
+        TPG_ERROR(ctx, "unable to allocate a new SNMP event for FD %d", fd);
+        free(entry);
+        return;
+    }
+    if (event_add(entry->ev, nullptr) == -1) {
+        TPG_ERROR(ctx, "unable to schedule new SNMP event for FD %d", fd);
+        event_free(entry->ev);
+        free(entry);
+        return;
+    }
+    list_add_tail(&entry->ev_node, &ctx->lev_snmp_fd_list);
+}
+
+static void arm_timer(tpg_context_t* ctx, int block, const timeval* timeout)
+{
+    if (event_add(ctx->lev_snmp_timeout, block != 0 ? nullptr : timeout) == -1) {
+        TPG_LOG_AT(ctx, tpg_log_level::warn, tpg_log_end::open,
+                   "unable to schedule timeout function for SNMP");
+    }
+}
+
+void levent_snmp_read(int fd, short what, void* arg)
+{
+    (void)what;
+    auto* ctx = static_cast<tpg_context_t*>(arg);
+    TPG_TRACE(ctx, "snmpread", "%s(): enter", __func__);
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(fd, &set);
+    snmp_read(&set);
+    levent_snmp_update(ctx);
+    TPG_TRACE(ctx, "snmpread", "%s(): exit", __func__);
+}
+
+void levent_snmp_timeout(int fd, short what, void* arg)
+{
+    (void)fd;
+    (void)what;
+    auto* ctx = static_cast<tpg_context_t*>(arg);
+    TPG_TRACE(ctx, "snmptimeout", "%s(): enter", __func__);
+    snmp_timeout();
+    run_alarms();
+    levent_snmp_update(ctx);
+    TPG_TRACE(ctx, "snmptimeout", "%s(): exit", __func__);
+}
+
+/*
+ * The library closes a session and opens the next within one call; the socket
+ * then often has the old one's number, but the kernel no longer watches it.
+ */
+static int session_started(int major, int minor, void* server_arg, void* client_arg)
+{
+    (void)major;
+    (void)minor;
+    (void)server_arg;
+    levent_snmp_free_list(static_cast<tpg_context_t*>(client_arg));
+    return SNMPERR_SUCCESS;
+}
+
+void levent_snmp_free_list(tpg_context_t* ctx)
+{
+    list_head* next = nullptr;
+    for (list_head* node = ctx->lev_snmp_fd_list.next; node != &ctx->lev_snmp_fd_list;
+         node = next) {
+        next = node->next;
+        unwatch(list_entry(node, tpg_lev_snmpfd_t, ev_node));
+    }
+}
+
+void levent_snmp_watch_sessions(tpg_context_t* ctx)
+{
+    snmp_register_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_INDEX_START, session_started,
+                           ctx);
+}

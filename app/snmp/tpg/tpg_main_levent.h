@@ -1,0 +1,25 @@
+#ifndef TPG_MAIN_LEVENT_H
+#define TPG_MAIN_LEVENT_H
+
+/* The SNMP library's descriptors and timer on the agent's event loop. */
+
+#include "tpg.h"
+
+/* Brings the watched descriptors and the SNMP timer into line with what the library wants. */
+void levent_snmp_update(tpg_context_t* ctx);
+
+/* Event callbacks of a descriptor and of the timer; arg is the context. */
+void levent_snmp_read(int fd, short what, void* arg);
+void levent_snmp_timeout(int fd, short what, void* arg);
+
+/*
+ * To be called once, when the list of descriptors is set up: from then on a
+ * new AgentX session has every descriptor watched anew, also one whose number
+ * the old session had.
+ */
+void levent_snmp_watch_sessions(tpg_context_t* ctx);
+
+/* Stops watching and releases every descriptor's entry. */
+void levent_snmp_free_list(tpg_context_t* ctx);
+
+#endif
