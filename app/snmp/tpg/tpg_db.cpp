@@ -117,6 +117,7 @@ static int db_create(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_re
     tpg_json_t empty(json_object_new_object());
     if (empty == nullptr || db_write_text(paths->file, db_text(empty.get())) != 0) {
         TPG_ERROR(ctx, "Failed to open %s, %s", paths->file, strerror(errno));
+        unlink(paths->file); /* half a file would count as a broken one at the next load */
         return -1;
     }
     jsonmib_reginfo->sendtrap_json_db = empty.release();

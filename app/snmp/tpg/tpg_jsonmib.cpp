@@ -15,6 +15,7 @@ static int proc_member(tpg_context_t*, const char*, json_object*, tpg_jsonmib_re
 static int proc_array_member(tpg_context_t*, const char*, json_object*,
                              tpg_jsonmib_register_info_t*);
 static int proc_oid_member(tpg_context_t*, const char*, json_object*, uint32_t*, uint32_t*);
+static void release_trap_bindings(tpg_jsonmib_register_info_t*);
 static void unregister_tables(tpg_context_t*, const char*, netsnmp_handler_registration**,
                               uint32_t);
 
@@ -172,4 +173,31 @@ static void unregister_tables(tpg_context_t* ctx, const char* kind,
         netsnmp_unregister_handler(reginfo[i]);
         reginfo[i] = nullptr;
     }
+}
+
+void jsonmib_release(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_reginfo)
+{
+    jsonmib_proc_unregistration(ctx, jsonmib_reginfo);
+    free(jsonmib_reginfo->fault_table_reginfo);
+    jsonmib_reginfo->fault_table_reginfo = nullptr;
+    free(jsonmib_reginfo->fault_json_table);
+    jsonmib_reginfo->fault_json_table = nullptr;
+    free(jsonmib_reginfo->gen_table_reginfo);
+    jsonmib_reginfo->gen_table_reginfo = nullptr;
+    json_object_put(jsonmib_reginfo->sendtrap_json_db);
+    jsonmib_reginfo->sendtrap_json_db = nullptr;
+    release_trap_bindings(jsonmib_reginfo);
+}
+
+static void release_trap_bindings(tpg_jsonmib_register_info_t* jsonmib_reginfo)
+{
+    if (jsonmib_reginfo->trap_bindings_info == nullptr) {
+        return;
+    }
+    for (uint32_t i = 0; i < jsonmib_reginfo->trap_bindings_len; i++) {
+        free(jsonmib_reginfo->trap_bindings_info[i].specific_list);
+        jsonmib_reginfo->trap_bindings_info[i].specific_list = nullptr;
+    }
+    free(jsonmib_reginfo->trap_bindings_info);
+    jsonmib_reginfo->trap_bindings_info = nullptr;
 }

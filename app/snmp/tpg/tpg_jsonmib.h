@@ -27,4 +27,10 @@ int jsonmib_proc_registration(tpg_context_t* ctx, const char* json_string, size_
 /* Unregisters every table recorded in jsonmib_reginfo; the arrays stay the caller's. */
 void jsonmib_proc_unregistration(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_reginfo);
 
+/*
+ * Unregisters the record's tables and releases all that it owns: arrays,
+ * bindings, send-trap document. Identity, mask, master and counts stay.
+ */
+void jsonmib_release(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_reginfo);
+
 #endif

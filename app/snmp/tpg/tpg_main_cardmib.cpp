@@ -2,7 +2,6 @@
 
 #include "tpg_db.h"
 #include "tpg_file.h"
-#include "tpg_json.h"
 #include "tpg_jsonmib.h"
 #include "tpg_jsonmib_table.h"
 #include "tpg_log.h"
@@ -10,7 +9,6 @@
 
 #include <cstring>
 
-static void release_trap_bindings(tpg_jsonmib_register_info_t*);
 static void preload_table(tpg_context_t*, jsonmib_table_info_t*, tpg_jsonmib_register_info_t*);
 
 constexpr uint8_t ALL_SWITCHES_ON = 0xff;
@@ -40,33 +38,11 @@ int tpg_snmp_register_jsonmib(tpg_context_t* ctx, tpg_libmib_register_info_t* li
 
 void tpg_snmp_unregister_jsonmib(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_reginfo)
 {
-    jsonmib_proc_unregistration(ctx, jsonmib_reginfo);
-    free(jsonmib_reginfo->fault_table_reginfo);
-    jsonmib_reginfo->fault_table_reginfo = nullptr;
-    free(jsonmib_reginfo->fault_json_table);
-    jsonmib_reginfo->fault_json_table = nullptr;
-    free(jsonmib_reginfo->gen_table_reginfo);
-    jsonmib_reginfo->gen_table_reginfo = nullptr;
-    json_object_put(jsonmib_reginfo->sendtrap_json_db);
-    jsonmib_reginfo->sendtrap_json_db = nullptr;
-    release_trap_bindings(jsonmib_reginfo);
+    jsonmib_release(ctx, jsonmib_reginfo);
     const tpg_libmib_register_info_t* card = &jsonmib_reginfo->libmib_reginfo;
     TPG_INFO(ctx, "Unregistered product %s:%s version %u.%u.%u on slot %u", card->prod_string,
              card->prod_family, card->major_rev, card->minor_rev, card->build_number,
              card->slot_no);
-}
-
-static void release_trap_bindings(tpg_jsonmib_register_info_t* jsonmib_reginfo)
-{
-    if (jsonmib_reginfo->trap_bindings_info == nullptr) {
-        return;
-    }
-    for (uint32_t i = 0; i < jsonmib_reginfo->trap_bindings_len; i++) {
-        free(jsonmib_reginfo->trap_bindings_info[i].specific_list);
-        jsonmib_reginfo->trap_bindings_info[i].specific_list = nullptr;
-    }
-    free(jsonmib_reginfo->trap_bindings_info);
-    jsonmib_reginfo->trap_bindings_info = nullptr;
 }
 
 int tpg_preload_send_trap_storage(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_reginfo)

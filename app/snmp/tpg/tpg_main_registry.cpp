@@ -1,5 +1,6 @@
 #include "tpg_main_registry.h"
 
+#include "tpg_jsonmib.h"
 #include "tpg_log.h"
 #include "tpg_main_cardmib.h"
 
@@ -12,7 +13,7 @@ static int check_text(tpg_context_t*, const char*, const char*, size_t, std::str
 static bool is_empty(const tpg_jsonmib_register_info_t*);
 static tpg_jsonmib_register_info_t* record_of(tpg_context_t*, uint32_t);
 static bool same_family(const tpg_libmib_register_info_t*, const tpg_libmib_register_info_t*);
-static void clear_record(tpg_jsonmib_register_info_t*);
+static void clear_record(tpg_context_t*, tpg_jsonmib_register_info_t*);
 static tpg_jsonmib_register_info_t* find_master(tpg_context_t*, const tpg_libmib_update_t*);
 static void become_first_master(tpg_context_t*, tpg_libmib_update_t*, tpg_jsonmib_register_info_t*);
 static void reference_master(tpg_context_t*, const tpg_libmib_update_t*,
@@ -21,6 +22,7 @@ static void take_over(tpg_context_t*, tpg_libmib_update_t*, tpg_jsonmib_register
                       tpg_jsonmib_register_info_t*);
 static void fall_back(tpg_context_t*, const tpg_libmib_update_t*, tpg_jsonmib_register_info_t*,
                       tpg_jsonmib_register_info_t*);
+static void preload_slots(tpg_context_t*, uint32_t);
 static void re_reference(tpg_context_t*, const tpg_libmib_update_t*, tpg_jsonmib_register_info_t*);
 static void log_mask(tpg_context_t*, const char*, const tpg_libmib_update_t*,
                      const tpg_jsonmib_register_info_t*);
@@ -68,8 +70,11 @@ static bool is_empty(const tpg_jsonmib_register_info_t* record)
            record->fault_table_reginfo == nullptr && record->gen_table_reginfo == nullptr;
 }
 
-static void clear_record(tpg_jsonmib_register_info_t* record)
+/* A card that referenced a master has its own send-trap document; one that failed may have tables.
+ */
+static void clear_record(tpg_context_t* ctx, tpg_jsonmib_register_info_t* record)
 {
+    jsonmib_release(ctx, record);
     *record = {};
 }
 
@@ -155,7 +160,7 @@ void tpg_proc_libmib_register(tpg_context_t* ctx, tpg_libmib_update_t* libmib_up
     }
     /* The request may be the record's own copy. */
     tpg_libmib_update_t update = *libmib_update;
-    clear_record(target);
+    clear_record(ctx, target);
     target->libmib_reginfo = update;
 
     tpg_jsonmib_register_info_t* master = find_master(ctx, &update);
@@ -265,6 +270,17 @@ static void fall_back(tpg_context_t* ctx, const tpg_libmib_update_t* update,
     assert((restored));
     TPG_INFO(ctx, "Successfully fallback to master %d, but target slot %u cannot be registered",
              position, slot);
+    preload_slots(ctx, master->slot_ref_mask); /* the tables are new, their switches all off */
+}
+
+/* Brings the switches of every slot in mask back into its master's tables. */
+static void preload_slots(tpg_context_t* ctx, uint32_t mask)
+{
+    for (uint32_t slot = 1; slot <= TPG_SLOT_MAX; slot++) {
+        if ((mask & slot_bit(slot)) != 0) {
+            tpg_preload_send_trap_storage(ctx, record_of(ctx, slot));
+        }
+    }
 }
 
 /* Every other record of the family now references target, registered or not. */
@@ -321,7 +337,7 @@ void tpg_proc_libmib_unregister(tpg_context_t* ctx, tpg_libmib_update_t* libmib_
     }
     if (target->slot_ref_mask == 0) {
         target->actual_reginfo->slot_ref_mask &= ~slot_bit(slot);
-        clear_record(target);
+        clear_record(ctx, target);
         return;
     }
     /* The request may be the record's own copy, which is cleared on the way. */
@@ -341,7 +357,7 @@ static void withdraw_master(tpg_context_t* ctx, const tpg_libmib_update_t* updat
     if (successor != 0) {
         promote(ctx, successor, mask & ~slot_bit(update->slot_no));
     }
-    clear_record(target);
+    clear_record(ctx, target);
 }
 
 /*
