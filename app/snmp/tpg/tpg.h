@@ -98,6 +98,13 @@ constexpr uint32_t JSONMIB_SENDTRAP_ROW = 1024;
 constexpr uint32_t JSONMIB_SENDTRAP_PER_BYTE = 4;
 constexpr uint32_t JSONMIB_SENDTRAP_POSITIONS = JSONMIB_SENDTRAP_ROW * JSONMIB_SENDTRAP_PER_BYTE;
 
+/* The one row that the iterator is shown while a request is answered. */
+struct jsonmib_seek_t {
+    bool active;
+    bool found; /* false: no row answers */
+    uint32_t values[JSONMIB_INDEX_MAX + 1];
+};
+
 /* A card table; owned by the handlers of its registration, which count their references. */
 struct jsonmib_table_info_t {
     tpg_jsonmib_register_info_t* jsonmib_reginfo; /* the card it belongs to */
@@ -115,6 +122,7 @@ struct jsonmib_table_info_t {
     uint8_t index_used;                       /* SNMP indexes of the registered table */
     uint8_t index_pos[JSONMIB_INDEX_MAX + 1]; /* their positions in index_info */
     uint32_t refcnt;                          /* handlers that share the record */
+    jsonmib_seek_t seek;
 };
 
 /* ---- trap bindings of a card ---- */
