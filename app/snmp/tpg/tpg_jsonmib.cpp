@@ -175,7 +175,7 @@ static void unregister_tables(tpg_context_t* ctx, const char* kind,
     }
 }
 
-void jsonmib_release(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_reginfo)
+void jsonmib_release_tables(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_reginfo)
 {
     jsonmib_proc_unregistration(ctx, jsonmib_reginfo);
     free(jsonmib_reginfo->fault_table_reginfo);
@@ -184,9 +184,14 @@ void jsonmib_release(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_re
     jsonmib_reginfo->fault_json_table = nullptr;
     free(jsonmib_reginfo->gen_table_reginfo);
     jsonmib_reginfo->gen_table_reginfo = nullptr;
+    release_trap_bindings(jsonmib_reginfo);
+}
+
+void jsonmib_release(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_reginfo)
+{
+    jsonmib_release_tables(ctx, jsonmib_reginfo);
     json_object_put(jsonmib_reginfo->sendtrap_json_db);
     jsonmib_reginfo->sendtrap_json_db = nullptr;
-    release_trap_bindings(jsonmib_reginfo);
 }
 
 static void release_trap_bindings(tpg_jsonmib_register_info_t* jsonmib_reginfo)

@@ -27,6 +27,9 @@ int jsonmib_proc_registration(tpg_context_t* ctx, const char* json_string, size_
 /* Unregisters every table recorded in jsonmib_reginfo; the arrays stay the caller's. */
 void jsonmib_proc_unregistration(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_reginfo);
 
+/* Unregisters the record's tables and releases them and the trap bindings. */
+void jsonmib_release_tables(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_reginfo);
+
 /*
  * Unregisters the record's tables and releases all that it owns: arrays,
  * bindings, send-trap document. Identity, mask, master and counts stay.

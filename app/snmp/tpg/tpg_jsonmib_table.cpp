@@ -11,7 +11,7 @@
 
 static netsnmp_handler_registration* register_table(tpg_context_t*, jsonmib_table_info_t*,
                                                     const char*, Netsnmp_Node_Handler*);
-static bool oid_has_room(tpg_context_t*, const jsonmib_table_info_t*);
+static bool oid_can_be_registered(tpg_context_t*, const jsonmib_table_info_t*);
 static void debug_table(const jsonmib_table_info_t*);
 static netsnmp_iterator_info* new_iterator_info(jsonmib_table_info_t*);
 static netsnmp_handler_registration* new_registration(const jsonmib_table_info_t*);
@@ -48,7 +48,7 @@ static netsnmp_handler_registration* register_table(tpg_context_t* ctx,
                                                     Netsnmp_Node_Handler* request_handler)
 {
     jsonmib_find_used_indexes(jsonmib_table);
-    if (!oid_has_room(ctx, jsonmib_table)) {
+    if (!oid_can_be_registered(ctx, jsonmib_table)) {
         jsonmib_table_free(jsonmib_table);
         return nullptr;
     }
@@ -141,17 +141,27 @@ static bool inject(netsnmp_handler_registration* registration, netsnmp_mib_handl
     return true;
 }
 
-/* The library builds a cell's OID, table.entry.column.indexes, in MAX_OID_LEN places unchecked. */
-static bool oid_has_room(tpg_context_t* ctx, const jsonmib_table_info_t* jsonmib_table)
+/*
+ * The library builds a cell's OID, table.entry.column.indexes, in MAX_OID_LEN
+ * places unchecked, and loses track of registrations outside the OID tree's
+ * three roots.
+ */
+static bool oid_can_be_registered(tpg_context_t* ctx, const jsonmib_table_info_t* jsonmib_table)
 {
     constexpr uint32_t ENTRY_AND_COLUMN = 2;
+    constexpr uint32_t LAST_ROOT = 2; /* joint-iso-ccitt */
     const uint32_t longest = MAX_OID_LEN - ENTRY_AND_COLUMN - jsonmib_table->index_used;
-    if (jsonmib_table->oid_len <= longest) {
-        return true;
+    if (jsonmib_table->oid_len > longest) {
+        TPG_ERROR(ctx, "table %s: an oid of %u elements leaves no room for cells, at most %u",
+                  jsonmib_table_name(jsonmib_table).text, jsonmib_table->oid_len, longest);
+        return false;
     }
-    TPG_ERROR(ctx, "table %s: an oid of %u elements leaves no room for cells, at most %u",
-              jsonmib_table_name(jsonmib_table).text, jsonmib_table->oid_len, longest);
-    return false;
+    if (jsonmib_table->oid[0] > LAST_ROOT) {
+        TPG_ERROR(ctx, "table %s: an oid cannot begin with %u",
+                  jsonmib_table_name(jsonmib_table).text, jsonmib_table->oid[0]);
+        return false;
+    }
+    return true;
 }
 
 static void debug_table(const jsonmib_table_info_t* jsonmib_table)

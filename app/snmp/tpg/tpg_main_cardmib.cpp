@@ -25,6 +25,8 @@ int tpg_snmp_register_jsonmib(tpg_context_t* ctx, tpg_libmib_register_info_t* li
         TPG_ERROR(ctx, "%s(): fread failed", __func__);
         return -1;
     }
+    /* A card whose own registration failed halfway may have come to reference another since. */
+    jsonmib_release_tables(ctx, jsonmib_reginfo);
     if (jsonmib_proc_registration(ctx, text.get(), size, jsonmib_reginfo) != 0) {
         TPG_ERROR(ctx, "tpg_parse_jsonmib failed");
         return -1;
