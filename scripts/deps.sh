@@ -3,12 +3,12 @@
 # installed. As root, or with a sudo that asks nothing, it installs what is
 # missing; else it prints the command to type and fails.
 #
-#   scripts/deps.sh
+#   scripts/deps.sh [PACKAGE...]     the packages named are wanted too
 set -eu
 
 packages=(g++ gcc cmake ninja-build pkg-config binutils
 	libsnmp-dev libevent-dev libjson-c-dev libgtest-dev
-	snmpd snmptrapd snmp iproute2 util-linux)
+	snmpd snmptrapd snmp iproute2 util-linux "$@")
 
 is_installed() { # PACKAGE
 	[ "$(dpkg-query -W -f '${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
