@@ -101,6 +101,8 @@ void world_end(world_t* world)
 proc_t proc_start(const std::string& name, const words_t& command, const words_t& more, bool piped)
 {
     proc_t proc = {.log = RUN + name + ".log", .output = RUN + name + ".out"};
+    fs::remove(proc.log); /* of an earlier one */
+    fs::remove(proc.output);
     int in[2] = {-1, -1};
     EXPECT_EQ(piped ? pipe2(in, O_CLOEXEC) : 0, 0) << strerror(errno);
     proc.pid = fork();
@@ -204,21 +206,36 @@ void snmptrapd_start(world_t* world)
     EXPECT_TRUE(wait_for_text("/tmp/run/traps", "NET-SNMP version"));
 }
 
-std::vector<std::vector<var_t>> traps()
+words_t traps()
 {
-    std::vector<std::vector<var_t>> all;
+    const std::string time = ".1.3.6.1.2.1.1.3.0 = Timeticks: ";
+    const std::string trap_oid = ".1.3.6.1.6.3.1.1.4.1.0 = OID: ";
+    words_t all;
     std::istringstream in(read_file("/tmp/run/traps"));
     for (std::string line; std::getline(in, line);) {
         if (!line.starts_with("TRAP\t")) {
             continue;
         }
-        all.emplace_back();
         std::istringstream vars(line.substr(5));
+        std::string text;
+        std::getline(vars, text, '\t');
+        EXPECT_TRUE(text.starts_with(time)) << line;
+        std::getline(vars, text, '\t');
+        EXPECT_TRUE(text.starts_with(trap_oid)) << line;
+        text.erase(0, trap_oid.size());
         for (std::string var; std::getline(vars, var, '\t');) {
-            all.back().push_back(parse_var(var));
+            const size_t equals = var.find(" = ");
+            text += " " + var.replace(equals, 3, "=");
         }
+        all.push_back(text);
     }
     return all;
+}
+
+void expect_traps(const words_t& expected)
+{
+    wait_for([&] { return traps().size() >= expected.size(); });
+    EXPECT_EQ(joined(traps()), joined(expected));
 }
 
 void tpg_start(world_t* world, const words_t& options, const std::string& board, bool up)
@@ -540,9 +557,36 @@ tpg_msg_libmib_update_t client_update(tpg_msg_type type, int slot, const std::st
     return msg;
 }
 
+std::string notify(int slot, uint32_t var, uint32_t index, const std::string& data, size_t cut)
+{
+    const size_t length = TPG_TRAP_HEAD_LEN + data.size() - cut;
+    tpg_msg_trap_notify_t msg = {};
+    msg.head = client_head(TPG_MSG_TRAP_NOTIFY, length);
+    msg.trap_notify.var_id = var;
+    msg.trap_notify.index = index;
+    msg.trap_notify.slot_no = static_cast<uint8_t>(slot);
+    msg.trap_notify.data_len = static_cast<uint16_t>(data.size());
+    data.copy(reinterpret_cast<char*>(msg.trap_notify.data), TPG_TRAP_DATA_MAX);
+    return {reinterpret_cast<const char*>(&msg), length};
+}
+
+std::string big_endian(uint32_t number)
+{
+    std::string bytes;
+    for (const unsigned shift : {24U, 16U, 8U, 0U}) {
+        bytes += static_cast<char>(number >> shift & 0xffU);
+    }
+    return bytes;
+}
+
 void client_send(int fd, const void* data, size_t length)
 {
     EXPECT_EQ(write(fd, data, length), static_cast<ssize_t>(length)) << strerror(errno);
+}
+
+void client_send(int fd, const std::string& bytes)
+{
+    client_send(fd, bytes.data(), bytes.size());
 }
 
 bool client_update_acked(int fd, const tpg_msg_libmib_update_t& msg)

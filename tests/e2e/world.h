@@ -81,8 +81,10 @@ std::string run(const words_t& command);
 /* The master agent, with more lines for its configuration. */
 void snmpd_start(world_t* world, const std::string& more = "");
 void snmptrapd_start(world_t* world);
-/* All traps so far. */
-std::vector<std::vector<var_t>> traps();
+/* All traps so far, each as "OID NAME=TYPE: VALUE NAME=TYPE: VALUE". */
+words_t traps();
+/* Waits for as many traps as expected, and compares. */
+void expect_traps(const words_t& expected);
 /* The agent; waits until it is up. An empty board leaves BASE_BOARD unset, up = false does not
  * wait. */
 void tpg_start(world_t* world, const words_t& options = {}, const std::string& board = "3100KX",
@@ -139,8 +141,14 @@ com_msg_head_t client_head(uint16_t type, size_t length);
 tpg_msg_libmib_update_t client_update(tpg_msg_type type, int slot, const std::string& product,
                                       const std::string& family, int minor,
                                       const std::string& library);
+/* A notify of a fault variable, with data; the last bytes of the message may be cut off. */
+std::string notify(int slot, uint32_t var, uint32_t index, const std::string& data = "",
+                   size_t cut = 0);
+/* A number as four bytes of such data. */
+std::string big_endian(uint32_t number);
 /* Writes in one piece. */
 void client_send(int fd, const void* data, size_t length);
+void client_send(int fd, const std::string& bytes);
 /* Sends an update and reads the acknowledgement; false if none comes. */
 bool client_update_acked(int fd, const tpg_msg_libmib_update_t& msg);
 

@@ -1,0 +1,146 @@
+/* The traps that notifies of cards become, as a trap receiver sees them. */
+
+#include "world.h"
+
+static const std::string CARD = "1.3.6.1.4.1.32473.2", ALARM = CARD + ".11.1.1.2.",
+                         TWIN = CARD + ".11.2.1.2.", GRID = CARD + ".11.3.1.2.";
+static constexpr int ROW_VAR = 200, GRID_VAR = 210, WIDE_VAR = 220; /* the first has two tables */
+
+static table_t fault_table(int number, int var, const std::vector<std::pair<int, int>>& indexes,
+                           const std::string& rule)
+{
+    const std::string name = std::to_string(number), oid = CARD + ".11." + name;
+    const std::string info = R"("trap_info": {"fault_present_var_id": )" + std::to_string(var) +
+                             R"(, "specific_start": )" + rule + "}";
+    return {name, oid, indexes, {{var, 1, 0, 0}, {0, 1, 1, 2}}, info};
+}
+
+/* Cards in the slots 3 and 4, the second served by the first's tables; a client to send with. */
+static int demo_start(world_t* w)
+{
+    const std::string more = R"("enterprise_oid": [1, 3, 6, 1, 4, 1, 32473, 2],
+        "instslot_oid": [1, 3, 6, 1, 4, 1, 32473, 2, 1], "trap_var_bindings": [
+        {"oid": [1, 3, 6, 1, 4, 1, 32473, 2, 20, 1], "specific": "100-105, 300-301"},
+        {"oid": [1, 3, 6, 1, 4, 1, 32473, 2, 20, 2], "specific": "106-109,107-107 111"},
+        {"oid": [1, 3, 6, 1, 4, 1, 32473, 2, 20, 3, 1], "specific": "5-6,107-109"}],)";
+    const std::vector<table_t> tables = {
+        fault_table(1, ROW_VAR, {{1, 64}}, R"(100, "index_ofs_1": 10)"),
+        fault_table(2, ROW_VAR, {{1, 64}}, R"(5000, "index_ofs_1": 1)"),
+        fault_table(3, GRID_VAR, {{1, 4}, {1, 10}},
+                    R"(1000, "index_ofs_1": 100, "index_ofs_2": 3)"),
+        fault_table(4, WIDE_VAR, {{1, 64}, {1, 255}}, "7000")};
+    card_files("demo", document({}, tables, more));
+    agents_start(w);
+    snmptrapd_start(w);
+    chassis_start(w, played_card(3, "demo", "DEMO") + "," + played_card(4, "demo", "DEMO") + "," +
+                         played_card(5, "demo", "DEMO", R"(, "plugged": false)"));
+    EXPECT_TRUE(wait_for([] { return get(GRID + "1.1.4") == "INTEGER: 2"; }));
+    return client_connect();
+}
+
+static std::string trap(uint32_t specific, int slot, const std::string& bindings = "")
+{
+    const std::string number = std::to_string(slot);
+    return "." + CARD + ".0." + std::to_string(specific) + " ." + CARD + ".1." + number +
+           "=INTEGER: " + number + bindings;
+}
+
+/* The number of a trap follows from the row, and from what the card adds to it. */
+TEST_F(World, TrapsAreNumberedByTheirRows)
+{
+    const int fd = demo_start(&w);
+    EXPECT_EQ(chassis(&w, "fault 4 210 0x101 2"), "ok fault 4 210 257");
+    expect_traps({trap(1105, 4)});
+    const std::string brief = "\x01\x01\x01"; /* too little for an offset */
+    client_send(fd, notify(3, 999, 0) + notify(3, ROW_VAR, 6) + notify(3, ROW_VAR, 0x10002));
+    client_send(fd, notify(4, ROW_VAR, 3, big_endian(70000)) + notify(3, ROW_VAR, 4, brief));
+    client_send(fd, notify(3, GRID_VAR, 0x203) + notify(4, GRID_VAR, 0xff000309, big_endian(1)));
+    expect_traps({trap(1105, 4), trap(160, 3), trap(5006, 3), trap(120, 3), trap(5002, 3),
+                  trap(70130, 4), trap(75003, 4), trap(140, 3), trap(5004, 3), trap(1209, 3),
+                  trap(1328, 4)});
+}
+
+TEST_F(World, SwitchesHoldTrapsBack)
+{
+    const int fd = demo_start(&w);
+    for (const std::string& cell : {ALARM + "6.4", GRID + "3.4.3", TWIN + "8.3", ALARM + "8.3"}) {
+        EXPECT_EQ(set(cell, "i", "1"), "");
+    }
+    for (const int slot : {4, 3}) { /* the first notify reaches the second table on both */
+        client_send(fd, notify(slot, ROW_VAR, 5) + notify(slot, ROW_VAR, 7) +
+                            notify(slot, GRID_VAR, 0x0203));
+    }
+    client_send(fd, notify(3, GRID_VAR, 0x0202));
+    words_t expected = {trap(5005, 4), trap(170, 4),  trap(5007, 4), trap(1209, 4),
+                        trap(150, 3),  trap(5005, 3), trap(1206, 3)};
+    expect_traps(expected);
+    for (const auto& [row, count] : {std::pair{"0x5", 1}, {"0x7", 2}, {"0x203", 1}}) {
+        EXPECT_EQ(log_count(w, std::string("xxxSendTrap[") + row + "] was disabled"), count);
+    }
+    EXPECT_EQ(set(ALARM + "6.4", "i", "2"), "");
+    client_send(fd, notify(4, ROW_VAR, 5));
+    expected.insert(expected.end(), {trap(150, 4), trap(5005, 4)});
+    expect_traps(expected);
+}
+
+TEST_F(World, TrapsCarryTheBindingsOfTheirNumbers)
+{
+    const int fd = demo_start(&w);
+    EXPECT_EQ(set(TWIN + "1.3", "i", "1"), "");
+    const auto send = [fd](int slot, uint32_t offset, uint32_t row, const std::string& text,
+                           size_t length = std::string::npos) {
+        const std::string data = big_endian(offset) + big_endian(row) + text;
+        client_send(fd, notify(slot, ROW_VAR, 0, data.substr(0, length)));
+    };
+    const auto binding = [](const std::string& rest, const std::string& value) {
+        return " ." + CARD + ".20." + rest + "=" + value;
+    };
+    const std::string two = "STRING: \"two\"", longest(255, 'x');
+    send(3, 3, 11, "\3two");
+    send(3, 7, 0, "\3two and more");
+    send(3, 11, 1, "\1x"); /* one number is no range */
+    send(3, 201, 4, std::string(1, '\0'));
+    send(3, 5, 1, "\3two", 8); /* cut */
+    send(3, 5, 1, "\3two", 11);
+    send(4, 6, 2, "\xff" + longest);
+    expect_traps({trap(103, 3, binding("1.12.3", two)),
+                  trap(107, 3, binding("2.1.3", two) + binding("3.1.1.3", two)), trap(111, 3),
+                  trap(301, 3, binding("1.5.3", "\"\"")), trap(105, 3), trap(105, 3),
+                  trap(106, 4, binding("2.3.4", "STRING: \"" + longest + "\"")), trap(5006, 4)});
+}
+
+TEST_F(World, RefusesNotifiesThatMakeNoTrap)
+{
+    const int fd = demo_start(&w), errors = log_count(w, "|Error");
+    client_send(fd, notify(3, ROW_VAR, 1, "", 4) + notify(3, ROW_VAR, 1, "12345", 1));
+    client_send(fd, notify(9, ROW_VAR, 1) + notify(16, ROW_VAR, 1) + notify(0, ROW_VAR, 1));
+    client_send(fd, notify(3, WIDE_VAR, 0x1014) + notify(3, ROW_VAR, 4100));
+    /* The last position that is taken has the next slot's switch. */
+    client_send(fd, notify(3, WIDE_VAR, 0x1013) + notify(3, GRID_VAR, 0));
+    expect_traps({trap(7000, 3), trap(1000, 3)});
+    for (const char* line :
+         {"refused a trap notify of 20 bytes with 0 bytes", "of 28 bytes with 5 bytes of data",
+          "no card is registered at slot_no 9", "Invalid slot_no 16", "Invalid slot_no 0",
+          "Table 4 var 220: index 0x1014 is out of range. [1:64], [1:255]",
+          "Table 1 var 200: index 0x1004 is out of range. [1:64], [1:15]"}) {
+        EXPECT_EQ(log_count(w, line), 1) << line;
+    }
+    EXPECT_EQ(log_count(w, "|Error"), errors + 7);
+}
+
+TEST_F(World, FloodOfTrapsKeepsItsOrderAndStallsNobody)
+{
+    const int fd = demo_start(&w);
+    std::string flood;
+    words_t expected;
+    for (uint32_t i = 0; i < 1000; i++) {
+        flood += notify(3, GRID_VAR, 0, big_endian(i));
+        expected.push_back(trap(1000 + i, 3));
+    }
+    client_send(fd, flood);
+    EXPECT_EQ(chassis(&w, "plug 5"), "ok plug 5 registered");
+    EXPECT_TRUE(wait_for([] { return get(GRID + "1.1.5") == "INTEGER: 2"; }));
+    EXPECT_LT(traps().size(), expected.size()); /* it was answered in between */
+    EXPECT_TRUE(wait_for_text("/tmp/run/traps", CARD + ".0.1999"));
+    expect_traps(expected);
+}
