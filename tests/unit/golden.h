@@ -36,25 +36,16 @@ template <size_t size> consteval std::array<uint8_t, size> image(std::string_vie
 }
 
 /* A message as it is on a big-endian and on a little-endian board. */
-template <size_t size> struct golden_t {
-    std::array<uint8_t, size> big;
-    std::array<uint8_t, size> little;
-    constexpr const std::array<uint8_t, size>& host() const
-    {
-        return std::endian::native == std::endian::big ? big : little;
-    }
-    constexpr const std::array<uint8_t, size>& foreign() const
-    {
-        return std::endian::native == std::endian::big ? little : big;
-    }
-};
+template <size_t size> using golden_t = std::array<std::array<uint8_t, size>, 2>;
+inline constexpr size_t HOST = std::endian::native == std::endian::big ? 0 : 1;
+inline constexpr size_t FOREIGN = 1 - HOST;
 
 /* Sender 1234; slot 3; version 1.2.566. */
 inline constexpr golden_t<196> GOLDEN_REGISTER = {
     image<196>("0001 00c4 0000 7067 000004d2 'qmc4512' @28 'qmc' @44 'SN0042' @60 01 02 03 00 "
-               "00000236 '/opt/card/libmib.so'"),
+               "00000236 '/tmp/card/libmib.so'"),
     image<196>("0100 c400 0000 6770 d2040000 'qmc4512' @28 'qmc' @44 'SN0042' @60 01 02 03 00 "
-               "36020000 '/opt/card/libmib.so'")};
+               "36020000 '/tmp/card/libmib.so'")};
 inline constexpr golden_t<12> GOLDEN_ACK = {image<12>("0001 000c 0001 0000 000004d2"),
                                             image<12>("0100 0c00 0100 0000 d2040000")};
 /* Variable 200, row 0x0203, slot 3; offset 5, first index 7, text "port". */

@@ -1,4 +1,4 @@
-/* Both copies of a message, the budget of a connection, and debug tokens. */
+/* Both copies of a message, and the budget of a connection. */
 
 #include "unit.h"
 
@@ -44,24 +44,20 @@ static std::string written(tpg_context_t* ctx, tpg_log_level level, const std::s
 
 TEST(log, copies_and_thresholds)
 {
-    const std::string pid = std::to_string(getpid());
-    struct {
-        tpg_log_level level;
-        std::string console;
-    } levels[] = {
-        {tpg_log_level::error, R"(\|Error \(tpg:)" + pid + R"(\)\|log_test.cpp:\d+: a b)"},
-        {tpg_log_level::warn, R"(\|Warn \(tpg:)" + pid + R"(\)\|log_test.cpp:\d+: a b)"},
-        {tpg_log_level::info, R"(\|Info \(tpg:)" + pid + R"(\)\|: a b)"},
-        {tpg_log_level::debug, R"(\|Debug \(tpg:)" + pid + R"(\)\|: a b)"}};
+    const std::pair<tpg_log_level, const char*> levels[] = {
+        {tpg_log_level::error, R"(\|Error \(tpg:\d+\)\|log_test.cpp:\d+: a b\n)"},
+        {tpg_log_level::warn, R"(\|Warn \(tpg:\d+\)\|log_test.cpp:\d+: a b\n)"},
+        {tpg_log_level::info, R"(\|Info \(tpg:\d+\)\|: a b\n)"},
+        {tpg_log_level::debug, R"(\|Debug \(tpg:\d+\)\|: a b\n)"}};
     for (uint8_t threshold = 0; threshold < 9; threshold++) {
         const auto ctx = new_context(threshold);
-        for (const auto& [level, console] : levels) {
+        for (const auto& [level, line] : levels) {
             syslog_text.clear();
             const bool passes = threshold >= static_cast<int>(level);
             const std::string text = written(ctx.get(), level, "a b");
-            EXPECT_TRUE(std::regex_match(text, std::regex(passes ? console + "\n" : ""))) << text;
-            const std::string line = std::to_string(static_cast<int>(level)) + " log_test.cpp:";
-            EXPECT_TRUE(syslog_text.starts_with(passes ? line : "")) << syslog_text;
+            EXPECT_TRUE(std::regex_match(text, std::regex(passes ? line : ""))) << text;
+            const std::string start = std::to_string(static_cast<int>(level)) + " log_test.cpp:";
+            EXPECT_TRUE(syslog_text.starts_with(passes ? start : "")) << syslog_text;
             EXPECT_EQ(syslog_text.ends_with(": a b"), passes);
         }
     }
@@ -69,7 +65,6 @@ TEST(log, copies_and_thresholds)
     ctx->log_console = 0;
     EXPECT_EQ(written(ctx.get(), tpg_log_level::error, "x"), "");
     EXPECT_TRUE(syslog_text.ends_with(": x"));
-    EXPECT_STREQ(tpg_log_basename("/a/b.c"), "b.c");
 }
 
 TEST(log, texts_from_outside)
@@ -89,18 +84,17 @@ TEST(log, budget_of_a_connection)
     tpg_log_budget_t budget = {};
     const auto emit = [&] { TPG_ERROR(ctx.get(), "line"); };
     bool same_second = false;
-    for (int attempt = 0; attempt < 5 && !same_second; attempt++) {
+    for (const time_t end = time(nullptr) + 60; !same_second && time(nullptr) < end;) {
         budget = {};
         budget.fd = 9;
         tpg_log_charge(ctx.get(), &budget);
         syslog_total = 0;
+        const time_t begin = time(nullptr);
         log_of([&] {
-            emit();
-            const time_t second = budget.second;
-            for (int i = 1; i < 203; i++) {
+            for (int i = 0; i < 203; i++) {
                 emit();
             }
-            same_second = budget.second == second;
+            same_second = time(nullptr) == begin;
         });
     }
     ASSERT_TRUE(same_second);
@@ -111,28 +105,4 @@ TEST(log, budget_of_a_connection)
     tpg_log_charge(ctx.get(), &budget);
     budget.second = 0;
     EXPECT_EQ(log_of(emit), "Warn 3 more lines about connection FD 9 are left out\nError line\n");
-    EXPECT_EQ(budget.lines, 1U);
-    EXPECT_EQ(log_of([&] { tpg_log_settle(ctx.get(), &budget); }), "");
-}
-
-TEST(log, tokens)
-{
-    char list[] = "a,b,,c,d,e,f,readcb,0123456789012345678901234567890123456789,i";
-    tpg_debug_tokens_set(list);
-    EXPECT_EQ(tpg_debug_tokens_total, 8);
-    EXPECT_STREQ(tpg_debug_tokens[7], "0123456789012345678901234567890");
-    EXPECT_EQ(tpg_token_enabled("readcb"), 1);
-    for (const char* token : {"i", "READCB", "read", "readcbx", ""}) {
-        EXPECT_EQ(tpg_token_enabled(token), 0);
-    }
-    const auto ctx = new_context();
-    EXPECT_EQ(log_of([&] {
-                  TPG_TRACE(ctx.get(), "readcb", "on");
-                  TPG_TRACE(ctx.get(), "trap", "off");
-              }),
-              "Error on\n");
-    char later[] = "trap";
-    tpg_debug_tokens_set(later);
-    EXPECT_EQ(tpg_token_enabled("a") + tpg_token_enabled("trap"), 1);
-    tpg_debug_tokens_total = 0;
 }

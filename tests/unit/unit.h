@@ -34,6 +34,14 @@ template <typename action_t> std::string log_of(action_t action)
                               std::regex(R"(\|(\w+) \(tpg:\d+\)\|(\w+\.cpp:\d+)?: )"), "$1 ");
 }
 
+/* The result of action and its log: "-1 Error ...\n". */
+template <typename action_t> std::string outcome_of(action_t action)
+{
+    int ret = 0;
+    const std::string log = log_of([&] { ret = action(); });
+    return std::to_string(ret) + " " + log;
+}
+
 inline bool has(const std::string& text, const std::string& part)
 {
     return text.find(part) != std::string::npos;
@@ -53,26 +61,24 @@ inline void write_file(const std::string& path, const std::string& text)
 
 inline std::string read_file(const std::string& path)
 {
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
-/* The table record behind a registration, or null. */
+/* The table record behind a registration. */
 inline jsonmib_table_info_t* table_of(const netsnmp_handler_registration* registration)
 {
-    const netsnmp_mib_handler* handler = registration == nullptr ? nullptr : registration->handler;
-    while (handler != nullptr && strncmp(handler->handler_name, "tpg_", 4) != 0) {
+    const netsnmp_mib_handler* handler = registration->handler;
+    while (strncmp(handler->handler_name, "tpg_", 4) != 0) {
         handler = handler->next;
     }
-    return handler == nullptr ? nullptr : static_cast<jsonmib_table_info_t*>(handler->myvoid);
+    return static_cast<jsonmib_table_info_t*>(handler->myvoid);
 }
 
 /* The record of a card in slot 3 that is its family's master; gone at the end of its scope. */
 struct card_t {
     std::unique_ptr<tpg_context_t> ctx = new_context();
     tpg_jsonmib_register_info_t* record = &ctx->jsonmib_reg_info[2];
-    std::string log; /* of the last load */
 
     card_t()
     {
@@ -81,15 +87,15 @@ struct card_t {
         record->slot_ref_mask = 1U << 3U;
         record->actual_reginfo = record;
     }
-    card_t(const card_t&) = delete;
-    card_t& operator=(const card_t&) = delete;
     int load(const std::string& document)
     {
-        int ret = 0;
-        log = log_of([&] {
-            ret = jsonmib_proc_registration(ctx.get(), document.data(), document.size(), record);
+        return loaded(document).front() == '0' ? 0 : -1;
+    }
+    std::string loaded(const std::string& document)
+    {
+        return outcome_of([&] {
+            return jsonmib_proc_registration(ctx.get(), document.data(), document.size(), record);
         });
-        return ret;
     }
     void unload()
     {

@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <string>
 #include <unistd.h>
 
 /* The slot's file, and the newest good text of it while the file itself is being rewritten. */
@@ -30,8 +29,8 @@ static db_paths_t db_paths(const tpg_jsonmib_register_info_t*);
 static db_read db_read_file(tpg_context_t*, const char*, uint32_t, json_object**);
 static int db_create(tpg_context_t*, tpg_jsonmib_register_info_t*, const db_paths_t*);
 static int db_load_spare(tpg_context_t*, tpg_jsonmib_register_info_t*, const db_paths_t*);
-static int db_write_text(const char*, const std::string&);
-static std::string db_text(json_object*);
+static int db_write_text(const char*, const char*);
+static const char* db_text(json_object*);
 static json_object* db_find_array(tpg_context_t*, json_object*, const char*);
 static void db_copy_to_row(tpg_context_t*, json_object*, const char*, uint8_t*);
 static json_object* db_new_array(const uint8_t*);
@@ -61,6 +60,7 @@ int tpg_db_load_sendtrap_db_file(tpg_context_t* ctx, tpg_jsonmib_register_info_t
     const db_paths_t paths = db_paths(jsonmib_reginfo);
     switch (db_read_file(ctx, paths.file, slot, &jsonmib_reginfo->sendtrap_json_db)) {
     case db_read::ok:
+        unlink(paths.spare); /* of a rewrite that never came to the file */
         TPG_INFO(ctx, "Successfully loaded sendtrap json db file %s.", paths.file);
         return 0;
     case db_read::missing:
@@ -79,8 +79,12 @@ static db_read db_read_file(tpg_context_t* ctx, const char* path, uint32_t slot,
 {
     off_t size = 0;
     const tpg_fd_t file = {tpg_file_open_read(path, tpg_links::refuse, &size)};
-    if (file.fd < 0) {
+    if (file.fd < 0 && errno == ENOENT) {
         return db_read::missing;
+    }
+    if (file.fd < 0) {
+        TPG_ERROR(ctx, "Failed to open %s, %s", path, strerror(errno));
+        return db_read::broken; /* out of descriptors, say: what it holds must stay */
     }
     if (size < 1 || static_cast<size_t>(size) > TPG_FILE_MAX) {
         TPG_ERROR(ctx, "Corrupted persistence json file!");
@@ -115,7 +119,8 @@ static int db_create(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_re
 {
     TPG_INFO(ctx, "Creating %s", paths->file);
     tpg_json_t empty(json_object_new_object());
-    if (empty == nullptr || db_write_text(paths->file, db_text(empty.get())) != 0) {
+    const char* text = empty == nullptr ? nullptr : db_text(empty.get());
+    if (text == nullptr || db_write_text(paths->file, text) != 0) {
         TPG_ERROR(ctx, "Failed to open %s, %s", paths->file, strerror(errno));
         unlink(paths->file); /* half a file would count as a broken one at the next load */
         return -1;
@@ -141,18 +146,22 @@ static int db_load_spare(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmi
 
 /* ---- write ---- */
 
-static std::string db_text(json_object* db)
+/* The text belongs to the document; null with errno set when there is no memory for it. */
+static const char* db_text(json_object* db)
 {
     const char* text = json_object_to_json_string_ext(db, JSON_C_TO_STRING_SPACED);
-    return text == nullptr ? std::string() : std::string(text) + "\n";
+    if (text == nullptr) {
+        errno = ENOMEM;
+    }
+    return text;
 }
 
-/* 0 when the text stands in the file and on the disk, -1 with errno set otherwise. */
-static int db_write_text(const char* path, const std::string& text)
+/* 0 when the text stands in the file as a line and on the disk, -1 with errno set otherwise. */
+static int db_write_text(const char* path, const char* text)
 {
     const tpg_fd_t file = {tpg_file_open_write(path)};
-    if (file.fd < 0 || tpg_file_write(file.fd, text.data(), text.size()) != 0 ||
-        fsync(file.fd) != 0) {
+    if (file.fd < 0 || tpg_file_write(file.fd, text, strlen(text)) != 0 ||
+        tpg_file_write(file.fd, "\n", 1) != 0 || fsync(file.fd) != 0) {
         return -1;
     }
     return tpg_file_sync_dir(path);
@@ -161,15 +170,17 @@ static int db_write_text(const char* path, const std::string& text)
 /*
  * The file is rewritten in place. Its new text goes to the spare first, so
  * that a power cut at any moment leaves one of the two whole; a flash without
- * room for the spare keeps the old file.
+ * room for the spare keeps the old file. A spare that stands from before holds
+ * the only good text, the file's being broken: it stays until the file is whole.
  */
 void tpg_db_update_sendtrap_db_file(tpg_context_t* ctx,
                                     tpg_jsonmib_register_info_t* jsonmib_reginfo)
 {
     const db_paths_t paths = db_paths(jsonmib_reginfo);
-    const std::string text = db_text(jsonmib_reginfo->sendtrap_json_db);
+    const char* text = db_text(jsonmib_reginfo->sendtrap_json_db);
+    const bool spare_stands = access(paths.spare, F_OK) == 0;
     const char* failed = nullptr;
-    if (text.empty() || db_write_text(paths.spare, text) != 0) {
+    if (text == nullptr || (!spare_stands && db_write_text(paths.spare, text) != 0)) {
         failed = paths.spare;
     } else if (db_write_text(paths.file, text) != 0) {
         failed = paths.file;
@@ -178,7 +189,7 @@ void tpg_db_update_sendtrap_db_file(tpg_context_t* ctx,
         TPG_ERROR(ctx, "Failed to open %s, %s", failed, strerror(errno));
         TPG_ERROR(ctx, "Losing persistence storage capability!");
     }
-    if (failed != paths.file) {
+    if (failed == nullptr || (failed == paths.spare && !spare_stands)) {
         unlink(paths.spare);
     }
 }

@@ -1,8 +1,9 @@
 #include "tpg_file.h"
 
 #include <cerrno>
+#include <climits>
+#include <cstring>
 #include <fcntl.h>
-#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -99,9 +100,14 @@ int tpg_file_write(int fd, const void* buf, size_t size)
 
 int tpg_file_sync_dir(const char* path)
 {
-    const std::string name(path);
-    const size_t slash = name.rfind('/');
-    const std::string dir = slash == std::string::npos ? "." : name.substr(0, slash + 1);
-    const tpg_fd_t dir_fd = {open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+    char dir[PATH_MAX] = ".";
+    const char* slash = strrchr(path, '/');
+    const size_t length = slash == nullptr ? 0 : static_cast<size_t>(slash - path) + 1;
+    if (length >= sizeof(dir)) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    memcpy(dir, path, length);
+    const tpg_fd_t dir_fd = {open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
     return dir_fd.fd < 0 ? -1 : fsync(dir_fd.fd);
 }

@@ -241,7 +241,12 @@ static int serve_integer(const cell_request_t* cell, int32_t value)
 /* Serves the text up to its first zero byte, or all length bytes when it has none. */
 static int serve_string(const cell_request_t* cell, const char* text, uint32_t length)
 {
-    snmp_set_var_typed_value(cell->var, ASN_OCTET_STR, text, strnlen(text, length));
+    const size_t used = strnlen(text, length);
+    if (snmp_set_var_typed_value(cell->var, ASN_OCTET_STR, text, used) != 0) {
+        TPG_ERROR(cell->ctx, "no memory for a string of %zu bytes, instance %u, var_id %u", used,
+                  cell->instance, cell->param->var_id);
+        return SNMP_ERR_GENERR;
+    }
     return SNMP_ERR_NOERROR;
 }
 

@@ -1,5 +1,8 @@
 #include "tpg_jsonmib_rows.h"
 
+#include "tpg_log.h"
+
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -8,6 +11,7 @@ static const jsonmib_index_info_t* used_index(const jsonmib_table_info_t*, size_
 static void set_index(netsnmp_variable_list*, uint32_t);
 static netsnmp_variable_list* row_found(void**, netsnmp_variable_list*, netsnmp_iterator_info*);
 static netsnmp_variable_list* row_missing(void**);
+static netsnmp_variable_list* row_lost(const jsonmib_table_info_t*, void**);
 static netsnmp_variable_list* sought_row(void**, netsnmp_variable_list*, netsnmp_iterator_info*);
 static void free_row_context(void*);
 static void debug_index(const jsonmib_table_info_t*, size_t, const netsnmp_variable_list*);
@@ -248,22 +252,32 @@ static netsnmp_variable_list* row_missing(void** data_context)
     return nullptr;
 }
 
+/* There is no memory for the row: it is left out of the answer. */
+static netsnmp_variable_list* row_lost(const jsonmib_table_info_t* jsonmib_table,
+                                       void** data_context)
+{
+    TPG_ERROR(jsonmib_table->tpg_context, "table %s: calloc for a row failed, %s",
+              jsonmib_table_name(jsonmib_table).text, strerror(errno));
+    return row_missing(data_context);
+}
+
 /* Hands out a row with its context, the index values that the request handlers read. */
 static netsnmp_variable_list* row_found(void** data_context, netsnmp_variable_list* index_data,
                                         netsnmp_iterator_info* iterator_info)
 {
+    const jsonmib_table_info_t* jsonmib_table = table_of(iterator_info);
     auto* table_request =
         static_cast<netsnmp_table_request_info*>(calloc(1, sizeof(netsnmp_table_request_info)));
     if (table_request == nullptr) {
-        return row_missing(data_context);
+        return row_lost(jsonmib_table, data_context);
     }
-    table_request->number_indexes = table_of(iterator_info)->index_used;
+    table_request->number_indexes = jsonmib_table->index_used;
     table_request->indexes = snmp_clone_varbind(index_data);
     DEBUGMSGTL(("jsonmib", "table_request[%p]\n", static_cast<void*>(table_request)));
     DEBUGMSGTL(("jsonmib", "number_indexes: %u\n", table_request->number_indexes));
     if (table_request->indexes == nullptr) {
         free_row_context(table_request);
-        return row_missing(data_context);
+        return row_lost(jsonmib_table, data_context);
     }
     *data_context = table_request;
     return index_data;

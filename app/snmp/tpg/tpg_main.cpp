@@ -224,7 +224,9 @@ static void add_signal(tpg_context_t* ctx, int sig)
 {
     event* ev = event_new(ctx->levent_base, sig, EV_SIGNAL | EV_PERSIST, tpg_levent_stop, ctx);
     assert((ev));
-    event_add(ev, nullptr);
+    if (event_add(ev, nullptr) != 0) {
+        TPG_ERROR(ctx, "cannot watch signal %d: it ends the agent without clean-up", sig);
+    }
 }
 
 static void run_loop(tpg_context_t* ctx)

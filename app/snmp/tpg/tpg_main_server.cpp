@@ -91,8 +91,9 @@ static void listener_error_cb(evconnlistener* listener, void* arg)
 {
     auto* ctx = static_cast<tpg_context_t*>(arg);
     TPG_WARN(ctx, "cannot accept a connection, %s", strerror(errno));
-    evconnlistener_disable(listener);
-    event_add(ctx->svr_retry_timer, &LISTEN_RETRY_DELAY);
+    if (event_add(ctx->svr_retry_timer, &LISTEN_RETRY_DELAY) == 0) {
+        evconnlistener_disable(listener); /* the timer brings it back */
+    }
 }
 
 static void listener_retry_cb(int fd, short what, void* arg)
@@ -172,7 +173,11 @@ void tpg_svr_accept_cb(evconnlistener* listener, int fd, sockaddr* address, int 
     ctx->ipc_clnt_total++;
     bufferevent_setcb(bev, tpg_svr_conn_readcb, nullptr, tpg_svr_conn_eventcb, client);
     bufferevent_setwatermark(bev, EV_READ, 0, INPUT_MAX);
-    bufferevent_enable(bev, EV_READ | EV_WRITE);
+    if (bufferevent_enable(bev, EV_READ | EV_WRITE) != 0) {
+        TPG_ERROR(ctx, "cannot watch connection FD %d", fd);
+        free_client(client);
+        return;
+    }
     TPG_INFO(ctx, "Accepted Connection FD %d", fd);
 }
 
@@ -243,8 +248,8 @@ void tpg_svr_conn_readcb(bufferevent* bev, void* arg)
     TPG_TRACE(ctx, TRACE_READCB, "%s(): enter, state=%d", READCB_NAME, ctx->read_proc.state);
     const bool whole = read_message(ctx, client, bev);
     tpg_log_charge(ctx, nullptr);
-    if (whole) {
-        event_add(client->rdcb_timer, &REREAD_DELAY);
+    if (whole && event_add(client->rdcb_timer, &REREAD_DELAY) != 0) {
+        TPG_WARN(ctx, "FD %d: what else it has sent waits for its next message", client->acc_fd);
     }
 }
 

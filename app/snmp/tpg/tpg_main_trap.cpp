@@ -371,8 +371,11 @@ static int fill_binding(tpg_context_t* ctx, netsnmp_variable_list* binding,
     name[length] = first_index + 1;
     name[length + 1] = trap_notify->slot_no;
     binding->type = ASN_OCTET_STR;
-    snmp_set_var_objid(binding, name, length + 2);
-    snmp_set_var_value(binding, varbind_str, varbind_len);
+    if (snmp_set_var_objid(binding, name, length + 2) != 0 ||
+        snmp_set_var_value(binding, varbind_str, varbind_len) != 0) {
+        TPG_ERROR(ctx, "no memory for a trap binding of %u bytes", varbind_len);
+        return -1;
+    }
     TPG_DEBUG(ctx, "New var binding first_index %u, slot_no %u, varbind_len %u, varbind_str %.*s",
               first_index, trap_notify->slot_no, varbind_len, varbind_len,
               reinterpret_cast<const char*>(varbind_str));

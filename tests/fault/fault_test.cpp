@@ -1,0 +1,463 @@
+/* A card's whole life, once for every call on its way, with just that call failing. */
+
+#include "../unit/unit.h"
+#include "fault_calls.h"
+#include "tpg_jsonmib_ctrl.h"
+#include "tpg_main.h"
+#include "tpg_main_server.h"
+#include "tpg_main_trap.h"
+#include "uevgend_msg_i.h"
+
+#include <algorithm>
+#include <csignal>
+#include <fcntl.h>
+#include <filesystem>
+#include <functional>
+#include <poll.h>
+#include <set>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#ifdef __SANITIZE_ADDRESS__
+#include <sanitizer/lsan_interface.h>
+#endif
+
+namespace fs = std::filesystem;
+
+constexpr char DOCUMENT[] = R"({"enterprise_oid":[1,3,9],"instslot_oid":[1,3,8],
+ "gen_table_array":[{"name":"g","oid":[1,3,6,1,4,1,32473,7,1],
+  "index_array":[{"range0":1,"range1":2}],
+  "param_array":[{"table_index":true,"read_only":true},{"var_id":5,"type":1,"range1":99},
+                 {"var_id":6,"type":3,"range1":200}]}],
+ "fault_table_array":[{"name":"f","oid":[1,3,6,1,4,1,32473,7,2],
+  "index_array":[{"range0":1,"range1":4}],
+  "param_array":[{"table_index":true,"read_only":true},{"var_id":9,"type":1},
+                 {"type":1,"range0":1,"range1":2}],
+  "trap_info":{"fault_present_var_id":9,"specific_start":1,"index_ofs_1":1}}],
+ "trap_var_bindings":[{"oid":[1,3,7],"specific":"1-9"}]})";
+
+/* An objdump that shows a library with the document and nothing else. */
+constexpr char OBJDUMP[] = R"(#!/bin/sh
+size=$(printf %x $(wc -c </tmp/card/document))
+case $1 in
+-t) echo "4020 l O .data	$size jsonmib_prod" ;;
+-h) echo "9 .data $size" ;;
+*) echo Contents of section && od -An -v -tx1 /tmp/card/document | sed 's/ //g; s/......../& /g; s/^/4020 /' ;;
+esac
+)";
+
+constexpr char LOG[] = "/tmp/fault.log";
+constexpr char AGAIN_MARK[] = "AGAIN";
+constexpr char SWITCHES[] = "/mnt/flash0/cards/fam_slot03/sendtrap.json";
+constexpr int NOT_REACHED = 100; /* exit status: the life has fewer calls */
+
+/* Where a failed call is an assertion's, and the agent ends on purpose. */
+const std::regex
+    ASSERTION(R"(Assertion `\((json_tok|mib_handler|s > 0|tok|bev|ev|)"
+              R"(ctx->(svr_listener|svr_retry_timer|levent_base|lev_snmp_timeout))\)')");
+
+/* Failures that leave no line. */
+const std::vector<std::string> SILENT_LIFE = {
+    "access /mnt/flash0/cards/fam_slot03/sendtrap.json.last", /* as if there were no spare file */
+    "unlink /mnt/flash0/cards/fam_slot03/sendtrap.json.last", /* it holds what the file holds */
+    "unlink /tmp/.tpg_svr", /* a stale one is noticed by the listener that it keeps out */
+    "getrlimit",            /* the least limit is taken to hold */
+};
+const std::vector<std::string> SILENT_START = {
+    "unlink /tmp/.tpg_svr",
+    "stat /tmp/.tpg_debug",        /* as if nobody had asked for more lines */
+    "stat /var/built_in_jsonmib/", /* as if it were not there, which is logged either way */
+    "socket",                      /* the way to the system log, for the line of a crash ... */
+    "connect",                     /* ... which then goes to standard error alone */
+};
+
+extern "C" int __real_event_base_loop(event_base* base, int flags);
+
+/* ---- the card's side ---- */
+
+/* A control daemon that has a y for every byte asked of it. */
+[[noreturn]] static void run_daemon(int listener)
+{
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    for (int fd = -1;; close(fd)) {
+        fd = accept(listener, nullptr, nullptr);
+        uevgend_get_msg_t request;
+        char rest[TPG_MSG_MAX];
+        while (recv(fd, &request, sizeof(request), MSG_WAITALL) == sizeof(request)) {
+            std::string reply(sizeof(uevgend_get_reply_msg_t), 0);
+            if (request.head.usMsgType == UEVGEND_MSG_GET) {
+                const size_t wanted = UEVGEND_DATA_OFS + request.ctrl_get.usLength;
+                reply.assign(std::max(reply.size(), wanted), 'y');
+                memset(reply.data(), 0, UEVGEND_DATA_OFS);
+            } else {
+                recv(fd, rest, request.head.usMsgLen - sizeof(request), MSG_WAITALL);
+            }
+            send(fd, reply.data(), reply.size(), MSG_NOSIGNAL);
+        }
+    }
+}
+
+static int connected(const char* path)
+{
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    set_text(addr.sun_path, path);
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+    return fd;
+}
+
+/* Runs the agent's loop until done says so; bounded by turns, each of which serves all there is. */
+static bool turn(tpg_context_t* ctx, const std::function<bool()>& done)
+{
+    for (int i = 0; i < 40 && !done(); i++) {
+        as_agent([&] { __real_event_base_loop(ctx->levent_base, EVLOOP_NONBLOCK); });
+        poll(nullptr, 0, 1);
+    }
+    return done();
+}
+
+/* Sends a register or unregister message and awaits its acknowledgement. */
+static bool update(tpg_context_t* ctx, int fd, uint16_t type)
+{
+    tpg_msg_libmib_update_t message = {};
+    message.head.usMsgType = type;
+    message.head.usMsgLen = sizeof(message);
+    message.head.ulPid = static_cast<uint32_t>(getpid());
+    message.head.usReserved = com_msg_parity(&message.head, TPG_PARITY_KEY);
+    set_text(message.libmib_update.prod_string, "prod");
+    set_text(message.libmib_update.prod_family, "fam");
+    set_text(message.libmib_update.libmib_path, "/tmp/card/libmib.so");
+    message.libmib_update.slot_no = 3;
+    send(fd, &message, sizeof(message), MSG_NOSIGNAL);
+    tpg_msg_libmib_update_ack_t ack;
+    ssize_t n = -1;
+    turn(ctx, [&] { return n >= 0 || (n = recv(fd, &ack, sizeof(ack), MSG_DONTWAIT)) >= 0; });
+    return n == sizeof(ack);
+}
+
+/* ---- the manager's side ---- */
+
+static int traps;
+
+/* In place of the library's: counts the traps that name the slot and carry the card's text. */
+void send_v2trap(netsnmp_variable_list* list)
+{
+    const netsnmp_variable_list* slot = list->next_variable;
+    const netsnmp_variable_list* text = slot == nullptr ? nullptr : slot->next_variable;
+    traps += text != nullptr && text->val_len == 50 ? 1 : 0;
+}
+
+/* Takes one request on the variable through the modes; the SNMP error status. */
+static int ask(netsnmp_handler_registration* table, netsnmp_variable_list* var,
+               const std::vector<int>& modes)
+{
+    netsnmp_agent_request_info reqinfo = {};
+    netsnmp_request_info request = {};
+    request.requestvb = var;
+    request.agent_req_info = &reqinfo;
+    for (const int mode : modes) {
+        reqinfo.mode = request.status == 0 ? mode : MODE_SET_FREE;
+        request.processed = 0;
+        as_agent([&] { netsnmp_call_handlers(table, &reqinfo, &request); });
+    }
+    netsnmp_free_request_data_sets(&request);
+    return request.status;
+}
+
+/* The number of cells that a walk shows. */
+static int walk(netsnmp_handler_registration* table)
+{
+    netsnmp_variable_list* var = nullptr;
+    snmp_varlist_add_variable(&var, table->rootoid, table->rootoid_len, ASN_NULL, nullptr, 0);
+    int cells = 0;
+    while (cells < 50 && ask(table, var, {MODE_GETNEXT}) == 0 && var->type != ASN_NULL) {
+        cells++;
+        snmp_set_var_typed_value(var, ASN_NULL, nullptr, 0);
+    }
+    snmp_free_varbind(var);
+    return cells;
+}
+
+static bool set(netsnmp_handler_registration* table, oid column, oid row, u_char type,
+                const void* value, size_t size)
+{
+    std::vector<oid> name(table->rootoid, table->rootoid + table->rootoid_len);
+    name.insert(name.end(), {1, column, row, 3});
+    netsnmp_variable_list* var = nullptr;
+    snmp_varlist_add_variable(&var, name.data(), name.size(), type, value, size);
+    const int status =
+        ask(table, var, {MODE_SET_RESERVE1, MODE_SET_RESERVE2, MODE_SET_ACTION, MODE_SET_COMMIT});
+    snmp_free_varbind(var);
+    return status == 0;
+}
+
+static bool set_switch(netsnmp_handler_registration* table, long value)
+{
+    return set(table, 3, 2, ASN_INTEGER, &value, sizeof(value)) &&
+           has(read_file(SWITCHES), value == 1 ? "[ 253," : "[ 255,");
+}
+
+static bool raise_fault(tpg_context_t* ctx)
+{
+    tpg_msg_trap_notify_t message = {};
+    message.trap_notify.var_id = 9;
+    message.trap_notify.slot_no = 3;
+    message.trap_notify.data_len = 9 + 50;
+    message.trap_notify.data[3] = 1;
+    message.trap_notify.data[8] = 50;
+    traps = 0;
+    as_agent([&] { tpg_msg_trap_notify(ctx, &message, nullptr); });
+    return traps == 1;
+}
+
+/* ---- the life ---- */
+
+/* What went wrong, or "". */
+static std::string serve(tpg_context_t* ctx, tpg_jsonmib_register_info_t* card)
+{
+    std::string wrong;
+    const auto check = [&wrong](bool good, const char* what) {
+        wrong += good ? "" : std::string(" ") + what;
+    };
+    if (card->gen_table_reginfo == nullptr || card->gen_table_reginfo[0] == nullptr ||
+        card->fault_table_reginfo == nullptr || card->fault_table_reginfo[0] == nullptr) {
+        return " tables";
+    }
+    netsnmp_handler_registration* gen = card->gen_table_reginfo[0];
+    netsnmp_handler_registration* fault = card->fault_table_reginfo[0];
+    const std::string text(150, 'x');
+    const long number = 7;
+    check(walk(gen) == 6 && walk(fault) == 12, "walk");
+    check(set(gen, 2, 1, ASN_INTEGER, &number, sizeof(number)), "set");
+    check(set(gen, 3, 2, ASN_OCTET_STR, text.data(), text.size()), "string");
+    check(set_switch(fault, 2) && set_switch(fault, 1), "switch");
+    check(raise_fault(ctx), "trap");
+    return wrong;
+}
+
+/* What went wrong, or "". */
+static std::string live(tpg_context_t* ctx)
+{
+    tpg_jsonmib_register_info_t* card = &ctx->jsonmib_reg_info[2];
+    const auto registered = [card] { return card->actual_reginfo == card; };
+    std::string wrong;
+    const auto check = [&wrong](bool good, const char* what) {
+        wrong += good ? "" : std::string(" ") + what;
+    };
+    ctx->levent_base = event_base_new();
+    list_init(&ctx->ipc_clnt_list);
+    as_agent([&] { tpg_create_svr_listener(ctx); });
+    const int fd = connected(TPG_SVR_PATH);
+    check(update(ctx, fd, TPG_MSG_LIBMIB_REGISTER) && registered(), "register");
+    wrong += serve(ctx, card);
+    check(update(ctx, fd, TPG_MSG_LIBMIB_UNREGISTER) && !registered(), "unregister");
+    check(update(ctx, fd, TPG_MSG_LIBMIB_REGISTER) && registered(), "register-again");
+    jsonmib_table_info_t** faults = card->fault_json_table;
+    check(faults != nullptr && faults[0] != nullptr && faults[0]->send_trap_storage[2][0] == 253,
+          "recall");
+    close(fd);
+    check(turn(ctx, [&] { return ctx->ipc_clnt_total == 0 && !registered(); }), "close");
+    as_agent([&] { tpg_free_svr_listener(ctx); });
+    tpg_free_clients(ctx);
+    event_base_free(ctx->levent_base);
+    return wrong;
+}
+
+/* Nothing of an earlier life is left on the disks. */
+static void clear_disks()
+{
+    for (const char* place : {"/tmp/card", "/mnt/flash0/cards/fam_slot03"}) {
+        fs::remove_all(place);
+        fs::create_directories(place);
+    }
+    write_file("/tmp/card/libmib.so", "");
+    write_file("/tmp/card/document", DOCUMENT);
+    write_file("/tmp/card/objdump", OBJDUMP);
+    fs::permissions("/tmp/card/objdump", fs::perms::owner_all);
+}
+
+/* The lowest descriptor that is free. */
+static int free_descriptor()
+{
+    const int fd = fcntl(STDIN_FILENO, F_DUPFD, 3);
+    close(fd);
+    return fd;
+}
+
+static bool leaks()
+{
+#ifdef __SANITIZE_ADDRESS__
+    return __lsan_do_recoverable_leak_check() != 0;
+#else
+    return false;
+#endif
+}
+
+/* Makes the n-th call of the kind fail during run; false when it was not reached. */
+template <typename run_t> static bool failing(fault_kind kind, int n, run_t run)
+{
+    fault_state = {kind, n, false, 0};
+    run();
+    const bool failed = fault_state.left <= 0;
+    fault_state = {};
+    return failed || kind == fault_kind::none;
+}
+
+/* A life with a failure, and a second one without, which must lack nothing; the exit status. */
+static int live_twice(fault_kind kind, int n)
+{
+    std::unique_ptr<tpg_context_t> ctx = new_context();
+    clear_disks();
+    const int descriptor = free_descriptor();
+    if (!failing(kind, n, [&] { live(ctx.get()); })) {
+        return NOT_REACHED;
+    }
+    fprintf(stderr, "%s\n", AGAIN_MARK);
+    const std::string wrong = live(ctx.get());
+    const bool kept = free_descriptor() != descriptor;
+    ctx.reset();
+    fprintf(stderr, "second life:%s%s\n", wrong.c_str(), kept ? " descriptor" : "");
+    return !wrong.empty() || kept || leaks() ? 1 : 0;
+}
+
+/* The agent's start; its loop ends at once. */
+static int start(fault_kind kind, int n)
+{
+    char name[] = "tpg";
+    char* argv[] = {name, nullptr};
+    setenv("BASE_BOARD", "3100KX", 1);
+    return failing(kind, n, [&] { as_agent([&] { tpg_main(1, argv); }); }) ? 0 : NOT_REACHED;
+}
+
+extern "C" int __wrap_event_base_loop(event_base* base, int flags);
+extern "C" int __wrap_event_base_loop(event_base* base, int flags)
+{
+    (void)flags;
+    return event_base_loopbreak(base);
+}
+
+/* ---- trials ---- */
+
+using run_t = int (*)(fault_kind, int);
+
+/* What is thrown ends the process here, as it would in a callback of the libraries. */
+[[noreturn]] static void run_child(run_t run, fault_kind kind, int n) noexcept
+{
+    const rlimit no_core = {};
+    setrlimit(RLIMIT_CORE, &no_core);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    const int log = open(LOG, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0600);
+    dup2(log, STDERR_FILENO);
+    close(log);
+    _exit(run(kind, n));
+}
+
+/* Runs one in a process of its own; its wait status. The log is in LOG. */
+static int isolated(run_t run, fault_kind kind, int n)
+{
+    const pid_t pid = fork();
+    if (pid == 0) {
+        run_child(run, kind, n);
+    }
+    int status = -1;
+    waitpid(pid, &status, 0);
+    return status;
+}
+
+/* The Error and Warn lines of a log, without the process. */
+static std::set<std::string> complaints(const std::string& log)
+{
+    std::set<std::string> lines;
+    const std::regex complaint(R"(\|(?:Error|Warn) \(tpg:\d+\)(\|[^\n]*))");
+    for (std::sregex_iterator at(log.begin(), log.end(), complaint), end; at != end; ++at) {
+        lines.insert((*at)[1]);
+    }
+    return lines;
+}
+
+struct fault : testing::TestWithParam<std::pair<const char*, fault_kind>> {
+    static inline pid_t daemon;
+    static void SetUpTestSuite()
+    {
+        sockaddr_un addr = {};
+        addr.sun_family = AF_UNIX;
+        set_text(addr.sun_path, "/tmp/.uevgend_svr3");
+        const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+        ASSERT_EQ(listen(listener, 8), 0);
+        daemon = fork();
+        if (daemon == 0) {
+            run_daemon(listener);
+        }
+        close(listener);
+        setenv("PATH", (std::string("/tmp/card:") + getenv("PATH")).c_str(), 1);
+    }
+    static void TearDownTestSuite()
+    {
+        kill(daemon, SIGKILL);
+        waitpid(daemon, nullptr, 0);
+        fs::remove("/tmp/.uevgend_svr3");
+    }
+    /* Lets every call of the kind fail in its turn. */
+    void fail_each(run_t run, int at_least, const std::vector<std::string>& silent)
+    {
+        int ended = 0;
+        int n = 1;
+        const int clean = isolated(run, fault_kind::none, 1);
+        const std::set<std::string> usual = complaints(read_file(LOG));
+        ASSERT_EQ(clean, 0) << read_file(LOG);
+        for (;; n++) {
+            const int status = isolated(run, GetParam().second, n);
+            if (WIFEXITED(status) && WEXITSTATUS(status) == NOT_REACHED) {
+                break;
+            }
+            const std::string log = read_file(LOG);
+            ended += judge(status, log, usual, silent);
+            ASSERT_LT(n, 2000);
+        }
+        printf("%s: %d calls failed, %d survived, %d ended by an assertion\n", GetParam().first,
+               n - 1, n - 1 - ended, ended);
+        EXPECT_GE(n - 1, at_least);
+    }
+    /* 1 when the agent ended on purpose. */
+    static int judge(int status, const std::string& log, const std::set<std::string>& usual,
+                     const std::vector<std::string>& silent)
+    {
+        const size_t mark = log.find(FAULT_MARK);
+        const std::string after =
+            mark == std::string::npos ? "" : log.substr(mark + sizeof(FAULT_MARK) - 1);
+        if (WIFSIGNALED(status)) {
+            EXPECT_EQ(WTERMSIG(status), SIGABRT) << log;
+            EXPECT_TRUE(std::regex_search(after, ASSERTION)) << log;
+            return 1;
+        }
+        EXPECT_EQ(WEXITSTATUS(status), 0) << log;
+        std::set<std::string> lines = complaints(after.substr(0, after.find(AGAIN_MARK)));
+        std::erase_if(lines, [&](const std::string& line) { return usual.contains(line); });
+        EXPECT_EQ(lines.empty(),
+                  std::ranges::any_of(
+                      silent, [&](const std::string& start) { return after.starts_with(start); }))
+            << log;
+        return 0;
+    }
+};
+
+TEST_P(fault, in_a_cards_life)
+{
+    fail_each(live_twice, 20, SILENT_LIFE);
+}
+
+TEST_P(fault, at_the_start)
+{
+    fail_each(start, 0, SILENT_START);
+}
+
+INSTANTIATE_TEST_SUITE_P(, fault,
+                         testing::Values(std::pair("alloc", fault_kind::alloc),
+                                         std::pair("file", fault_kind::file),
+                                         std::pair("socket", fault_kind::socket),
+                                         std::pair("library", fault_kind::library)),
+                         [](const auto& kind) { return kind.param.first; });
