@@ -1,0 +1,245 @@
+/* What clients, daemons, disks and a dying master agent do to the agent, and what it keeps. */
+
+#include "world.h"
+
+#include <algorithm>
+#include <chrono>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+static const std::string CARD = "1.3.6.1.4.1.32473.2", PORT = CARD + ".10.1.1.",
+                         ALARM = CARD + ".11.1.1.", SPEED = PORT + "2.1.";
+
+/* The master agent as the packaging files set it up, and the agent with its own. */
+static void shipped_start(world_t* w)
+{
+    const std::string packaging = TPG_SOURCE_DIR "/packaging/";
+    fs::copy_file(packaging + "card_agentx.conf", "/tmp/conf/card_agentx.conf",
+                  fs::copy_options::overwrite_existing);
+    write_file("/tmp/conf/snmpd.conf", "rwcommunity rw\nrocommunity ro\n");
+    w->snmpd = proc_start("snmpd", {"snmpd", "-f", "-Le", "-C", "-c",
+                                    "/tmp/conf/snmpd.conf," + packaging + "snmpd-agentx.conf", "-p",
+                                    "/tmp/run/snmpd.pid", SNMPD});
+    EXPECT_TRUE(wait_for_text(w->snmpd.log, "NET-SNMP version"));
+}
+
+/* Cards of one family in some slots: a table of ports and one of faults with switches. */
+static void cards_start(world_t* w, const std::vector<int>& slots)
+{
+    const table_t ports = {
+        "portTable", CARD + ".10.1", {{1, 2}}, {{100, 1, 1, 2}, {101, 1, 0, 400}}, ""};
+    const table_t alarms = {"alarmTable",
+                            CARD + ".11.1",
+                            {{1, 4}},
+                            {{200, 1, 0, 0}, {0, 1, 1, 2}},
+                            R"("trap_info": {"fault_present_var_id": 200, "specific_start": 1})"};
+    card_files("demo", document({ports}, {alarms}));
+    std::string cards;
+    for (const int slot : slots) {
+        flash_folder("DEMO", slot);
+        const std::string value = std::to_string(10 * slot);
+        cards += (cards.empty() ? "" : ",") +
+                 played_card(slot, "demo", "DEMO", R"(, "values": {"101": )" + value + "}");
+    }
+    chassis_start(w, cards);
+    const std::string last = std::to_string(slots.back());
+    EXPECT_TRUE(wait_for([&] { return get(SPEED + last) == "INTEGER: " + last + "0"; }));
+}
+
+static std::vector<int> connect_many(size_t count)
+{
+    std::vector<int> fds(count);
+    std::generate(fds.begin(), fds.end(), client_connect);
+    return fds;
+}
+
+/* Processor time that a process has used, in seconds. */
+static double cpu_time(pid_t pid)
+{
+    clockid_t clock = {};
+    timespec time = {};
+    clock_getcpuclockid(pid, &clock);
+    clock_gettime(clock, &time);
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+}
+
+static long number_of_descriptors(pid_t pid)
+{
+    const auto fds = fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd");
+    return std::distance(begin(fds), end(fds));
+}
+
+TEST_F(World, TheNewestOfTooManyClientsIsRefused)
+{
+    agents_start(&w);
+    cards_start(&w, {3});
+    const long descriptors = number_of_descriptors(w.tpg.pid);
+    std::vector<int> fds = connect_many(255); /* one is the card */
+    const int newest = client_connect();
+    char byte = 0;
+    EXPECT_TRUE(wait_for([&] { return recv(newest, &byte, 1, MSG_DONTWAIT) == 0; }));
+    EXPECT_EQ(log_count(w, "|Warn (tpg:"), 1);
+    EXPECT_EQ(log_count(w, ": 256 clients are connected"), 1);
+    auto card = client_update(TPG_MSG_LIBMIB_REGISTER, 4, "demo", "DEMO", 0,
+                              std::string(CARDS) + "/libmib_demo.so");
+    EXPECT_TRUE(client_update_acked(fds.back(), card));
+    EXPECT_EQ(get(SPEED + "3"), "INTEGER: 30");
+    EXPECT_TRUE(log_has(w, "Same/older version 1.0.0 on slot 4 "));
+    close(fds.back());
+    fds.pop_back();
+    EXPECT_TRUE(log_has(w, "Unregistering ] demo:DEMO"));
+    fds.push_back(client_connect());
+    EXPECT_TRUE(client_update_acked(fds.back(), card));
+    std::for_each(fds.begin(), fds.end(), close);
+    close(newest);
+    EXPECT_TRUE(wait_for([&] { return number_of_descriptors(w.tpg.pid) == descriptors; }));
+}
+
+TEST_F(World, RunningOutOfDescriptorsIsSurvived)
+{
+    agents_start(&w);
+    cards_start(&w, {3, 4});
+    const std::string cell = SPEED + "3";
+    for (const rlim_t limit : {rlim_t{100}, rlim_t{12}}) {
+        const auto complaints = [&] {
+            return log_count(w, "descriptors are running out") +
+                   log_count(w, "cannot accept a connection, Too many open files");
+        };
+        const int before_it = complaints();
+        rlimit before = {};
+        ASSERT_EQ(prlimit(w.tpg.pid, RLIMIT_NOFILE, nullptr, &before), 0);
+        const rlimit small = {limit, before.rlim_max};
+        ASSERT_EQ(prlimit(w.tpg.pid, RLIMIT_NOFILE, &small, nullptr), 0);
+        const std::vector<int> fds = connect_many(100);
+        EXPECT_TRUE(wait_for([&] { return complaints() > before_it; }));
+        const double used = cpu_time(w.tpg.pid);
+        const auto pause = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+        while (std::chrono::steady_clock::now() < pause) {
+            EXPECT_EQ(get(cell), "INTEGER: 30");
+        }
+        EXPECT_LT(cpu_time(w.tpg.pid) - used, 1.5); /* it does not spin */
+        std::for_each(fds.begin(), fds.end(), close);
+        ASSERT_EQ(prlimit(w.tpg.pid, RLIMIT_NOFILE, &before, nullptr), 0);
+        chassis(&w, "unplug 4");
+        EXPECT_EQ(chassis(&w, "plug 4"), "ok plug 4 registered");
+        EXPECT_EQ(get(SPEED + "4"), "INTEGER: 40");
+    }
+}
+
+TEST_F(World, HostileClientsCannotForgeOrFloodTheLog)
+{
+    tpg_start(&w);
+    const int fd = client_connect();
+    const auto forged =
+        client_update(TPG_MSG_LIBMIB_REGISTER, 4, "\n|Warn (tpg)\x1b[", "DEMO", 0, "/lib.so");
+    EXPECT_TRUE(client_update_acked(fd, forged));
+    EXPECT_TRUE(log_has(w, R"("\x0a|Warn (tpg)\x1b[")"));
+    EXPECT_EQ(read_file(w.tpg.log).find('\x1b'), std::string::npos);
+    EXPECT_EQ(log_count(w, "\n|Warn (tpg)"), 0);
+    EXPECT_TRUE(log_has(w, " is process " + std::to_string(getpid()) + " of user 0, group 0"));
+    const int before = log_count(w, "\n");
+    for (int i = 0; i < 100; i++) {
+        client_send(fd, std::string(100 * sizeof(com_msg_head_t), '\xff'));
+    }
+    EXPECT_TRUE(client_update_acked(fd, forged)); /* everything in front of it has been read */
+    close(fd);
+    EXPECT_TRUE(log_has(w, " more lines about connection FD "));
+    EXPECT_TRUE(log_has(w, "to client PID 1234 closed"));
+    const std::string log = read_file(w.tpg.log);
+    int left_out = 0;
+    for (size_t at = 0; (at = log.find(" more lines about", at)) != std::string::npos; at++) {
+        left_out += std::stoi(log.substr(log.rfind(' ', at - 1) + 1));
+    }
+    EXPECT_GT(left_out, 5000);
+    EXPECT_GE(log_count(w, "Invalid header") + left_out, 10000);
+    EXPECT_LE(log_count(w, "\n") - before, 200 * 20);
+}
+
+TEST_F(World, SwitchesSurvivePowerCutsAndFullFlash)
+{
+    agents_start(&w);
+    cards_start(&w, {3});
+    const std::string file = flash_folder("DEMO", 3), folder = fs::path(file).parent_path();
+    const auto restart = [&] {
+        tpg_start(&w);
+        EXPECT_TRUE(wait_for([] { return get(ALARM + "2.1.3") == "INTEGER: 1"; }));
+        EXPECT_EQ(cells(ALARM + "2"), "1.3=1 2.3=2 3.3=2 4.3=2");
+    };
+    EXPECT_EQ(set(ALARM + "2.1.3", "i", "1"), "");
+    const std::string good = read_file(file);
+    for (const std::string& torn : {std::string(), good.substr(0, good.size() / 2)}) {
+        EXPECT_EQ(proc_end(&w.tpg, SIGKILL), -SIGKILL);
+        write_file(file, torn);
+        write_file(file + ".last", good);
+        restart();
+        EXPECT_TRUE(log_has(w, file + " is unusable, its switches come from " + file + ".last"));
+        EXPECT_EQ(read_file(file), good);
+    }
+    ASSERT_EQ(mount("tmpfs", folder.c_str(), "tmpfs", 0, "size=64k"), 0);
+    write_file(file, good);
+    std::ofstream(folder + "/filler") << std::string(size_t{1} << 20U, 'x');
+    EXPECT_EQ(set(ALARM + "2.2.3", "i", "1"), "");
+    EXPECT_TRUE(log_has(w, "Failed to open " + file + ".last, No space left on device"));
+    EXPECT_EQ(read_file(file), good);
+    ASSERT_EQ(mount(nullptr, folder.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    EXPECT_EQ(set(ALARM + "2.3.3", "i", "1"), "");
+    EXPECT_TRUE(log_has(w, "Failed to open " + file + ".last, Read-only file system"));
+    EXPECT_EQ(proc_end(&w.tpg), 0);
+    restart();
+    EXPECT_EQ(proc_end(&w.tpg), 0);
+    ASSERT_EQ(umount(folder.c_str()), 0);
+}
+
+/* The manager's time-out is one stall and what else there is to do. */
+TEST_F(World, OneHungCardDelaysTheOthersByOneStall)
+{
+    shipped_start(&w);
+    tpg_start(&w);
+    cards_start(&w, {3, 4, 5});
+    chassis(&w, "hang 4");
+    for (const std::string& cell : words_t{SPEED + "3", SPEED + "5", PORT + "2.2.3"}) {
+        proc_t hung = proc_start(
+            "hung", {"snmpget", "-v2c", "-c", "ro", "-r0", "-t", "12", SNMPD, SPEED + "4"});
+        const snmp_t reply = snmp("snmpget", {"-t", "8", SNMPD, cell});
+        EXPECT_EQ(reply.vars.size(), 1U) << cell << reply.error;
+        proc_end(&hung, 0);
+        EXPECT_NE(read_file(hung.log).find("genError"), std::string::npos) << read_file(hung.log);
+    }
+    EXPECT_EQ(log_count(w, "ipc timeout on slot_no 4"), 3);
+    chassis(&w, "resume 4");
+    EXPECT_EQ(get(SPEED + "4"), "INTEGER: 40");
+}
+
+TEST_F(World, AfterTheMastersDeathUnderLoadAllIsBackInFiveSeconds)
+{
+    shipped_start(&w);
+    tpg_start(&w);
+    cards_start(&w, {3, 4, 5});
+    EXPECT_EQ(set(ALARM + "2.2.4", "i", "1"), "");
+    const std::string ports = cells(PORT + "2"), switches = cells(ALARM + "2");
+    EXPECT_NE(switches.find("2.4=1"), std::string::npos);
+    std::vector<proc_t> managers;
+    for (const char* name : {"a", "b", "c"}) {
+        managers.push_back(
+            proc_start(name, {"sh", "-c",
+                              std::string("while :; do snmpbulkwalk -v2c -c ro -t 1 -r 0 ") +
+                                  SNMPD + " " + CARD + " >/dev/null 2>&1; done"}));
+    }
+    for (int round = 0; round < 3; round++) {
+        EXPECT_TRUE(wait_for([&] { return cells(PORT + "2") == ports; }));
+        proc_end(&w.snmpd, SIGKILL);
+        shipped_start(&w);
+        EXPECT_TRUE(wait_for(
+            [&] { return cells(PORT + "2") == ports && cells(ALARM + "2") == switches; }, 5));
+    }
+    for (proc_t& manager : managers) {
+        proc_end(&manager, SIGKILL);
+    }
+}
