@@ -1,0 +1,72 @@
+#ifndef BENCH_EXCHANGE_H
+#define BENCH_EXCHANGE_H
+
+/* The exchange with a slot's control daemon: send, wait, receive. */
+
+#include "table.h"
+#include "uevgend_msg_i.h"
+
+#include <cstdio>
+#include <cstring>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+constexpr uint32_t BENCH_SLOTS = 15;
+
+inline sockaddr_un exchange_address(uint32_t slot)
+{
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    if (slot == 1) {
+        snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", UEVGEND_SVR_PATH_SLOT1);
+    } else {
+        snprintf(addr.sun_path, sizeof(addr.sun_path), UEVGEND_SVR_PATH_FMT,
+                 static_cast<int>(slot));
+    }
+    return addr;
+}
+
+/* The slot's connection, made at the first call; -1 when there is no daemon. */
+inline int exchange_connection(uint32_t slot)
+{
+    static int connections[BENCH_SLOTS + 1];
+    if (connections[slot] == 0) {
+        const sockaddr_un addr = exchange_address(slot);
+        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) != 0) {
+            perror(addr.sun_path);
+            close(fd);
+            return -1;
+        }
+        connections[slot] = fd;
+    }
+    return connections[slot];
+}
+
+/* Asks the slot for one variable; 0 and its value, or -1. */
+inline int exchange_get(const bench_var_t* var, int32_t* value)
+{
+    static const auto PID = static_cast<uint32_t>(getpid());
+    const int fd = exchange_connection(var->slot);
+    uevgend_get_msg_t request = {};
+    request.head = {UEVGEND_MSG_GET, sizeof(request), 0, 0, PID};
+    request.ctrl_get = {var->var_id, var->index, sizeof(*value), 0};
+    if (fd < 0 || send(fd, &request, sizeof(request), MSG_NOSIGNAL) != sizeof(request)) {
+        return -1;
+    }
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(fd, &set);
+    timeval timeout = {5, 0};
+    uevgend_get_reply_msg_t reply = {};
+    if (select(fd + 1, &set, nullptr, nullptr, &timeout) != 1 ||
+        recv(fd, &reply, sizeof(reply), MSG_WAITALL) != sizeof(reply)) {
+        return -1;
+    }
+    memcpy(value, reply.ctrl_get_reply.ucData, sizeof(*value));
+    return reply.ctrl_get_reply.scErrCode;
+}
+
+#endif
