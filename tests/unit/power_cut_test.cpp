@@ -60,7 +60,7 @@ struct power_cut : testing::Test {
 TEST_F(power_cut, at_every_step)
 {
     const std::string old_text = text_of(OLD), new_text = text_of(NEW);
-    for (size_t done = 0; done <= new_text.size(); done += 7) {
+    for (size_t done = 0; done <= new_text.size(); done += 61) {
         for (const std::string& rest : {std::string(), std::string(new_text.size() - done, '\0')}) {
             const std::string torn = new_text.substr(0, done) + rest;
             write_file(FILE_NAME, old_text);
