@@ -43,6 +43,7 @@ fuzz_one() {
 	[ -d "$seeds" ] || seeds=$build/seeds/$1
 	local options=(-max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1
 		-artifact_prefix="$build/findings/$name-")
+	[ -z "${FUZZ_SEED:-}" ] || options+=(-seed="$FUZZ_SEED")
 	case $name in
 	client) options+=(-max_len=512 -len_control=0) ;;
 	reply) options+=(-max_len=2048 -len_control=0) ;;

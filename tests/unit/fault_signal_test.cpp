@@ -15,6 +15,12 @@
 constexpr unsigned PATIENCE = 30; /* seconds, then a spinning child is ended by its alarm */
 constexpr char STDERR_COPY[] = "/tmp/fault_stderr";
 
+/* What the child said; an emulator adds a line of its own when a signal ends a program. */
+static std::string said()
+{
+    return std::regex_replace(read_file(STDERR_COPY), std::regex("qemu: [^\n]*\n"), "");
+}
+
 static void touch_forbidden_page()
 {
     void* page = mmap(nullptr, 1, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -78,8 +84,7 @@ TEST(fault_signal, crashes_end_the_process)
     for (const auto& [signal_no, crash] : crashes) {
         EXPECT_EQ(child_status(crash, on_sent), -signal_no);
         EXPECT_FALSE(std::filesystem::exists(TPG_SVR_PATH));
-        EXPECT_TRUE(std::regex_match(read_file(STDERR_COPY), std::regex(error_line(signal_no))))
-            << read_file(STDERR_COPY);
+        EXPECT_TRUE(std::regex_match(said(), std::regex(error_line(signal_no)))) << said();
     }
 }
 
@@ -90,5 +95,5 @@ TEST(fault_signal, sent_ones_reach_the_handler_before)
     EXPECT_EQ(child_status(send, SIG_IGN), EXIT_SUCCESS);
     EXPECT_EQ(child_status(send), -SIGSEGV);
     EXPECT_TRUE(std::filesystem::exists(TPG_SVR_PATH));
-    EXPECT_EQ(read_file(STDERR_COPY), "");
+    EXPECT_EQ(said(), "");
 }
