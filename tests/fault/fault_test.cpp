@@ -105,7 +105,7 @@ static int connected(const char* path)
     addr.sun_family = AF_UNIX;
     set_text(addr.sun_path, path);
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+    (void)connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
     return fd;
 }
 
