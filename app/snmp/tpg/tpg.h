@@ -214,6 +214,7 @@ struct tpg_read_st {
 struct tpg_lev_snmpfd_t {
     list_head ev_node;
     event* ev;
+    bool pipe; /* one of those on which the library sends messages to itself */
 };
 
 /* ---- the agent ---- */

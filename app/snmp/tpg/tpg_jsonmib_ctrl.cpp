@@ -21,12 +21,14 @@ static void ipc_daemon_address(uint32_t, sockaddr_un*);
 static void ipc_open_socket(tpg_context_t*, jsonmib_ipc_info_t*);
 static int ipc_ready(tpg_context_t*, uint32_t);
 static int ipc_wait_readable(tpg_context_t*, uint32_t);
+static ssize_t ipc_recv_first(tpg_context_t*, uint32_t, void*, uint32_t);
 static void ipc_drain_owed(jsonmib_ipc_info_t*);
 static void ctrl_fill_head(com_msg_head_t*, uint16_t, size_t);
 static int ctrl_recv_reply(tpg_context_t*, uint32_t, uint32_t, uint32_t, void*, uint32_t);
 static bool ctrl_is_late_reply(const void*, uint32_t, uint32_t);
 
 constexpr timeval IPC_TIMEOUT = {5, 0};
+constexpr ssize_t IPC_NOTHING_CAME = -2; /* no result of recv; logged */
 
 /* What every reply holds in front of its data; enough to tell whose answer it is. */
 struct ctrl_reply_head_t {
@@ -168,16 +170,38 @@ static int ipc_wait_readable(tpg_context_t* ctx, uint32_t slot_no)
     return 0;
 }
 
+/*
+ * Like recv, after waiting if need be; a daemon that runs on the agent's
+ * processor has mostly answered by now, and nothing has to be waited for.
+ */
+static ssize_t ipc_recv_first(tpg_context_t* ctx, uint32_t slot_no, void* buf, uint32_t length)
+{
+    const int fd = ipc_info(ctx, slot_no)->fd;
+    if (length > 0) {
+        const ssize_t n = recv(fd, buf, length, MSG_DONTWAIT);
+        if (n >= 0 || errno != EAGAIN) {
+            return n;
+        }
+    }
+    if (ipc_wait_readable(ctx, slot_no) != 0) {
+        return IPC_NOTHING_CAME;
+    }
+    return length > 0 ? recv(fd, buf, length, 0) : 0;
+}
+
 int jsonmib_ipc_recv(tpg_context_t* ctx, uint32_t slot_no, void* buf, uint32_t length)
 {
-    if (ipc_ready(ctx, slot_no) != 0 || ipc_wait_readable(ctx, slot_no) != 0) {
+    if (ipc_ready(ctx, slot_no) != 0) {
         return -1;
     }
     jsonmib_ipc_info_t* info = ipc_info(ctx, slot_no);
     char* bytes = static_cast<char*>(buf);
+    ssize_t n = ipc_recv_first(ctx, slot_no, buf, length);
+    if (n == IPC_NOTHING_CAME) {
+        return -1;
+    }
     uint32_t received = 0;
     while (received < length) {
-        const ssize_t n = recv(info->fd, bytes + received, length - received, 0);
         if (n <= 0) {
             TPG_ERROR(ctx,
                       "recv from slot_no %u failed. request %u bytes but received %u bytes. %s",
@@ -186,6 +210,7 @@ int jsonmib_ipc_recv(tpg_context_t* ctx, uint32_t slot_no, void* buf, uint32_t l
             return -1;
         }
         received += static_cast<uint32_t>(n);
+        n = received < length ? recv(info->fd, bytes + received, length - received, 0) : 0;
     }
     return 0;
 }
@@ -206,10 +231,11 @@ static void ipc_drain_owed(jsonmib_ipc_info_t* info)
 
 static void ctrl_fill_head(com_msg_head_t* head, uint16_t type, size_t length)
 {
+    static const auto AGENT_PID = static_cast<uint32_t>(getpid()); /* a system call each time */
     *head = {};
     head->usMsgType = type;
     head->usMsgLen = static_cast<uint16_t>(length);
-    head->ulPid = static_cast<uint32_t>(getpid());
+    head->ulPid = AGENT_PID;
 }
 
 /* True for the answer to an earlier request; a daemon that echoes nothing is taken at its word. */

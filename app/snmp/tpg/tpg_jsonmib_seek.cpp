@@ -4,8 +4,20 @@
 
 #include <algorithm>
 
-static void aim(jsonmib_table_info_t*, const netsnmp_handler_registration*, int,
-                netsnmp_request_info*);
+/* What is known of the row that answers a request. */
+enum class aim_t {
+    every_row,     /* nothing */
+    one_row,       /* it is the only one to be shown, if there is one */
+    row_of_column, /* it is there, in the column that the request names */
+};
+
+static aim_t take_aim(jsonmib_table_info_t*, const netsnmp_handler_registration*, int,
+                      netsnmp_request_info*);
+static bool names_column(const netsnmp_handler_registration*, const netsnmp_variable_list*);
+static int serve_row(netsnmp_mib_handler*, netsnmp_handler_registration*,
+                     netsnmp_agent_request_info*, netsnmp_request_info*, int*);
+static void name_row(const netsnmp_handler_registration*, const netsnmp_iterator_info*,
+                     netsnmp_variable_list*);
 static bool next_value(const jsonmib_table_info_t*, size_t, uint64_t, uint32_t*);
 static bool next_slot(const jsonmib_table_info_t*, const jsonmib_index_info_t*, uint64_t,
                       uint32_t*);
@@ -19,33 +31,96 @@ int jsonmib_seek_helper_handler(netsnmp_mib_handler* handler, netsnmp_handler_re
                                 netsnmp_agent_request_info* reqinfo, netsnmp_request_info* requests)
 {
     auto* jsonmib_table = static_cast<jsonmib_table_info_t*>(handler->myvoid);
-    aim(jsonmib_table, reginfo, reqinfo->mode, requests);
-    const int status = netsnmp_call_next_handler(handler, reginfo, reqinfo, requests);
+    int status = SNMP_ERR_NOERROR;
+    const aim_t aim = take_aim(jsonmib_table, reginfo, reqinfo->mode, requests);
+    jsonmib_table->seek.active = aim != aim_t::every_row;
+    if (aim != aim_t::row_of_column ||
+        serve_row(handler->next, reginfo, reqinfo, requests, &status) != 0) {
+        status = netsnmp_call_next_handler(handler, reginfo, reqinfo, requests);
+    }
     jsonmib_table->seek.active = false;
     return status;
 }
 
 /* In the other phases of a SET the iterator goes by the row that it found in the first. */
-static void aim(jsonmib_table_info_t* jsonmib_table, const netsnmp_handler_registration* reginfo,
-                int mode, netsnmp_request_info* request)
+static aim_t take_aim(jsonmib_table_info_t* jsonmib_table,
+                      const netsnmp_handler_registration* reginfo, int mode,
+                      netsnmp_request_info* request)
 {
     jsonmib_seek_t* seek = &jsonmib_table->seek;
     const bool exact = mode == MODE_GET || mode == MODE_SET_RESERVE1;
     if ((!exact && mode != MODE_GETNEXT) || request->processed != 0 || request->next != nullptr) {
-        return;
+        return aim_t::every_row;
     }
     const netsnmp_variable_list* var = request->requestvb;
     const size_t fixed = reginfo->rootoid_len + INDEX_OFS;
     const size_t len = var->name_length > fixed ? var->name_length - fixed : 0;
     const oid* suffix = var->name + std::min(fixed, var->name_length);
-    seek->active = true;
     if (exact) {
         seek->found = jsonmib_seek_exact(jsonmib_table, suffix, len, seek);
-    } else {
-        /* Behind the last row comes the first one, of the next column. */
-        seek->found = jsonmib_seek_next(jsonmib_table, suffix, len, seek) ||
-                      jsonmib_seek_next(jsonmib_table, nullptr, 0, seek);
+        return seek->found && mode == MODE_GET ? aim_t::row_of_column : aim_t::one_row;
     }
+    seek->found = jsonmib_seek_next(jsonmib_table, suffix, len, seek);
+    if (seek->found && names_column(reginfo, var)) {
+        return aim_t::row_of_column;
+    }
+    if (!seek->found) {
+        /* Behind the last row comes the first one, of the next column. */
+        seek->found = jsonmib_seek_next(jsonmib_table, nullptr, 0, seek);
+    }
+    return aim_t::one_row;
+}
+
+/* The table helper has seen to the column number itself; a name may end in front of it. */
+static bool names_column(const netsnmp_handler_registration* reginfo,
+                         const netsnmp_variable_list* var)
+{
+    return var->name_length >= reginfo->rootoid_len + INDEX_OFS;
+}
+
+/*
+ * Answers from the row that the iteration callback shows, as the iterator
+ * would, which copies a row several times on the way. -1: nothing was done.
+ */
+static int serve_row(netsnmp_mib_handler* iterator, netsnmp_handler_registration* reginfo,
+                     netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request,
+                     int* status)
+{
+    auto* iterator_info = static_cast<netsnmp_iterator_info*>(iterator->myvoid);
+    const netsnmp_table_request_info* asked = netsnmp_extract_table_info(request);
+    void* loop_context = nullptr;
+    void* row = nullptr;
+    if (asked == nullptr || jsonmib_table_get_first_data_point(&loop_context, &row, asked->indexes,
+                                                               iterator_info) == nullptr) {
+        return -1;
+    }
+    netsnmp_data_list* node = netsnmp_create_data_list(TABLE_ITERATOR_NAME, row, nullptr);
+    if (node == nullptr) {
+        jsonmib_table_free_data_context(row, iterator_info);
+        return -1;
+    }
+    netsnmp_request_add_list_data(request, node);
+    const int mode = reqinfo->mode;
+    if (mode == MODE_GETNEXT) {
+        name_row(reginfo, iterator_info, request->requestvb);
+        reqinfo->mode = MODE_GET;
+    }
+    *status = netsnmp_call_next_handler(iterator, reginfo, reqinfo, request);
+    reqinfo->mode = mode;
+    netsnmp_request_remove_list_data(request, TABLE_ITERATOR_NAME);
+    jsonmib_table_free_data_context(row, iterator_info);
+    return 0;
+}
+
+/* Gives the variable, which names a column of the table, the name of the row that was found. */
+static void name_row(const netsnmp_handler_registration* reginfo,
+                     const netsnmp_iterator_info* iterator_info, netsnmp_variable_list* var)
+{
+    const auto* jsonmib_table = static_cast<const jsonmib_table_info_t*>(iterator_info->myvoid);
+    oid name[MAX_OID_LEN];
+    oid* end = std::copy_n(var->name, reginfo->rootoid_len + INDEX_OFS, name);
+    end = std::copy_n(jsonmib_table->seek.values, jsonmib_table->index_used, end);
+    snmp_set_var_objid(var, name, static_cast<size_t>(end - name));
 }
 
 /* ---- values of one index ---- */
@@ -69,15 +144,13 @@ static bool next_value(const jsonmib_table_info_t* jsonmib_table, size_t i, uint
 static bool next_slot(const jsonmib_table_info_t* jsonmib_table, const jsonmib_index_info_t* info,
                       uint64_t from, uint32_t* value)
 {
-    const char* family = jsonmib_table->jsonmib_reginfo->libmib_reginfo.prod_family;
-    uint32_t slot = jsonmib_get_next_instance(jsonmib_table->tpg_context, family, 0);
-    while (slot != 0 && slot < from) {
-        slot = slot >= info->range[1]
-                   ? 0
-                   : jsonmib_get_next_instance(jsonmib_table->tpg_context, family, slot);
+    if (from > info->range[1]) {
+        return false;
     }
-    *value = slot;
-    return slot != 0;
+    const char* family = jsonmib_table->jsonmib_reginfo->libmib_reginfo.prod_family;
+    const auto below = static_cast<uint32_t>(from > 0 ? from - 1 : 0);
+    *value = jsonmib_get_next_instance(jsonmib_table->tpg_context, family, below);
+    return *value != 0;
 }
 
 /* ---- rows ---- */

@@ -11,11 +11,15 @@
 #include <event2/event.h>
 #include <event2/util.h>
 #include <sys/select.h>
+#include <sys/stat.h>
 
 static int keep_wanted(tpg_context_t*, int, fd_set*, int*);
 static int add_unwatched(tpg_context_t*, int, const fd_set*);
 static void watch(tpg_context_t*, int);
+static bool is_pipe(tpg_context_t*, int);
 static void arm_timer(tpg_context_t*, int, const timeval*);
+static void read_session(int);
+static int next_pipe(const tpg_context_t*, int);
 static int session_started(int, int, void*, void*);
 
 void levent_snmp_update(tpg_context_t* ctx)
@@ -80,6 +84,16 @@ static int add_unwatched(tpg_context_t* ctx, int numfds, const fd_set* wanted)
     return added;
 }
 
+static bool is_pipe(tpg_context_t* ctx, int fd)
+{
+    struct stat st;
+    if (fstat(fd, &st) != 0) {
+        TPG_WARN(ctx, "unable to tell what SNMP FD %d is, %s", fd, strerror(errno));
+        return false;
+    }
+    return S_ISFIFO(st.st_mode);
+}
+
 /* A descriptor that cannot be watched is tried again at the next update. */
 static void watch(tpg_context_t* ctx, int fd)
 {
@@ -88,6 +102,7 @@ static void watch(tpg_context_t* ctx, int fd)
         TPG_ERROR(ctx, "unable to allocate memory for new SNMP event, %s", strerror(errno));
         return;
     }
+    entry->pipe = is_pipe(ctx, fd);
     evutil_make_socket_nonblocking(fd);
     entry->ev = event_new(ctx->levent_base, fd, EV_READ | EV_PERSIST, levent_snmp_read, ctx);
     if (entry->ev == nullptr) {
@@ -112,15 +127,46 @@ static void arm_timer(tpg_context_t* ctx, int block, const timeval* timeout)
     }
 }
 
+static void read_session(int fd)
+{
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(fd, &set);
+    snmp_read(&set);
+}
+
+/* The lowest descriptor above fd that is a pipe of the library's; -1 when there is none. */
+static int next_pipe(const tpg_context_t* ctx, int fd)
+{
+    int next = -1;
+    const list_head* end = &ctx->lev_snmp_fd_list;
+    for (list_head* node = end->next; node != end; node = node->next) {
+        const tpg_lev_snmpfd_t* entry = list_entry(node, tpg_lev_snmpfd_t, ev_node);
+        const int candidate = event_get_fd(entry->ev);
+        if (entry->pipe && candidate > fd && (next == -1 || candidate < next)) {
+            next = candidate;
+        }
+    }
+    return next;
+}
+
+/*
+ * The library hands a request from its AgentX session to its agent, and the
+ * answer back, through two pipes. Reading them at once, in that order (that of
+ * their making), saves two turns of the event loop a request; an empty one is
+ * left at once, since it does not block.
+ */
 void levent_snmp_read(int fd, short what, void* arg)
 {
     (void)what;
     auto* ctx = static_cast<tpg_context_t*>(arg);
     TPG_TRACE(ctx, "snmpread", "%s(): enter", __func__);
-    fd_set set;
-    FD_ZERO(&set);
-    FD_SET(fd, &set);
-    snmp_read(&set);
+    read_session(fd);
+    for (int pipe = next_pipe(ctx, -1); pipe != -1; pipe = next_pipe(ctx, pipe)) {
+        if (pipe != fd) {
+            read_session(pipe);
+        }
+    }
     levent_snmp_update(ctx);
     TPG_TRACE(ctx, "snmpread", "%s(): exit", __func__);
 }
