@@ -55,7 +55,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     FUZZ_REQUIRE(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0);
     FUZZ_REQUIRE(send(ends[1], in.data, in.size, MSG_DONTWAIT) == static_cast<ssize_t>(in.size));
     shutdown(ends[1], SHUT_WR);
-    ctx->jsonmib_ipc_info[slot - 1] = {1, 0, ends[0], owed};
+    jsonmib_ipc_info_t* info = &ctx->jsonmib_ipc_info[slot - 1];
+    *info = {1, 0, ends[0], owed % (JSONMIB_IPC_OWED_MAX + 1), {}};
+    for (uint32_t i = 0; i < info->owed_total; i++) {
+        const uint32_t length = i % 2 == 0 ? sizeof(uevgend_get_reply_msg_t) : LENGTH_MAX;
+        info->owed[i] = {UEVGEND_MSG_GET, i, i / 3, length};
+    }
     fuzz_input_t rest = {reinterpret_cast<const uint8_t*>(described.data()), described.size()};
     while (rest.size > 0) {
         request(ctx, slot, &rest);

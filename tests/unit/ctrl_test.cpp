@@ -23,7 +23,7 @@ struct ctrl : testing::Test {
             ASSERT_EQ(setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &DEADLINE, sizeof(DEADLINE)), 0);
         }
         peer = ends[0];
-        *slot = {1, 0, ends[1], 0};
+        *slot = {1, 0, ends[1], 0, {}};
     }
     void TearDown() override
     {
@@ -90,30 +90,49 @@ TEST_F(ctrl, sizes)
     EXPECT_EQ(get(200), "-7 " + std::string(200, '\0'));
 }
 
-/* After a time-out the reply may still come: before or after the next request. */
+/* After a time-out the reply may still come: before the next request or behind it. */
 TEST_F(ctrl, late_replies)
 {
-    slot->owed = 152;
-    answer_for(99, 152, 'n');
-    answer_for(101, 152, 'y');
-    EXPECT_EQ(get(1), "0 y");
-    EXPECT_EQ(slot->owed, 0U);
-
-    for (const uint32_t echo : {101U, 0U}) { /* a daemon without echoes is taken at its word */
-        slot->owed = 304;
-        pending(peer);
-        std::thread thread([this, echo] {
-            char request[24];
-            recv(peer, request, sizeof(request), MSG_WAITALL);
-            answer_for(99, 152, 'n');
-            answer_for(echo, 152, 'y');
-        });
-        EXPECT_EQ(get(1), "0 y");
-        thread.join();
-        EXPECT_EQ(slot->owed, 152U);
+    const jsonmib_ipc_exchange_t never_answered = {UEVGEND_MSG_GET, 98, 0x203, 152};
+    const jsonmib_ipc_exchange_t text = {UEVGEND_MSG_GET, 99, 0x203, 280};
+    const jsonmib_ipc_exchange_t written = {UEVGEND_MSG_SET, 101, 0x203, 152};
+    const jsonmib_ipc_exchange_t nameless = {UEVGEND_MSG_GET, 0, 0, 152};
+    const jsonmib_ipc_exchange_t again = {UEVGEND_MSG_GET, 101, 0x203, 152};
+    for (const bool before : {true, false}) {
+        for (const jsonmib_ipc_exchange_t& owed : {text, written, nameless, again}) {
+            if (!before && owed.type == again.type && owed.var_id == again.var_id) {
+                continue; /* its value is the variable's own */
+            }
+            slot->owed[0] = never_answered;
+            slot->owed[1] = owed;
+            slot->owed_total = 2;
+            if (before) {
+                answer_for(owed.var_id, owed.length, 0);
+            }
+            std::thread daemon([this, owed, before] {
+                char request[24];
+                recv(peer, request, sizeof(request), MSG_WAITALL);
+                if (!before) {
+                    answer_for(owed.var_id, owed.length, 0);
+                }
+                answer_for(101, 152, 'y');
+            });
+            EXPECT_EQ(get(1), "0 y");
+            daemon.join();
+            EXPECT_EQ(slot->owed_total, 0U);
+        }
     }
+    slot->owed[0] = text; /* a daemon without echoes is taken at its word */
+    slot->owed_total = 1;
+    std::thread daemon([this] {
+        char request[24];
+        recv(peer, request, sizeof(request), MSG_WAITALL);
+        answer_for(0, 152, 'y');
+    });
+    EXPECT_EQ(get(1), "0 y");
+    daemon.join();
 
-    slot->owed = 0;
+    slot->owed_total = 0;
     answer_for(99, 152, 'n'); /* without a time-out the echo is not looked at */
     EXPECT_EQ(get(1), "0 n");
 }

@@ -167,11 +167,23 @@ struct tpg_jsonmib_register_info_t {
 
 /* ---- control channel ---- */
 
+/* A request and the reply it is to get. */
+struct jsonmib_ipc_exchange_t {
+    uint16_t type;
+    uint32_t var_id;
+    uint32_t index;
+    uint32_t length; /* of the reply in bytes */
+};
+
+/* A connection with more replies outstanding than this is given up. */
+constexpr uint32_t JSONMIB_IPC_OWED_MAX = 16;
+
 struct jsonmib_ipc_info_t {
     uint8_t connected;
     uint16_t reserved;
-    int32_t fd;    /* 0 or less: the slot has no socket */
-    uint32_t owed; /* reply bytes that a time-out left to come on this connection */
+    int32_t fd; /* 0 or less: the slot has no socket */
+    uint32_t owed_total;
+    jsonmib_ipc_exchange_t owed[JSONMIB_IPC_OWED_MAX]; /* timed out, in the order sent */
 };
 
 /* ---- clients ---- */

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -22,10 +23,16 @@ static void ipc_open_socket(tpg_context_t*, jsonmib_ipc_info_t*);
 static int ipc_ready(tpg_context_t*, uint32_t);
 static int ipc_wait_readable(tpg_context_t*, uint32_t);
 static ssize_t ipc_recv_first(tpg_context_t*, uint32_t, void*, uint32_t);
-static void ipc_drain_owed(jsonmib_ipc_info_t*);
 static void ctrl_fill_head(com_msg_head_t*, uint16_t, size_t);
-static int ctrl_recv_reply(tpg_context_t*, uint32_t, uint32_t, uint32_t, void*, uint32_t);
-static bool ctrl_is_late_reply(const void*, uint32_t, uint32_t);
+static int ctrl_recv_reply(tpg_context_t*, uint32_t, const jsonmib_ipc_exchange_t*, void*);
+static int ctrl_recv_past_owed(tpg_context_t*, uint32_t, const jsonmib_ipc_exchange_t*, uint8_t*);
+static int ctrl_recv_rest(tpg_context_t*, uint32_t, uint8_t*, uint32_t);
+static int ctrl_skip_rest(tpg_context_t*, uint32_t, uint32_t);
+static uint32_t ctrl_find_owed(const jsonmib_ipc_info_t*, const jsonmib_ipc_exchange_t*,
+                               const uint8_t*);
+static void ctrl_owe(tpg_context_t*, uint32_t, const jsonmib_ipc_exchange_t*);
+static int ctrl_drop_owed(tpg_context_t*, uint32_t, uint32_t, uint32_t);
+static void ctrl_drain_owed(tpg_context_t*, uint32_t);
 
 constexpr timeval IPC_TIMEOUT = {5, 0};
 constexpr ssize_t IPC_NOTHING_CAME = -2; /* no result of recv; logged */
@@ -95,7 +102,7 @@ int jsonmib_ipc_connect(tpg_context_t* ctx, uint32_t slot_no)
         return -1;
     }
     info->connected = 1;
-    info->owed = 0;
+    info->owed_total = 0;
     TPG_INFO(ctx, "Connected to slot_no %u", slot_no);
     return 0;
 }
@@ -109,7 +116,7 @@ void jsonmib_ipc_disconnect(tpg_context_t* ctx, uint32_t slot_no)
     close(info->fd);
     info->fd = 0;
     info->connected = 0;
-    info->owed = 0;
+    info->owed_total = 0;
 }
 
 static int ipc_ready(tpg_context_t* ctx, uint32_t slot_no)
@@ -215,20 +222,6 @@ int jsonmib_ipc_recv(tpg_context_t* ctx, uint32_t slot_no, void* buf, uint32_t l
     return 0;
 }
 
-/* Throws away what has arrived of the replies to requests that timed out. */
-static void ipc_drain_owed(jsonmib_ipc_info_t* info)
-{
-    char waste[UEVGEND_DATA_OFS + UEVGEND_DATA_FIXED];
-    while (info->connected != 0 && info->owed > 0) {
-        const ssize_t n =
-            recv(info->fd, waste, std::min<size_t>(sizeof(waste), info->owed), MSG_DONTWAIT);
-        if (n <= 0) {
-            return;
-        }
-        info->owed -= static_cast<uint32_t>(n);
-    }
-}
-
 static void ctrl_fill_head(com_msg_head_t* head, uint16_t type, size_t length)
 {
     static const auto AGENT_PID = static_cast<uint32_t>(getpid()); /* a system call each time */
@@ -238,38 +231,139 @@ static void ctrl_fill_head(com_msg_head_t* head, uint16_t type, size_t length)
     head->ulPid = AGENT_PID;
 }
 
-/* True for the answer to an earlier request; a daemon that echoes nothing is taken at its word. */
-static bool ctrl_is_late_reply(const void* reply, uint32_t var_id, uint32_t index)
+/*
+ * How many owed replies end with the one that begins with bytes; 0 when it is
+ * none of them. A daemon that echoes nothing is taken at its word, and so is
+ * an answer to a request like exchange (null: there is none yet), whose value
+ * is the variable's own.
+ */
+static uint32_t ctrl_find_owed(const jsonmib_ipc_info_t* info,
+                               const jsonmib_ipc_exchange_t* exchange, const uint8_t* bytes)
 {
     ctrl_reply_head_t head;
-    memcpy(&head, reply, sizeof(head));
-    if (head.ulVarId == 0 && head.ulIndex == 0) {
-        return false;
+    memcpy(&head, bytes, sizeof(head));
+    for (uint32_t i = 0; i < info->owed_total; i++) {
+        const jsonmib_ipc_exchange_t* owed = &info->owed[i];
+        const bool same = exchange != nullptr && owed->type == exchange->type &&
+                          owed->var_id == exchange->var_id && owed->index == exchange->index &&
+                          owed->length == exchange->length;
+        if (!same && head.ulVarId == owed->var_id && head.ulIndex == owed->index) {
+            return i + 1;
+        }
     }
-    return head.ulVarId != var_id || head.ulIndex != index;
+    return 0;
+}
+
+/* A time-out keeps the connection, and with it the reply that is still to come. */
+static void ctrl_owe(tpg_context_t* ctx, uint32_t slot_no, const jsonmib_ipc_exchange_t* exchange)
+{
+    jsonmib_ipc_info_t* info = ipc_info(ctx, slot_no);
+    if (info->connected == 0) {
+        return;
+    }
+    if (info->owed_total == JSONMIB_IPC_OWED_MAX) {
+        TPG_ERROR(ctx, "slot_no %u owes %u replies, disconnecting", slot_no, info->owed_total);
+        jsonmib_ipc_disconnect(ctx, slot_no);
+        return;
+    }
+    info->owed[info->owed_total++] = *exchange;
+}
+
+/* Receives what follows a reply's head; without it the connection would be out of step. */
+static int ctrl_recv_rest(tpg_context_t* ctx, uint32_t slot_no, uint8_t* bytes, uint32_t length)
+{
+    if (length > 0 && jsonmib_ipc_recv(ctx, slot_no, bytes, length) != 0) {
+        jsonmib_ipc_disconnect(ctx, slot_no);
+        return -1;
+    }
+    return 0;
+}
+
+static int ctrl_skip_rest(tpg_context_t* ctx, uint32_t slot_no, uint32_t length)
+{
+    uint8_t waste[UEVGEND_DATA_FIXED];
+    while (length > 0) {
+        const uint32_t n = std::min<uint32_t>(length, sizeof(waste));
+        if (ctrl_recv_rest(ctx, slot_no, waste, n) != 0) {
+            return -1;
+        }
+        length -= n;
+    }
+    return 0;
+}
+
+/* Throws away the owed reply at place late, taken of whose bytes have been read, and those that
+ * never came before it. */
+static int ctrl_drop_owed(tpg_context_t* ctx, uint32_t slot_no, uint32_t late, uint32_t taken)
+{
+    jsonmib_ipc_info_t* info = ipc_info(ctx, slot_no);
+    if (ctrl_skip_rest(ctx, slot_no, info->owed[late - 1].length - taken) != 0) {
+        return -1;
+    }
+    info->owed_total -= late;
+    memmove(info->owed, info->owed + late, info->owed_total * sizeof(info->owed[0]));
+    return 0;
+}
+
+/* What has come before a request is sent cannot be its answer. */
+static void ctrl_drain_owed(tpg_context_t* ctx, uint32_t slot_no)
+{
+    jsonmib_ipc_info_t* info = ipc_info(ctx, slot_no);
+    uint8_t head[UEVGEND_DATA_OFS];
+    while (info->owed_total > 0 &&
+           recv(info->fd, head, sizeof(head), MSG_PEEK | MSG_DONTWAIT) == sizeof(head)) {
+        const uint32_t late = std::max(ctrl_find_owed(info, nullptr, head), 1U);
+        if (ctrl_drop_owed(ctx, slot_no, late, 0) != 0) {
+            return;
+        }
+    }
+}
+
+/* Throws away owed replies until the exchange's own comes, for not much longer than one may take.
+ */
+static int ctrl_recv_past_owed(tpg_context_t* ctx, uint32_t slot_no,
+                               const jsonmib_ipc_exchange_t* exchange, uint8_t* reply)
+{
+    jsonmib_ipc_info_t* info = ipc_info(ctx, slot_no);
+    timespec start;
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    do {
+        if (jsonmib_ipc_recv(ctx, slot_no, reply, UEVGEND_DATA_OFS) != 0) {
+            ctrl_owe(ctx, slot_no, exchange);
+            return -1;
+        }
+        const uint32_t late = ctrl_find_owed(info, exchange, reply);
+        if (late == 0) {
+            return ctrl_recv_rest(ctx, slot_no, reply + UEVGEND_DATA_OFS,
+                                  exchange->length - static_cast<uint32_t>(UEVGEND_DATA_OFS));
+        }
+        if (ctrl_drop_owed(ctx, slot_no, late, UEVGEND_DATA_OFS) != 0) {
+            return -1;
+        }
+        clock_gettime(CLOCK_MONOTONIC, &now);
+    } while (now.tv_sec - start.tv_sec < IPC_TIMEOUT.tv_sec);
+    TPG_ERROR(ctx, "ipc timeout on slot_no %u", slot_no);
+    ctrl_owe(ctx, slot_no, exchange);
+    return -1;
 }
 
 /*
- * Receives the reply of length bytes to the request for var_id and index. Only
- * after a time-out on this connection is the echo looked at, so that an answer
- * that comes late is not served as another variable's value.
+ * Receives the exchange's reply. Only after a time-out on this connection is
+ * the echo looked at, so that an answer that comes late is not served as
+ * another variable's value.
  */
-static int ctrl_recv_reply(tpg_context_t* ctx, uint32_t slot_no, uint32_t var_id, uint32_t index,
-                           void* reply, uint32_t length)
+static int ctrl_recv_reply(tpg_context_t* ctx, uint32_t slot_no,
+                           const jsonmib_ipc_exchange_t* exchange, void* reply)
 {
-    jsonmib_ipc_info_t* info = ipc_info(ctx, slot_no);
-    for (;;) {
-        if (jsonmib_ipc_recv(ctx, slot_no, reply, length) != 0) {
-            if (info->connected != 0) {
-                info->owed += length;
-            }
-            return -1;
-        }
-        if (info->owed == 0 || !ctrl_is_late_reply(reply, var_id, index)) {
-            return 0;
-        }
-        info->owed -= std::min(info->owed, length);
+    if (ipc_info(ctx, slot_no)->owed_total > 0) {
+        return ctrl_recv_past_owed(ctx, slot_no, exchange, static_cast<uint8_t*>(reply));
     }
+    if (jsonmib_ipc_recv(ctx, slot_no, reply, exchange->length) != 0) {
+        ctrl_owe(ctx, slot_no, exchange);
+        return -1;
+    }
+    return 0;
 }
 
 int jsonmib_ctrl_get(tpg_context_t* ctx, uint32_t slot_no, uint32_t var_id, uint32_t index,
@@ -296,13 +390,14 @@ int jsonmib_ctrl_get(tpg_context_t* ctx, uint32_t slot_no, uint32_t var_id, uint
     request.ctrl_get.usLength = static_cast<uint16_t>(length);
     TPG_DEBUG(ctx, "%s(): to ipc_send - varid=%u:%u:%u", __func__, var_id, index, length);
     memset(data, 0, length);
-    ipc_drain_owed(ipc_info(ctx, slot_no));
+    ctrl_drain_owed(ctx, slot_no);
     if (jsonmib_ipc_send(ctx, slot_no, &request, sizeof(request)) != 0) {
         TPG_ERROR(ctx, "jsonmib_ipc_send failed");
         return JSONMIB_CTRL_TRANSPORT;
     }
     TPG_DEBUG(ctx, "%s(): to ipc_recv -", __func__);
-    const int ret = ctrl_recv_reply(ctx, slot_no, var_id, index, reply, reply_len);
+    const jsonmib_ipc_exchange_t exchange = {UEVGEND_MSG_GET, var_id, index, reply_len};
+    const int ret = ctrl_recv_reply(ctx, slot_no, &exchange, reply);
     if (ret != 0) {
         TPG_ERROR(ctx, "jsonmib_ipc_recv failed");
         return JSONMIB_CTRL_TRANSPORT;
@@ -341,13 +436,14 @@ int jsonmib_ctrl_set(tpg_context_t* ctx, uint32_t slot_no, uint32_t var_id, uint
     head.ctrl_set.usLength = static_cast<uint16_t>(length);
     memcpy(request, &head, UEVGEND_DATA_OFS);
     memcpy(request + UEVGEND_DATA_OFS, data, length);
-    ipc_drain_owed(ipc_info(ctx, slot_no));
+    ctrl_drain_owed(ctx, slot_no);
     if (jsonmib_ipc_send(ctx, slot_no, request, request_len) != 0) {
         TPG_ERROR(ctx, "jsonmib_ipc_send failed");
         return JSONMIB_CTRL_TRANSPORT;
     }
     uevgend_set_reply_msg_t reply = {};
-    if (ctrl_recv_reply(ctx, slot_no, var_id, index, &reply, sizeof(reply)) != 0) {
+    const jsonmib_ipc_exchange_t exchange = {UEVGEND_MSG_SET, var_id, index, sizeof(reply)};
+    if (ctrl_recv_reply(ctx, slot_no, &exchange, &reply) != 0) {
         TPG_ERROR(ctx, "jsonmib_ipc_recv failed");
         return JSONMIB_CTRL_TRANSPORT;
     }
