@@ -52,7 +52,7 @@ int tpg_db_load_sendtrap_db_file(tpg_context_t* ctx, tpg_jsonmib_register_info_t
 {
     const uint32_t slot = jsonmib_reginfo->libmib_reginfo.slot_no;
     if (jsonmib_reginfo->sendtrap_json_db != nullptr) {
-        TPG_ERROR(ctx, "%s(%u): free target sendtrap_json_db (%p)", __func__, slot,
+        TPG_ERROR(ctx, "%s(%d): free target sendtrap_json_db (%p)", __func__, slot,
                   static_cast<void*>(jsonmib_reginfo->sendtrap_json_db));
         json_object_put(jsonmib_reginfo->sendtrap_json_db);
         jsonmib_reginfo->sendtrap_json_db = nullptr;

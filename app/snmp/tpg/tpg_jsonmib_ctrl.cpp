@@ -90,7 +90,7 @@ int jsonmib_ipc_connect(tpg_context_t* ctx, uint32_t slot_no)
 
     struct stat st;
     if (stat(addr.sun_path, &st) != 0) {
-        TPG_ERROR(ctx, "slot_no %u ipc is down", slot_no);
+        TPG_ERROR(ctx, "slot_no %d ipc is down", slot_no);
         return -1;
     }
     if (info->fd <= 0) {
@@ -98,12 +98,12 @@ int jsonmib_ipc_connect(tpg_context_t* ctx, uint32_t slot_no)
     }
     /* A socket that could not be connected is kept: the next attempt connects it again. */
     if (connect(info->fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
-        TPG_ERROR(ctx, "connect slot_no %u failed, %s", slot_no, strerror(errno));
+        TPG_ERROR(ctx, "connect slot_no %d failed, %s", slot_no, strerror(errno));
         return -1;
     }
     info->connected = 1;
     info->owed_total = 0;
-    TPG_INFO(ctx, "Connected to slot_no %u", slot_no);
+    TPG_INFO(ctx, "Connected to slot_no %d", slot_no);
     return 0;
 }
 
@@ -122,7 +122,7 @@ void jsonmib_ipc_disconnect(tpg_context_t* ctx, uint32_t slot_no)
 static int ipc_ready(tpg_context_t* ctx, uint32_t slot_no)
 {
     if (ipc_info(ctx, slot_no)->connected == 0 && jsonmib_ipc_connect(ctx, slot_no) != 0) {
-        TPG_ERROR(ctx, "connction to slot_no %u is not available", slot_no);
+        TPG_ERROR(ctx, "connction to slot_no %d is not available", slot_no);
         return -1;
     }
     return 0;
@@ -139,7 +139,7 @@ int jsonmib_ipc_send(tpg_context_t* ctx, uint32_t slot_no, const void* buf, uint
     while (sent < length) {
         const ssize_t n = send(info->fd, bytes + sent, length - sent, MSG_NOSIGNAL);
         if (n < 0) {
-            TPG_ERROR(ctx, "send to slot_no %u failed. request %u bytes but sent %u bytes. %s",
+            TPG_ERROR(ctx, "send to slot_no %d failed. request %d bytes but sent %d bytes. %s",
                       slot_no, length, sent, strerror(errno));
             jsonmib_ipc_disconnect(ctx, slot_no);
             return -1;
@@ -171,7 +171,7 @@ static int ipc_wait_readable(tpg_context_t* ctx, uint32_t slot_no)
         return -1;
     }
     if (ready == 0) {
-        TPG_ERROR(ctx, "ipc timeout on slot_no %u", slot_no);
+        TPG_ERROR(ctx, "ipc timeout on slot_no %d", slot_no);
         return -1;
     }
     return 0;
@@ -211,7 +211,7 @@ int jsonmib_ipc_recv(tpg_context_t* ctx, uint32_t slot_no, void* buf, uint32_t l
     while (received < length) {
         if (n <= 0) {
             TPG_ERROR(ctx,
-                      "recv from slot_no %u failed. request %u bytes but received %u bytes. %s",
+                      "recv from slot_no %d failed. request %d bytes but received %d bytes. %s",
                       slot_no, length, received, strerror(errno));
             jsonmib_ipc_disconnect(ctx, slot_no);
             return -1;
@@ -343,7 +343,7 @@ static int ctrl_recv_past_owed(tpg_context_t* ctx, uint32_t slot_no,
         }
         clock_gettime(CLOCK_MONOTONIC, &now);
     } while (now.tv_sec - start.tv_sec < IPC_TIMEOUT.tv_sec);
-    TPG_ERROR(ctx, "ipc timeout on slot_no %u", slot_no);
+    TPG_ERROR(ctx, "ipc timeout on slot_no %d", slot_no);
     ctrl_owe(ctx, slot_no, exchange);
     return -1;
 }
@@ -388,7 +388,7 @@ int jsonmib_ctrl_get(tpg_context_t* ctx, uint32_t slot_no, uint32_t var_id, uint
     request.ctrl_get.ulVarId = var_id;
     request.ctrl_get.ulIndex = index;
     request.ctrl_get.usLength = static_cast<uint16_t>(length);
-    TPG_DEBUG(ctx, "%s(): to ipc_send - varid=%u:%u:%u", __func__, var_id, index, length);
+    TPG_DEBUG(ctx, "%s(): to ipc_send - varid=%d:%d:%d", __func__, var_id, index, length);
     memset(data, 0, length);
     ctrl_drain_owed(ctx, slot_no);
     if (jsonmib_ipc_send(ctx, slot_no, &request, sizeof(request)) != 0) {

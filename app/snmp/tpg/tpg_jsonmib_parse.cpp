@@ -236,7 +236,7 @@ static int parse_table_oid(tpg_context_t* ctx, json_object* value,
 {
     const size_t arraylen = json_object_array_length(value);
     if (arraylen > TPG_OID_MAX) {
-        TPG_ERROR(ctx, "arraylen %zu > oid_max_len %u", arraylen, TPG_OID_MAX);
+        TPG_ERROR(ctx, "arraylen %zu > oid_max_len %d", arraylen, TPG_OID_MAX);
         return -1;
     }
     jsonmib_read_oid(value, jsonmib_table->oid, &jsonmib_table->oid_len);
@@ -248,7 +248,7 @@ static int parse_table_indexes(tpg_context_t* ctx, json_object* value,
 {
     const size_t arraylen = json_object_array_length(value);
     if (arraylen > JSONMIB_INDEX_MAX) {
-        TPG_ERROR(ctx, "arraylen %zu > index_info_max %u", arraylen, JSONMIB_INDEX_MAX);
+        TPG_ERROR(ctx, "arraylen %zu > index_info_max %d", arraylen, JSONMIB_INDEX_MAX);
         return -1;
     }
     if (is_fault_table(jsonmib_table)) {
@@ -322,7 +322,7 @@ static int validate_table(tpg_context_t* ctx, const jsonmib_table_info_t* jsonmi
     const jsonmib_table_name_t name = jsonmib_table_name(jsonmib_table);
     if (!is_fault_table(jsonmib_table)) {
         if (incomplete) {
-            TPG_ERROR(ctx, "Validation jsonmib_table failed! name[%s], oid0[%u], param_info[%p]",
+            TPG_ERROR(ctx, "Validation jsonmib_table failed! name[%s], oid0[%d], param_info[%p]",
                       name.text, jsonmib_table->oid[0],
                       static_cast<const void*>(jsonmib_table->param_info));
         }
@@ -330,8 +330,8 @@ static int validate_table(tpg_context_t* ctx, const jsonmib_table_info_t* jsonmi
     }
     if (incomplete || jsonmib_table->trap_info.fault_present_var_id == 0) {
         TPG_ERROR(ctx,
-                  "Validation jsonmib_table failed! name[%s], oid0[%u], param_info[%p], "
-                  "fault_present_var_id[%u]",
+                  "Validation jsonmib_table failed! name[%s], oid0[%d], param_info[%p], "
+                  "fault_present_var_id[%d]",
                   name.text, jsonmib_table->oid[0],
                   static_cast<const void*>(jsonmib_table->param_info),
                   jsonmib_table->trap_info.fault_present_var_id);
@@ -369,7 +369,7 @@ static int parse_index(tpg_context_t* ctx, json_object* jobj, size_t i,
             continue;
         }
         if (i >= JSONMIB_INDEX_MAX) {
-            TPG_ERROR(ctx, "key %s, index is out of max %u", key, JSONMIB_INDEX_MAX);
+            TPG_ERROR(ctx, "key %s, index is out of max %d", key, JSONMIB_INDEX_MAX);
             return -1;
         }
         const int number = json_object_get_int(value);
@@ -470,7 +470,7 @@ static void repair_param_range(tpg_context_t* ctx, const jsonmib_table_info_t* j
     if (is_fault_table(jsonmib_table) || param->access != JSONMIB_ACCESS_RW || !is_int || !wrong) {
         return;
     }
-    TPG_WARN(ctx, "Fixing wrong range[%d:%d] for varid[%u] in table %s.", param->range[0],
+    TPG_WARN(ctx, "Fixing wrong range[%d:%d] for varid[%d] in table %s.", param->range[0],
              param->range[1], param->var_id, jsonmib_table_name(jsonmib_table).text);
     param->range[0] = 0;
     param->range[1] = INT32_MAX;
@@ -533,7 +533,7 @@ static void parse_binding_oid(tpg_context_t* ctx, json_object* value,
 {
     const size_t arraylen = json_object_array_length(value);
     if (arraylen > TPG_OID_MAX) {
-        TPG_ERROR(ctx, "arraylen %zu > oid_max_len %u", arraylen, TPG_OID_MAX);
+        TPG_ERROR(ctx, "arraylen %zu > oid_max_len %d", arraylen, TPG_OID_MAX);
         return;
     }
     jsonmib_read_oid(value, trap_bindings_info->oid, &trap_bindings_info->oid_len);
@@ -588,10 +588,10 @@ int jsonmib_parse_specific_string(tpg_context_t* ctx,
         specific_range_t* range = &trap_bindings_info->specific_list[total];
         range->low = static_cast<uint16_t>(strtol(token, nullptr, 10));
         range->high = static_cast<uint16_t>(strtol(minus + 1, nullptr, 10));
-        TPG_DEBUG(ctx, "range_specific[%u]: [%u-%u]", total, range->low, range->high);
+        TPG_DEBUG(ctx, "range_specific[%d]: [%d-%d]", total, range->low, range->high);
         total++;
     }
     trap_bindings_info->specific_list_len = total;
-    TPG_DEBUG(ctx, "Var bindings specific total %u.", total);
+    TPG_DEBUG(ctx, "Var bindings specific total %d.", total);
     return 0;
 }

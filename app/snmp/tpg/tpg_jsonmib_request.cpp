@@ -162,7 +162,7 @@ static int locate_row(cell_request_t* cell)
         cell->instance = value[1];
         cell->index = value[0] - 1;
         if (fault) {
-            DEBUGMSGTL(("jsonmib", "double indexed, index = 0x%x, index_max = %u:%u\n", cell->index,
+            DEBUGMSGTL(("jsonmib", "double indexed, index = 0x%x, index_max = %d:%d\n", cell->index,
                         index1_max, 0U));
         } else {
             DEBUGMSGTL(("jsonmib", "double indexed, index = 0x%x\n", cell->index));
@@ -173,15 +173,15 @@ static int locate_row(cell_request_t* cell)
         cell->index = ((value[0] - 1) << 8U) | (value[1] - 1);
         cell->index2_max = table->index_info[1].range[1];
         if (fault) {
-            DEBUGMSGTL(("jsonmib", "triple indexed, index = 0x%x, index_max = %u:%u\n", cell->index,
+            DEBUGMSGTL(("jsonmib", "triple indexed, index = 0x%x, index_max = %d:%d\n", cell->index,
                         index1_max, cell->index2_max));
         } else {
             DEBUGMSGTL(("jsonmib", "triple indexed, index = 0x%x\n", cell->index));
         }
         break;
     default:
-        DEBUGMSGTL(("jsonmib", "invalid number_indexes = %u\n", total));
-        TPG_ERROR(cell->ctx, "invalid number_indexes = %u", total);
+        DEBUGMSGTL(("jsonmib", "invalid number_indexes = %d\n", total));
+        TPG_ERROR(cell->ctx, "invalid number_indexes = %d", total);
         return SNMP_ERR_GENERR;
     }
     if (cell->instance < 1 || cell->instance > TPG_SLOT_MAX) {
@@ -200,12 +200,12 @@ static int locate_cell(cell_request_t* cell, netsnmp_table_request_info* table_r
     }
     cell->colnum = table_reqinfo->colnum;
     if (cell->colnum < 1 || cell->colnum > cell->table->param_total) {
-        DEBUGMSGTL(("jsonmib", "invalid table_request->colnum %u\n", cell->colnum));
-        TPG_ERROR(cell->ctx, "invalid table_request->colnum %u", cell->colnum);
+        DEBUGMSGTL(("jsonmib", "invalid table_request->colnum %d\n", cell->colnum));
+        TPG_ERROR(cell->ctx, "invalid table_request->colnum %d", cell->colnum);
         return SNMP_ERR_GENERR;
     }
     cell->param = &cell->table->param_info[cell->colnum - 1];
-    DEBUGMSGTL(("jsonmib", "mode %d, colnum %u, instance %u, index 0x%x\n", cell->mode,
+    DEBUGMSGTL(("jsonmib", "mode %d, colnum %d, instance %d, index 0x%x\n", cell->mode,
                 cell->colnum, cell->instance, cell->index));
     return SNMP_ERR_NOERROR;
 }
@@ -213,19 +213,24 @@ static int locate_cell(cell_request_t* cell, netsnmp_table_request_info* table_r
 static void debug_param(const jsonmib_table_param_info_t* param)
 {
     DEBUGMSGTL((
-        "jsonmib", "MODE_GET: param_info: type %d, access %d, flags %d, var_id %u, range[%d:%d]\n",
+        "jsonmib", "MODE_GET: param_info: type %d, access %d, flags %d, var_id %d, range[%d:%d]\n",
         param->type, param->access, param->flags, param->var_id, param->range[0], param->range[1]));
 }
 
 /* Index columns are expected to be columns 1 and 2. */
 static int get_index_column(const cell_request_t* cell)
 {
+    const auto first = static_cast<unsigned long>(*cell->row->indexes->val.integer);
+    DEBUGMSGTL(("jsonmib", "MODE_GET: table index: number_indexes %d, index %lu\n",
+                cell->row->number_indexes, first));
+    TPG_DEBUG(cell->ctx, "MODE_GET: table index: number_indexes %d, index %lu",
+              cell->row->number_indexes, first);
     const netsnmp_variable_list* index = cell->row->indexes;
     if (cell->colnum == 2 && index != nullptr) {
         index = index->next_variable;
     }
     if (cell->colnum > 2 || index == nullptr) {
-        TPG_ERROR(cell->ctx, "invalid colnum %u for a index parameter!", cell->colnum);
+        TPG_ERROR(cell->ctx, "invalid colnum %d for a index parameter!", cell->colnum);
         return SNMP_ERR_NOACCESS;
     }
     snmp_set_var_typed_value(cell->var, ASN_INTEGER, index->val.integer, sizeof(long));
@@ -355,10 +360,10 @@ int jsonmib_gen_table_proc_agent_request(netsnmp_variable_list* var,
     DEBUGMSGTL(("jsonmib", ">>>Entering jsonmib_gen_table_proc_agent_request\n"));
     DEBUGMSGTL(("jsonmib", "table_reqinfo[%p], iterator_reqinfo[%p]\n",
                 static_cast<void*>(table_reqinfo), static_cast<void*>(iterator_reqinfo)));
-    TPG_DEBUG(ctx, "%s(): num_indexes=%u", __func__, iterator_reqinfo->number_indexes);
+    TPG_DEBUG(ctx, "%s(): num_indexes=%d", __func__, iterator_reqinfo->number_indexes);
     int status = locate_cell(&cell, table_reqinfo);
     if (status == SNMP_ERR_NOERROR) {
-        TPG_DEBUG(ctx, "mode %d, colnum %u, instance %u, index 0x%x, MOD_GET=%d", cell.mode,
+        TPG_DEBUG(ctx, "mode %d, colnum %d, instance %d, index 0x%x, MOD_GET=%d", cell.mode,
                   cell.colnum, cell.instance, cell.index, MODE_GET);
         status = cell.mode == MODE_GET ? gen_get(&cell) : set_phase(&cell, gen_set_action);
     }
@@ -370,16 +375,11 @@ static int gen_get(const cell_request_t* cell)
 {
     const jsonmib_table_param_info_t* param = cell->param;
     if ((param->flags & JSONMIB_PARAM_INDEX) != 0) {
-        const auto first = static_cast<unsigned long>(*cell->row->indexes->val.integer);
-        DEBUGMSGTL(("jsonmib", "MODE_GET: table index: number_indexes %u, index %lu\n",
-                    cell->row->number_indexes, first));
-        TPG_DEBUG(cell->ctx, "MODE_GET: table index: number_indexes %u, index %lu",
-                  cell->row->number_indexes, first);
         return get_index_column(cell);
     }
     debug_param(param);
     TPG_TRACE(cell->ctx, "snmpread",
-              "MODE_GET: param_info: type %d, access %d, flags %d, var_id %u, range[%d:%d]",
+              "MODE_GET: param_info: type %d, access %d, flags %d, var_id %d, range[%d:%d]",
               param->type, param->access, param->flags, param->var_id, param->range[0],
               param->range[1]);
     if (!is_integer_param(param)) {
@@ -389,7 +389,7 @@ static int gen_get(const cell_request_t* cell)
     if (jsonmib_ctrl_get(cell->ctx, cell->instance, param->var_id, cell->index, &value,
                          sizeof(value)) != 0) {
         TPG_ERROR(cell->ctx,
-                  "jsonmib_ctrl_get failed, instance %u, var_id %u, index 0x%x, length 4",
+                  "jsonmib_ctrl_get failed, instance %d, var_id %d, index 0x%x, length 4",
                   cell->instance, param->var_id, cell->index);
         return SNMP_ERR_GENERR;
     }
@@ -409,7 +409,7 @@ static int gen_get_string(const cell_request_t* cell)
     if (ret != 0) {
         if (param->var_id != QUIET_VAR_ID) {
             TPG_DEBUG(cell->ctx,
-                      "jsonmib_ctrl_get failed, instance %u, var_id %u, index 0x%x, length %d, "
+                      "jsonmib_ctrl_get failed, instance %d, var_id %d, index 0x%x, length %d, "
                       "ret=%d",
                       cell->instance, param->var_id, cell->index, param->range[1], ret);
         }
@@ -428,7 +428,7 @@ static int gen_set_action(const cell_request_t* cell)
     if (jsonmib_ctrl_set(cell->ctx, cell->instance, param->var_id, cell->index, &value,
                          sizeof(value)) != 0) {
         TPG_ERROR(cell->ctx,
-                  "jsonmib_ctrl_set failed, instance %u, var_id %u, index 0x%x, value %d",
+                  "jsonmib_ctrl_set failed, instance %d, var_id %d, index 0x%x, value %d",
                   cell->instance, param->var_id, cell->index, value);
         return SNMP_ERR_GENERR;
     }
@@ -457,7 +457,7 @@ static int gen_set_string(const cell_request_t* cell)
     }
     TPG_ERROR(
         cell->ctx,
-        "jsonmib_ctrl_set failed, instance %u, var_id %u, index 0x%x,len=(%u,%zu), value %.*s",
+        "jsonmib_ctrl_set failed, instance %d, var_id %d, index 0x%x,len=(%d,%zu), value %.*s",
         cell->instance, param->var_id, cell->index, length, cell->var->val_len,
         static_cast<int>(CELL_BUF), text);
     const auto byte = [&text](size_t i) { return static_cast<unsigned char>(text[i]); };
@@ -525,9 +525,9 @@ static int fault_get(const cell_request_t* cell)
     case fault_column::regular:
         break;
     }
-    DEBUGMSGTL(("jsonmib", "regular trap table param var_id %u range[%d:%d]\n", param->var_id,
+    DEBUGMSGTL(("jsonmib", "regular trap table param var_id %d range[%d:%d]\n", param->var_id,
                 param->range[0], param->range[1]));
-    TPG_ERROR(cell->ctx, "regular trap table param var_id %u range[%d:%d] ,type=%d", param->var_id,
+    TPG_ERROR(cell->ctx, "regular trap table param var_id %d range[%d:%d] ,type=%d", param->var_id,
               param->range[0], param->range[1], param->type);
     if (!is_integer_param(param)) {
         return fault_get_string(cell);
@@ -537,7 +537,7 @@ static int fault_get(const cell_request_t* cell)
 
 static int fault_get_failed(const cell_request_t* cell)
 {
-    TPG_ERROR(cell->ctx, "jsonmib_ctrl_get failed, instance %u, var_id %u, index 0x%x",
+    TPG_ERROR(cell->ctx, "jsonmib_ctrl_get failed, instance %d, var_id %d, index 0x%x",
               cell->instance, cell->param->var_id, cell->index);
     return SNMP_ERR_GENERR;
 }
@@ -580,7 +580,7 @@ static int switch_position(const cell_request_t* cell, uint32_t* position)
     }
     if (flat >= JSONMIB_SENDTRAP_POSITIONS) {
         TPG_ERROR(cell->ctx,
-                  "xxxSendTrap index Out of range. index2(%u)*index2_max(%u)+index1(%u) >= (%u)",
+                  "xxxSendTrap index Out of range. index2(%d)*index2_max(%d)+index1(%d) >= (%d)",
                   index2, cell->index2_max, index1, JSONMIB_SENDTRAP_POSITIONS);
         return SNMP_ERR_TOOBIG;
     }
@@ -639,7 +639,7 @@ static int fault_set_action(const cell_request_t* cell)
     if (kind == fault_column::send_trap) {
         return fault_set_switch(cell);
     }
-    DEBUGMSGTL(("jsonmib", "regular trap table param var_id %u range[%d:%d]\n", param->var_id,
+    DEBUGMSGTL(("jsonmib", "regular trap table param var_id %d range[%d:%d]\n", param->var_id,
                 param->range[0], param->range[1]));
     if (is_integer_param(param)) {
         return fault_set_integer(cell, to_card_value(param, written_integer(cell->var)));
@@ -652,7 +652,7 @@ static int fault_set_integer(const cell_request_t* cell, int32_t value)
     if (jsonmib_ctrl_set(cell->ctx, cell->instance, cell->param->var_id, cell->index, &value,
                          sizeof(value)) != 0) {
         TPG_ERROR(cell->ctx,
-                  "jsonmib_ctrl_set failed, instance %u, var_id %u, index 0x%x, value %d",
+                  "jsonmib_ctrl_set failed, instance %d, var_id %d, index 0x%x, value %d",
                   cell->instance, cell->param->var_id, cell->index, value);
         return SNMP_ERR_GENERR;
     }
@@ -666,7 +666,7 @@ static int fault_set_string(const cell_request_t* cell)
     if (jsonmib_ctrl_set(cell->ctx, cell->instance, cell->param->var_id, cell->index, text,
                          length) != 0) {
         TPG_ERROR(
-            cell->ctx, "jsonmib_ctrl_set failed, instance %u, var_id %u, index 0x%x, value %.*s",
+            cell->ctx, "jsonmib_ctrl_set failed, instance %d, var_id %d, index 0x%x, value %.*s",
             cell->instance, cell->param->var_id, cell->index, static_cast<int>(CELL_BUF), text);
         return SNMP_ERR_GENERR;
     }

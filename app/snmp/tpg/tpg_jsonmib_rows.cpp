@@ -112,7 +112,7 @@ static void debug_index(const jsonmib_table_info_t* jsonmib_table, size_t i,
     DEBUGMSGOID(("jsonmib", index->name, index->name_length));
     DEBUGMSG(("jsonmib", "\n"));
     DEBUGMSGTL(("jsonmib", "index val: %ld\n", index->val.integer ? *index->val.integer : 0));
-    DEBUGMSGTL(("jsonmib", "table %s, index_info[%zu].range[2]: {%u, %u}, flags 0x%x\n",
+    DEBUGMSGTL(("jsonmib", "table %s, index_info[%zu].range[2]: {%d, %d}, flags 0x%x\n",
                 jsonmib_table_name(jsonmib_table).text, i, info->range[0], info->range[1],
                 info->flags));
 }
@@ -167,7 +167,7 @@ static index_step step_instance(const jsonmib_table_info_t* jsonmib_table,
 {
     const auto value = static_cast<uint32_t>(*index->val.integer);
     if (info->range[1] <= value) {
-        DEBUGMSGTL(("jsonmib", "reach the end of instance index_value %u\n", value));
+        DEBUGMSGTL(("jsonmib", "reach the end of instance index_value %d\n", value));
         return index_step::end;
     }
     const char* family = jsonmib_table->jsonmib_reginfo->libmib_reginfo.prod_family;
@@ -176,7 +176,7 @@ static index_step step_instance(const jsonmib_table_info_t* jsonmib_table,
         DEBUGMSGTL(("jsonmib", "no next instance found for prod_family [%s]\n", family));
         return index_step::end;
     }
-    DEBUGMSGTL(("jsonmib", "found next instance index_value %u\n", next));
+    DEBUGMSGTL(("jsonmib", "found next instance index_value %d\n", next));
     set_index(index, next);
     return index_step::carry;
 }
@@ -185,11 +185,11 @@ static index_step step_range(const jsonmib_index_info_t* info, netsnmp_variable_
 {
     const auto value = static_cast<uint32_t>(*index->val.integer);
     if (value < info->range[1]) {
-        DEBUGMSGTL(("jsonmib", "increasing index_value to %u\n", value + 1));
+        DEBUGMSGTL(("jsonmib", "increasing index_value to %d\n", value + 1));
         set_index(index, value + 1);
         return index_step::stepped;
     }
-    DEBUGMSGTL(("jsonmib", "reach the end of index_value %u\n", value));
+    DEBUGMSGTL(("jsonmib", "reach the end of index_value %d\n", value));
     set_index(index, info->range[0]);
     return index_step::carry;
 }
@@ -274,7 +274,7 @@ static netsnmp_variable_list* row_found(void** data_context, netsnmp_variable_li
     table_request->number_indexes = jsonmib_table->index_used;
     table_request->indexes = snmp_clone_varbind(index_data);
     DEBUGMSGTL(("jsonmib", "table_request[%p]\n", static_cast<void*>(table_request)));
-    DEBUGMSGTL(("jsonmib", "number_indexes: %u\n", table_request->number_indexes));
+    DEBUGMSGTL(("jsonmib", "number_indexes: %d\n", table_request->number_indexes));
     if (table_request->indexes == nullptr) {
         free_row_context(table_request);
         return row_lost(jsonmib_table, data_context);
@@ -303,8 +303,8 @@ void jsonmib_table_free_loop_context_at_end(void* loop_context,
                                             netsnmp_iterator_info* iterator_info)
 {
     DEBUGMSGTL(("jsonmib", ">>>Entering jsonmib_table_free_loop_context_at_end\n"));
-    DEBUGMSGTL(
-        ("jsonmib", "refcnt %d, free loop_context[%p]\n", iterator_info->refcnt, loop_context));
+    (void)iterator_info;
+    DEBUGMSGTL(("jsonmib", "free loop_context[%p]\n", loop_context));
     free_row_context(loop_context);
     DEBUGMSGTL(("jsonmib", "<<<Leaving jsonmib_table_free_loop_context_at_end\n"));
 }

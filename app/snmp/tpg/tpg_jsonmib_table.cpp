@@ -178,7 +178,7 @@ static void debug_table(const jsonmib_table_info_t* jsonmib_table)
     DEBUGMSG(("jsonmib", "\n"));
     for (uint32_t i = 0; i <= JSONMIB_INDEX_MAX; i++) {
         DEBUGMSGTL(
-            ("jsonmib", "registering table %s, index_info[%u].range[2]: {%u, %u}, flags 0x%x\n",
+            ("jsonmib", "registering table %s, index_info[%d].range[2]: {%d, %d}, flags 0x%x\n",
              jsonmib_table_name(jsonmib_table).text, i, jsonmib_table->index_info[i].range[0],
              jsonmib_table->index_info[i].range[1], jsonmib_table->index_info[i].flags));
     }

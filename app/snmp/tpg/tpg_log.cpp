@@ -9,7 +9,7 @@
 static void tpg_log_emit(const tpg_context_t*, tpg_log_level, tpg_log_end, tpg_log_pos_t,
                          const char*);
 static size_t tpg_log_escape(char*, size_t, const char*);
-static bool tpg_log_within_budget(tpg_context_t*);
+static bool tpg_log_within_budget(tpg_context_t*, tpg_log_level);
 static const char* tpg_log_tag(tpg_log_level);
 
 constexpr size_t LOG_TEXT_MAX = 2048; /* longer texts are cut */
@@ -26,7 +26,7 @@ void tpg_log_open()
 void tpg_log_write(tpg_context_t* ctx, tpg_log_level level, tpg_log_end end, tpg_log_pos_t pos,
                    const char* fmt, ...)
 {
-    if (!tpg_log_within_budget(ctx)) {
+    if (!tpg_log_within_budget(ctx, level)) {
         return;
     }
     char raw[LOG_TEXT_MAX];
@@ -108,11 +108,14 @@ void tpg_log_settle(tpg_context_t* ctx, tpg_log_budget_t* budget)
     ctx->log_budget = charged;
 }
 
-/* False when the connection being served has used up its lines of this second. */
-static bool tpg_log_within_budget(tpg_context_t* ctx)
+/*
+ * False when the connection being served has used up its lines of this
+ * second. Whoever debugs gets every line.
+ */
+static bool tpg_log_within_budget(tpg_context_t* ctx, tpg_log_level level)
 {
     tpg_log_budget_t* budget = ctx->log_budget;
-    if (budget == nullptr) {
+    if (budget == nullptr || ctx->log_level > TPG_LOG_LEVEL_DEFAULT || tpg_debug_tokens_total > 0) {
         return true;
     }
     const time_t now = time(nullptr);
@@ -120,7 +123,8 @@ static bool tpg_log_within_budget(tpg_context_t* ctx)
         budget->second = now;
         tpg_log_settle(ctx, budget);
     }
-    if (budget->lines >= TPG_LOG_BUDGET_LINES) {
+    const bool detail = level == tpg_log_level::warn || level == tpg_log_level::debug;
+    if (budget->lines >= (detail ? TPG_LOG_BUDGET_DETAILS : TPG_LOG_BUDGET_LINES)) {
         budget->dropped++;
         return false;
     }

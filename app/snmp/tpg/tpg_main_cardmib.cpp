@@ -32,7 +32,7 @@ int tpg_snmp_register_jsonmib(tpg_context_t* ctx, tpg_libmib_register_info_t* li
         return -1;
     }
     const tpg_libmib_register_info_t* card = &jsonmib_reginfo->libmib_reginfo;
-    TPG_INFO(ctx, "Registered product %s:%s version %u.%u.%u on slot %u", card->prod_string,
+    TPG_INFO(ctx, "Registered product %s:%s version %d.%d.%d on slot %d", card->prod_string,
              card->prod_family, card->major_rev, card->minor_rev, card->build_number,
              card->slot_no);
     return 0;
@@ -42,7 +42,7 @@ void tpg_snmp_unregister_jsonmib(tpg_context_t* ctx, tpg_jsonmib_register_info_t
 {
     jsonmib_release(ctx, jsonmib_reginfo);
     const tpg_libmib_register_info_t* card = &jsonmib_reginfo->libmib_reginfo;
-    TPG_INFO(ctx, "Unregistered product %s:%s version %u.%u.%u on slot %u", card->prod_string,
+    TPG_INFO(ctx, "Unregistered product %s:%s version %d.%d.%d on slot %d", card->prod_string,
              card->prod_family, card->major_rev, card->minor_rev, card->build_number,
              card->slot_no);
 }
@@ -50,26 +50,26 @@ void tpg_snmp_unregister_jsonmib(tpg_context_t* ctx, tpg_jsonmib_register_info_t
 int tpg_preload_send_trap_storage(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_reginfo)
 {
     const uint32_t slot = jsonmib_reginfo->libmib_reginfo.slot_no;
-    TPG_INFO(ctx, "%s(%u): enter", __func__, slot);
+    TPG_INFO(ctx, "%s(%d): enter", __func__, slot);
     const tpg_jsonmib_register_info_t* master = jsonmib_reginfo->actual_reginfo;
     if (master == nullptr) {
-        TPG_INFO(ctx, "%s(%u):....No master", __func__, slot);
+        TPG_INFO(ctx, "%s(%d):....No master", __func__, slot);
         return -1;
     }
-    TPG_INFO(ctx, "%s(%u): master=%u, fault_table_sum=%u", __func__, slot,
+    TPG_INFO(ctx, "%s(%d): master=%d, fault_table_sum=%d", __func__, slot,
              master->libmib_reginfo.slot_no, master->fault_table_reginfo_sum);
     if (master->fault_table_reginfo_sum != 0 &&
         tpg_db_load_sendtrap_db_file(ctx, jsonmib_reginfo) != 0) {
         TPG_WARN(ctx, "Failed to load sendtrap db file. Losing persistence storage capability!");
     }
     if (master->fault_table_reginfo == nullptr) {
-        TPG_INFO(ctx, "No fault table for slot or master %u", slot);
+        TPG_INFO(ctx, "No fault table for slot or master %d", slot);
         return -1;
     }
     for (uint32_t i = 0; i < master->fault_table_reginfo_sum; i++) {
         jsonmib_table_info_t* table = master->fault_json_table[i];
         if (table == nullptr) {
-            TPG_ERROR(ctx, "%s(%u): no jsonmib_table,check!!!", __func__, slot);
+            TPG_ERROR(ctx, "%s(%d): no jsonmib_table,check!!!", __func__, slot);
             continue;
         }
         preload_table(ctx, table, jsonmib_reginfo);

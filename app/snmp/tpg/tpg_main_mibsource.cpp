@@ -52,6 +52,7 @@ static int reverse_library(tpg_context_t*, const tpg_libmib_register_info_t*);
 
 constexpr size_t WORD = sizeof(uint32_t);
 constexpr size_t SYMBOL_NAME_MAX = 64;
+constexpr uint32_t DATA_SECTION_MAX = 64U * 1024 * 1024; /* of a library; larger ones are refused */
 constexpr char SYMBOL_PREFIX[] = "jsonmib_";
 constexpr char LINK_BUILT_IN_FMT[] = "ln -sf %s/libmib%s.so.json %s.json";
 
@@ -191,7 +192,7 @@ int tpg_get_jsonmib_string(tpg_context_t* ctx, tpg_libmib_register_info_t* libmi
         TPG_ERROR(ctx, "parser error: missing offset or length!");
         return -1;
     }
-    TPG_INFO(ctx, "%s offset %u, length %u", name, *offset, *length);
+    TPG_INFO(ctx, "%s offset %d, length %d", name, *offset, *length);
     return 0;
 }
 
@@ -309,7 +310,7 @@ int tpg_proc_data_section(tpg_context_t* ctx, char* libmib_so_dir, uint32_t** da
     }
     /* A section that ends inside a word still gives up its last bytes. */
     const size_t words = (static_cast<size_t>(data_size) + WORD - 1) / WORD;
-    if (data_size > TPG_FILE_MAX) {
+    if (data_size > DATA_SECTION_MAX) {
         errno = EFBIG;
     } else {
         *data_record = static_cast<uint32_t*>(calloc(words, WORD));
@@ -408,9 +409,9 @@ static int locate_non_generic(tpg_context_t* ctx, const tpg_libmib_register_info
     const char* product = libmib_reginfo->prod_string;
     const uint32_t slot = libmib_reginfo->slot_no;
     const tpg_json_path_t json = tpg_jsonmib_path(libmib_reginfo);
-    TPG_INFO(ctx, "non-generic product %s on slot_no %u.", product, slot);
+    TPG_INFO(ctx, "non-generic product %s on slot_no %d.", product, slot);
     if (!exists(json.path)) {
-        TPG_ERROR(ctx, "Cannot find jsonmib file for non-generic product %s on slot_no %u.",
+        TPG_ERROR(ctx, "Cannot find jsonmib file for non-generic product %s on slot_no %d.",
                   product, slot);
         return -1;
     }
@@ -441,9 +442,9 @@ static bool locate_in_library(tpg_context_t* ctx, tpg_libmib_register_info_t* li
         TPG_ERROR(ctx, "%s(): No json string is found in lib.so file, to try built-in", CALLER);
         return false;
     }
-    TPG_INFO(ctx, "Successfully find jsonmib symbol for product %s on slot_no %u.", product, slot);
+    TPG_INFO(ctx, "Successfully find jsonmib symbol for product %s on slot_no %d.", product, slot);
     if (tpg_parse_jsonmib_string(ctx, libmib_reginfo, offset, length) < 0) {
-        TPG_ERROR(ctx, "Cannot parse jsonmib string for product %s on slot_no %u; to try built-in",
+        TPG_ERROR(ctx, "Cannot parse jsonmib string for product %s on slot_no %d; to try built-in",
                   product, slot);
         return false;
     }
@@ -458,11 +459,11 @@ static bool locate_built_in(tpg_context_t* ctx, const tpg_libmib_register_info_t
 {
     const char* product = libmib_reginfo->prod_string;
     const uint32_t slot = libmib_reginfo->slot_no;
-    TPG_INFO(ctx, "No jsonmib symbol for product %s on slot_no %u.", product, slot);
+    TPG_INFO(ctx, "No jsonmib symbol for product %s on slot_no %d.", product, slot);
     text_t built_in = {};
     if (format(&built_in, "%s/libmib%s.so.json", TPG_BUILT_IN_DIR, product) != 0 ||
         !exists(built_in.text)) {
-        TPG_ERROR(ctx, "Cannot find %s for product %s on slot_no %u, to conduct full-reverse.",
+        TPG_ERROR(ctx, "Cannot find %s for product %s on slot_no %d, to conduct full-reverse.",
                   built_in.text, product, slot);
         return false;
     }

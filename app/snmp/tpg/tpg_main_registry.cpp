@@ -149,13 +149,13 @@ void tpg_proc_libmib_register(tpg_context_t* ctx, tpg_libmib_update_t* libmib_up
     if (slot > TPG_SLOT_MAX || check_update(ctx, libmib_update) != 0) {
         return;
     }
-    TPG_INFO(ctx, "Registering %s:%s version %u.%u.%u slot_no %u libmib %s",
+    TPG_INFO(ctx, "Registering %s:%s version %d.%d.%d slot_no %d libmib %s",
              libmib_update->prod_string, libmib_update->prod_family, libmib_update->major_rev,
              libmib_update->minor_rev, libmib_update->build_number, slot,
              libmib_update->libmib_path);
     tpg_jsonmib_register_info_t* target = record_of(ctx, slot);
     if (!is_empty(target)) {
-        TPG_INFO(ctx, "duplicated registeration at slot_no %u", slot);
+        TPG_INFO(ctx, "duplicated registeration at slot_no %d", slot);
         tpg_snmp_unregister_jsonmib(ctx, target);
     }
     /* The request may be the record's own copy. */
@@ -179,10 +179,10 @@ static tpg_jsonmib_register_info_t* find_master(tpg_context_t* ctx,
 {
     for (uint32_t i = 0; i < TPG_SLOT_MAX; i++) {
         tpg_jsonmib_register_info_t* record = &ctx->jsonmib_reg_info[i];
-        TPG_TRACE(ctx, "mibregister", "  --- ctx->jsonmib_reg_info[%u].slot_ref_mask: %u", i,
+        TPG_TRACE(ctx, "mibregister", "  --- ctx->jsonmib_reg_info[%d].slot_ref_mask: %d", i,
                   record->slot_ref_mask);
         if (record->slot_ref_mask != 0 && same_family(&record->libmib_reginfo, update)) {
-            TPG_INFO(ctx, "%s(%u): found master %u", "tpg_proc_libmib_register", update->slot_no,
+            TPG_INFO(ctx, "%s(%d): found master %d", "tpg_proc_libmib_register", update->slot_no,
                      i);
             return record;
         }
@@ -221,7 +221,7 @@ static void reference_master(tpg_context_t* ctx, const tpg_libmib_update_t* upda
     master->slot_ref_mask |= slot_bit(update->slot_no);
     target->actual_reginfo = master;
     TPG_INFO(ctx,
-             "Same/older version %u.%u.%u on slot %u ==> version %u.%u.%u on master %u, "
+             "Same/older version %d.%d.%d on slot %d ==> version %d.%d.%d on master %d, "
              "slot_ref_mask: %08x",
              update->major_rev, update->minor_rev, update->build_number, update->slot_no,
              card->major_rev, card->minor_rev, card->build_number, card->slot_no,
@@ -233,16 +233,16 @@ static void take_over(tpg_context_t* ctx, tpg_libmib_update_t* update,
                       tpg_jsonmib_register_info_t* target, tpg_jsonmib_register_info_t* master)
 {
     const tpg_libmib_register_info_t* old = &master->libmib_reginfo;
-    TPG_INFO(ctx, "New version %u.%u.%u on slot %u", update->major_rev, update->minor_rev,
+    TPG_INFO(ctx, "New version %d.%d.%d on slot %d", update->major_rev, update->minor_rev,
              update->build_number, update->slot_no);
-    TPG_INFO(ctx, "Unregistering master %u.%u.%u", old->major_rev, old->minor_rev,
+    TPG_INFO(ctx, "Unregistering master %d.%d.%d", old->major_rev, old->minor_rev,
              old->build_number);
     tpg_snmp_unregister_jsonmib(ctx, master);
     if (tpg_snmp_register_jsonmib(ctx, update, target) != 0) {
         fall_back(ctx, update, target, master);
         return;
     }
-    TPG_INFO(ctx, "Registered new master based on slot %u", update->slot_no);
+    TPG_INFO(ctx, "Registered new master based on slot %d", update->slot_no);
     log_mask(ctx, "before", update, target);
     target->actual_reginfo = target;
     target->slot_ref_mask = slot_bit(update->slot_no);
@@ -257,7 +257,7 @@ static void fall_back(tpg_context_t* ctx, const tpg_libmib_update_t* update,
 {
     const int position = position_of(ctx, master);
     const uint32_t slot = update->slot_no;
-    TPG_ERROR(ctx, "Failed to register the target for slot %u, fallback to old master %d", slot,
+    TPG_ERROR(ctx, "Failed to register the target for slot %d, fallback to old master %d", slot,
               position);
     if (!is_empty(target)) {
         /* Tables that the newcomer did get in would keep the old master's out. */
@@ -265,10 +265,10 @@ static void fall_back(tpg_context_t* ctx, const tpg_libmib_update_t* update,
     }
     const bool restored = tpg_snmp_register_jsonmib(ctx, &master->libmib_reginfo, master) == 0;
     if (!restored) {
-        TPG_ERROR(ctx, "failed to fallback to old master %d for slot_no %u", position, slot);
+        TPG_ERROR(ctx, "failed to fallback to old master %d for slot_no %d", position, slot);
     }
     assert((restored));
-    TPG_INFO(ctx, "Successfully fallback to master %d, but target slot %u cannot be registered",
+    TPG_INFO(ctx, "Successfully fallback to master %d, but target slot %d cannot be registered",
              position, slot);
     preload_slots(ctx, master->slot_ref_mask); /* the tables are new, their switches all off */
 }
@@ -299,8 +299,8 @@ static void re_reference(tpg_context_t* ctx, const tpg_libmib_update_t* update,
         const tpg_libmib_register_info_t* from = &record->libmib_reginfo;
         const tpg_libmib_register_info_t* to = &target->libmib_reginfo;
         TPG_INFO(ctx,
-                 "~~~~ Newer version master, re-referencing %s:%s:[%u.%u.%u] slot_no %u => "
-                 "%s:%s[%u.%u.%u] slot_no %u",
+                 "~~~~ Newer version master, re-referencing %s:%s:[%d.%d.%d] slot_no %d => "
+                 "%s:%s[%d.%d.%d] slot_no %d",
                  from->prod_string, from->prod_family, from->major_rev, from->minor_rev,
                  from->build_number, from->slot_no, to->prod_string, to->prod_family, to->major_rev,
                  to->minor_rev, to->build_number, to->slot_no);
@@ -315,7 +315,7 @@ void tpg_proc_libmib_unregister(tpg_context_t* ctx, tpg_libmib_update_t* libmib_
     if (slot > TPG_SLOT_MAX || check_update(ctx, libmib_update) != 0) {
         return;
     }
-    TPG_INFO(ctx, "[ Unregistering ] %s:%s version %u.%u.%u on slot %u", libmib_update->prod_string,
+    TPG_INFO(ctx, "[ Unregistering ] %s:%s version %d.%d.%d on slot %d", libmib_update->prod_string,
              libmib_update->prod_family, libmib_update->major_rev, libmib_update->minor_rev,
              libmib_update->build_number, slot);
     if (slot > TPG_SLOT_MAX && slot == 0) { // NOLINT(misc-redundant-expression)
@@ -330,7 +330,7 @@ void tpg_proc_libmib_unregister(tpg_context_t* ctx, tpg_libmib_update_t* libmib_
     const tpg_libmib_register_info_t* mine = &target->libmib_reginfo;
     if (memcmp(mine, libmib_update, sizeof(*mine)) != 0) {
         TPG_ERROR(ctx, "mismatched libmib_register_info");
-        TPG_ERROR(ctx, "my info is product %s:%s version %u.%u.%u on slot %u", mine->prod_string,
+        TPG_ERROR(ctx, "my info is product %s:%s version %d.%d.%d on slot %d", mine->prod_string,
                   mine->prod_family, mine->major_rev, mine->minor_rev, mine->build_number,
                   mine->slot_no);
         return;
@@ -353,7 +353,7 @@ static void withdraw_master(tpg_context_t* ctx, const tpg_libmib_update_t* updat
     tpg_snmp_unregister_jsonmib(ctx, target);
     TPG_INFO(ctx, "[ Unregistering ] master_mask = %08x", mask);
     const uint32_t successor = find_successor(ctx, update, mask);
-    TPG_INFO(ctx, "[ Unregistering ] found a new master %u", successor);
+    TPG_INFO(ctx, "[ Unregistering ] found a new master %d", successor);
     if (successor != 0) {
         promote(ctx, successor, mask & ~slot_bit(update->slot_no));
     }
@@ -376,8 +376,8 @@ static uint32_t find_successor(tpg_context_t* ctx, const tpg_libmib_update_t* up
         const uint32_t bit = mask & slot_bit(slot);
         const tpg_libmib_register_info_t* card = &record_of(ctx, slot)->libmib_reginfo;
         TPG_INFO(ctx,
-                 "[ Unregistering ] master_mask&(1 << slot) %u "
-                 "ctx->jsonmib_reg_info[%u].libmib_reginfo.prod_family: %s                         "
+                 "[ Unregistering ] master_mask&(1 << slot) %d "
+                 "ctx->jsonmib_reg_info[%d].libmib_reginfo.prod_family: %s                         "
                  "  libmib_info->prod_family: %s",
                  bit, slot - 1, card->prod_family, update->prod_family);
         if (bit == 0 || slot == update->slot_no || !same_family(card, update)) {
@@ -395,7 +395,7 @@ static void promote(tpg_context_t* ctx, uint32_t slot, uint32_t mask)
 {
     tpg_jsonmib_register_info_t* master = record_of(ctx, slot);
     if (tpg_snmp_register_jsonmib(ctx, &master->libmib_reginfo, master) != 0) {
-        TPG_INFO(ctx, "[ Unregistering ] tpg_snmp_register_jsonmib for new master %u failed", slot);
+        TPG_INFO(ctx, "[ Unregistering ] tpg_snmp_register_jsonmib for new master %d failed", slot);
         return;
     }
     master->slot_ref_mask = mask;

@@ -85,14 +85,14 @@ void tpg_msg_trap_notify(tpg_context_t* ctx, tpg_msg_trap_notify_t* trap_notify_
     if (tpg_log_passes(ctx, tpg_log_level::debug)) {
         dump_notify(notify);
     }
-    TPG_TRACE(ctx, TRACE_TRAP, "Received trap notify, slot_no %u, var-id %u, index 0x%x, length %u",
+    TPG_TRACE(ctx, TRACE_TRAP, "Received trap notify, slot_no %d, var-id %d, index 0x%x, length %d",
               slot, notify->var_id, notify->index, notify->data_len);
     if (slot < 1 || slot > TPG_SLOT_MAX) {
-        TPG_ERROR(ctx, "Invalid slot_no %u", slot);
+        TPG_ERROR(ctx, "Invalid slot_no %d", slot);
         return;
     }
     if (slot == 1) {
-        tpg_msg_trap_notify_kx(ctx, notify, clnt_conn);
+        tpg_msg_trap_notify_kx(ctx, trap_notify_msg, clnt_conn);
         return;
     }
     tpg_jsonmib_register_info_t* master = ctx->jsonmib_reg_info[slot - 1].actual_reginfo;
@@ -105,20 +105,20 @@ void tpg_msg_trap_notify(tpg_context_t* ctx, tpg_msg_trap_notify_t* trap_notify_
     if (build_slot_binding(ctx, master, slot, &slot_binding) != 0) {
         return;
     }
-    TPG_TRACE(ctx, TRACE_TRAP, "fault_table_reginfo_sum=%u", master->fault_table_reginfo_sum);
+    TPG_TRACE(ctx, TRACE_TRAP, "fault_table_reginfo_sum=%d", master->fault_table_reginfo_sum);
     for (uint32_t i = 0;
          master->fault_table_reginfo != nullptr && i < master->fault_table_reginfo_sum; i++) {
         const netsnmp_handler_registration* registration = master->fault_table_reginfo[i];
         if (registration == nullptr) {
             continue;
         }
-        TPG_TRACE(ctx, TRACE_TRAP, "i=%u, mib_handler=%p", i,
+        TPG_TRACE(ctx, TRACE_TRAP, "i=%d, mib_handler=%p", i,
                   static_cast<void*>(registration->handler));
         jsonmib_table_info_t* table = find_fault_table(ctx, registration, notify->var_id);
         if (table != nullptr && notify_table(ctx, master, table, notify, &slot_binding) != 0) {
             return;
         }
-        TPG_TRACE(ctx, TRACE_TRAP, "i=%u, done", i);
+        TPG_TRACE(ctx, TRACE_TRAP, "i=%d, done", i);
     }
     TPG_TRACE(ctx, TRACE_TRAP, "done");
 }
@@ -182,7 +182,7 @@ int tpg_trap_locate_row(tpg_context_t* ctx, const jsonmib_table_info_t* table,
     if (table->index_total == 1) {
         row->flat_index = notify->index & 0xffffU;
         row->specific = row->flat_index * rule->index_ofs_1 + rule->specific_start;
-        TPG_DEBUG(ctx, "%s(): index_tota=%d, flatidx=%u, start=%u, ofs_1=%u, specific=%u",
+        TPG_DEBUG(ctx, "%s(): index_tota=%d, flatidx=%d, start=%d, ofs_1=%d, specific=%d",
                   "tpg_msg_trap_notify", 1, row->flat_index, rule->specific_start,
                   rule->index_ofs_1, row->specific);
         return 0;
@@ -193,13 +193,13 @@ int tpg_trap_locate_row(tpg_context_t* ctx, const jsonmib_table_info_t* table,
         row->flat_index = (i1 * table->index_info[1].range[1] + i2) & 0xffffU;
         row->specific = i2 * rule->index_ofs_2 + rule->specific_start + i1 * rule->index_ofs_1;
         TPG_DEBUG(ctx,
-                  "%s(): index_tota=%d, flatidx=%u, index=%08x, start=%u, ofs_1=%u, of2_2=%u, "
-                  "specific=%u ",
+                  "%s(): index_tota=%d, flatidx=%d, index=%08x, start=%d, ofs_1=%d, of2_2=%d, "
+                  "specific=%d ",
                   "tpg_msg_trap_notify", 2, row->flat_index, notify->index, rule->specific_start,
                   rule->index_ofs_1, rule->index_ofs_1, row->specific);
         return 0;
     }
-    TPG_DEBUG(ctx, "Trap Nofity: Table %s var %u: Invalid index_total %u",
+    TPG_DEBUG(ctx, "Trap Nofity: Table %s var %d: Invalid index_total %d",
               jsonmib_table_name(table).text, notify->var_id, table->index_total);
     return -1;
 }
@@ -216,14 +216,14 @@ static int notify_table(tpg_context_t* ctx, tpg_jsonmib_register_info_t* master,
                         jsonmib_table_info_t* table, const tpg_trap_notify_t* notify,
                         netsnmp_variable_list* slot_binding)
 {
-    TPG_TRACE(ctx, TRACE_TRAP, "Found jsonmib fault table, index_total=%u", table->index_total);
+    TPG_TRACE(ctx, TRACE_TRAP, "Found jsonmib fault table, index_total=%d", table->index_total);
     tpg_trap_row_t row = {};
     if (tpg_trap_locate_row(ctx, table, notify, &row) != 0) {
         return -1;
     }
     if (row.flat_index > TPG_TRAP_FLAT_INDEX_MAX) {
         const jsonmib_index_info_t* index = table->index_info;
-        TPG_ERROR(ctx, "Trap Nofity: Table %s var %u: index 0x%x is out of range. [%u:%u], [%u:%u]",
+        TPG_ERROR(ctx, "Trap Nofity: Table %s var %d: index 0x%x is out of range. [%d:%d], [%d:%d]",
                   jsonmib_table_name(table).text, notify->var_id, notify->index, index[0].range[0],
                   index[0].range[1], index[1].range[0], index[1].range[1]);
         return -1;
@@ -240,7 +240,7 @@ static int send_table_trap(tpg_context_t* ctx, const tpg_jsonmib_register_info_t
                            jsonmib_table_info_t* table, const tpg_trap_notify_t* notify,
                            uint32_t specific, netsnmp_variable_list* slot_binding)
 {
-    TPG_TRACE(ctx, TRACE_TRAP, "Found jsonmib fault table. PresentVarid %u, specific %u",
+    TPG_TRACE(ctx, TRACE_TRAP, "Found jsonmib fault table. PresentVarid %d, specific %d",
               table->trap_info.fault_present_var_id, specific);
     netsnmp_variable_list* bindings = tpg_msg_trap_var_bindings(ctx, specific, table, notify);
     TPG_TRACE(ctx, TRACE_TRAP, "to call send_enterprise_trap_vars()");
@@ -290,12 +290,12 @@ netsnmp_variable_list* tpg_msg_trap_var_bindings(tpg_context_t* ctx, uint32_t sp
     const uint32_t total = card == nullptr ? 0 : card->trap_bindings_len;
     const jsonmib_trap_bindings_info_t* declared =
         card == nullptr ? nullptr : card->trap_bindings_info;
-    TPG_DEBUG(ctx, "%s(): reginfo=%p, bindings_len=%u, bings_info=%p", __func__,
+    TPG_DEBUG(ctx, "%s(): reginfo=%p, bindings_len=%d, bings_info=%p", __func__,
               static_cast<const void*>(card), total, static_cast<const void*>(declared));
     if (total == 0 || declared == nullptr) {
         return nullptr;
     }
-    TPG_DEBUG(ctx, "%s(): trap_bindings_len=%u", __func__, total);
+    TPG_DEBUG(ctx, "%s(): trap_bindings_len=%d", __func__, total);
     if (trap_notify->data_len < VARBIND_STR_OFS ||
         VARBIND_STR_OFS + trap_notify->data[VARBIND_LEN_OFS] > trap_notify->data_len) {
         return nullptr; /* the notify carries no text */
@@ -303,7 +303,7 @@ netsnmp_variable_list* tpg_msg_trap_var_bindings(tpg_context_t* ctx, uint32_t sp
     netsnmp_variable_list* head = nullptr;
     netsnmp_variable_list** tail = &head;
     for (uint32_t i = 0; i < total; i++) {
-        TPG_DEBUG(ctx, "%s(): specific_list_len[%u]=%u", __func__, i,
+        TPG_DEBUG(ctx, "%s(): specific_list_len[%d]=%d", __func__, i,
                   declared[i].specific_list_len);
         netsnmp_variable_list* binding = new_binding(ctx, &declared[i], specific);
         if (binding == nullptr) {
@@ -341,7 +341,7 @@ new_binding(tpg_context_t* ctx, const jsonmib_trap_bindings_info_t* declared, ui
     for (const specific_range_t* range =
              matching_range(declared, specific, declared->specific_list);
          range != nullptr; range = matching_range(declared, specific, range + 1)) {
-        TPG_DEBUG(ctx, "Matched range specific %u on range[%u-%u].", specific, range->low,
+        TPG_DEBUG(ctx, "Matched range specific %d on range[%d-%d].", specific, range->low,
                   range->high);
         auto* binding =
             static_cast<netsnmp_variable_list*>(calloc(1, sizeof(netsnmp_variable_list)));
@@ -376,7 +376,7 @@ static int fill_binding(tpg_context_t* ctx, netsnmp_variable_list* binding,
         TPG_ERROR(ctx, "no memory for a trap binding of %u bytes", varbind_len);
         return -1;
     }
-    TPG_DEBUG(ctx, "New var binding first_index %u, slot_no %u, varbind_len %u, varbind_str %.*s",
+    TPG_DEBUG(ctx, "New var binding first_index %d, slot_no %d, varbind_len %d, varbind_str %.*s",
               first_index, trap_notify->slot_no, varbind_len, varbind_len,
               reinterpret_cast<const char*>(varbind_str));
     return 0;
@@ -384,19 +384,20 @@ static int fill_binding(tpg_context_t* ctx, netsnmp_variable_list* binding,
 
 /* ---- controller board ---- */
 
-void tpg_msg_trap_notify_kx(tpg_context_t* ctx, const tpg_trap_notify_t* trap_notify,
+void tpg_msg_trap_notify_kx(tpg_context_t* ctx, const tpg_msg_trap_notify_t* trap_notify_msg,
                             tpg_ipc_clnt_t* clnt_conn)
 {
     static constexpr oid TRAP_ARCS[] = {7, 1};
     static constexpr oid SLOT_ARCS[] = {3, 1, 1, 1, 1};
     (void)clnt_conn;
+    const tpg_trap_notify_t* trap_notify = &trap_notify_msg->trap_notify;
     if (trap_notify->data_len != OFFSET_LEN) {
         TPG_ERROR(ctx, "Only support integer trap value for KX!");
         return;
     }
     const uint32_t value = big_endian_32(trap_notify->data);
     const uint32_t specific = trap_notify->index + SPECIFIC_BASE_KX + value;
-    TPG_DEBUG(ctx, "%s(): specifc=%u, notifiy_value=%u, index=%u, slot_no=%u ", __func__, specific,
+    TPG_DEBUG(ctx, "%s(): specifc=%d, notifiy_value=%d, index=%d, slot_no=%d ", __func__, specific,
               value, trap_notify->index, trap_notify->slot_no);
 
     oid name[TPG_OID_MAX];

@@ -30,7 +30,7 @@ netsnmp_variable_list* tpg_msg_trap_var_bindings(tpg_context_t* ctx, uint32_t sp
                                                  const tpg_trap_notify_t* trap_notify);
 
 /* A notify of slot 1, the controller board: its traps are fixed in the program. */
-void tpg_msg_trap_notify_kx(tpg_context_t* ctx, const tpg_trap_notify_t* trap_notify,
+void tpg_msg_trap_notify_kx(tpg_context_t* ctx, const tpg_msg_trap_notify_t* trap_notify_msg,
                             tpg_ipc_clnt_t* clnt_conn);
 
 /* Where a notify's row is in the switches, and its trap number before the card's offset. */
