@@ -70,6 +70,20 @@ static double cpu_time(pid_t pid)
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
 }
 
+/* Managers that ask for the cards, each with its tool, again and again. */
+static std::vector<proc_t> managers_start(const words_t& tools)
+{
+    std::vector<proc_t> managers;
+    for (const std::string& tool : tools) {
+        const std::string oid = tool == "snmpget" ? SPEED + "3" : CARD;
+        managers.push_back(proc_start("manager" + std::to_string(managers.size()),
+                                      {"sh", "-c",
+                                       "while :; do " + tool + " -v2c -c ro -t 1 -r 0 " + SNMPD +
+                                           " " + oid + " >/dev/null 2>&1; done"}));
+    }
+    return managers;
+}
+
 static long number_of_descriptors(pid_t pid)
 {
     const auto fds = fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd");
@@ -225,13 +239,7 @@ TEST_F(World, AfterTheMastersDeathUnderLoadAllIsBackInFiveSeconds)
     EXPECT_EQ(set(ALARM + "2.2.4", "i", "1"), "");
     const std::string ports = cells(PORT + "2"), switches = cells(ALARM + "2");
     EXPECT_NE(switches.find("2.4=1"), std::string::npos);
-    std::vector<proc_t> managers;
-    for (const char* name : {"a", "b", "c"}) {
-        managers.push_back(
-            proc_start(name, {"sh", "-c",
-                              std::string("while :; do snmpbulkwalk -v2c -c ro -t 1 -r 0 ") +
-                                  SNMPD + " " + CARD + " >/dev/null 2>&1; done"}));
-    }
+    std::vector<proc_t> managers = managers_start({"snmpbulkwalk", "snmpbulkwalk", "snmpbulkwalk"});
     for (int round = 0; round < 3; round++) {
         EXPECT_TRUE(wait_for([&] { return cells(PORT + "2") == ports; }));
         proc_end(&w.snmpd, SIGKILL);
@@ -242,4 +250,42 @@ TEST_F(World, AfterTheMastersDeathUnderLoadAllIsBackInFiveSeconds)
     for (proc_t& manager : managers) {
         proc_end(&manager, SIGKILL);
     }
+}
+
+TEST_F(World, CardsComeAndGoUnderManagersWithoutHarmToTheMaster)
+{
+    shipped_start(&w);
+    tpg_start(&w);
+    cards_start(&w, {3});
+    const std::string ports = cells(PORT + "2");
+    std::vector<proc_t> managers = managers_start({"snmpbulkwalk", "snmpwalk", "snmpget"});
+    const auto gone = [] {
+        return get(SPEED + "3") == "No Such Object available on this agent at this OID";
+    };
+    for (int round = 0; round < 50; round++) {
+        chassis(&w, "unplug 3");
+        ASSERT_TRUE(wait_for(gone));
+        chassis(&w, "plug 3");
+        ASSERT_TRUE(wait_for([] { return get(SPEED + "3") == "INTEGER: 30"; }));
+    }
+    EXPECT_EQ(cells(PORT + "2"), ports);
+    for (proc_t& manager : managers) {
+        proc_end(&manager, SIGKILL);
+    }
+    EXPECT_EQ(log_count(w, "AgentX master disconnected us"), 0);
+
+    chassis(&w, "unplug 3");
+    EXPECT_TRUE(wait_for(gone));
+    EXPECT_EQ(set(SPEED + "3", "i", "1"), "notWritable");
+    EXPECT_EQ(cells(CARD), "");
+    /* The master's list of registrations; asking for it is no request to the agent. */
+    const std::string entry = "." + CARD.substr(CARD.find("32473")) + ".10.1.127";
+    EXPECT_TRUE(wait_for([&] {
+        return run({"snmpwalk", "-v2c", "-c", "ro", "-One", SNMPD, "1.3.6.1.4.1.8072.1.2.1.1.4"})
+                   .find(entry) == std::string::npos;
+    }));
+    EXPECT_TRUE(gone());
+    EXPECT_EQ(set(SPEED + "3", "i", "1"), "notWritable");
+    chassis(&w, "plug 3");
+    EXPECT_TRUE(wait_for([&] { return cells(PORT + "2") == ports; }));
 }

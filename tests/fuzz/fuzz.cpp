@@ -3,6 +3,7 @@
 #include "tpg_jsonmib.h"
 #include "tpg_jsonmib_ctrl.h"
 #include "tpg_jsonmib_request.h"
+#include "tpg_jsonmib_tomb.h"
 #include "tpg_log.h"
 #include "tpg_main_server.h"
 
@@ -114,6 +115,7 @@ void fuzz_end(tpg_context_t* ctx)
         jsonmib_release(ctx, &ctx->jsonmib_reg_info[slot - 1]);
         jsonmib_ipc_disconnect(ctx, slot);
     }
+    jsonmib_tomb_sweep(ctx);
 }
 
 /* ---- files ---- */

@@ -18,19 +18,41 @@ static std::string tables(const std::string& list, const std::string& kind = "ge
     return "{'" + kind + "_table_array':[" + list + "]}";
 }
 
-/* The names of the tables that serve these arcs, or "-". */
+static std::vector<oid> place_of(const std::vector<oid>& arcs)
+{
+    std::vector<oid> name = {1, 3, 6, 1, 4, 1, 32473, 2};
+    name.insert(name.end(), arcs.begin(), arcs.end());
+    return name;
+}
+
+/* Nothing of the table is left but the handler that the library put in front. */
+static bool is_tombstone(const netsnmp_handler_registration* registration)
+{
+    const netsnmp_mib_handler* second = registration->handler->next;
+    return second != nullptr && second->next == nullptr &&
+           second->handler_name == std::string("tombstone");
+}
+
+/* The names of the tables that serve these arcs, a tombstone's with "+", or "-". */
 static std::string served(const std::vector<std::vector<oid>>& places)
 {
     std::string text;
     for (const std::vector<oid>& arcs : places) {
-        std::vector<oid> name = {1, 3, 6, 1, 4, 1, 32473, 2};
-        name.insert(name.end(), arcs.begin(), arcs.end());
+        const std::vector<oid> name = place_of(arcs);
         const auto* tree = netsnmp_subtree_find(name.data(), name.size(), nullptr, nullptr);
         const bool none = tree == nullptr || tree->reginfo == nullptr;
         const std::string owner = none ? "" : tree->reginfo->handlerName;
         text += (text.empty() ? "" : " ") + (owner.empty() ? "-" : owner);
+        text += !owner.empty() && is_tombstone(tree->reginfo) ? "+" : "";
     }
     return text;
+}
+
+/* The registration that answers for the arcs. */
+static netsnmp_handler_registration* found(const std::vector<oid>& arcs)
+{
+    const std::vector<oid> name = place_of(arcs);
+    return netsnmp_subtree_find(name.data(), name.size(), nullptr, nullptr)->reginfo;
 }
 
 /*
@@ -119,6 +141,89 @@ TEST(jsonmib, tables_inside_tables)
         (order < 2 ? inner : outer).unload();
         EXPECT_EQ(served(all), "- - - - -");
     }
+}
+
+/* The error status of a request on a cell of table 21, and what became of its variable's type. */
+static std::pair<int, int> answer(int mode)
+{
+    const std::vector<oid> name = place_of({21, 1, 1, 3});
+    netsnmp_agent_request_info reqinfo = {};
+    netsnmp_variable_list var = {};
+    netsnmp_request_info request = {};
+    reqinfo.mode = mode;
+    request.requestvb = &var;
+    request.agent_req_info = &reqinfo;
+    var.type = ASN_NULL;
+    snmp_set_var_objid(&var, name.data(), name.size());
+    netsnmp_call_handlers(found({21}), &reqinfo, &request);
+    snmp_reset_var_buffers(&var);
+    return {request.status, var.type};
+}
+
+TEST(jsonmib, a_withdrawn_table_leaves_a_tombstone)
+{
+    card_t card;
+    card.loaded(tables(table("21") + "," + table("22")));
+    netsnmp_handler_registration* registration = found({21});
+    card.withdraw();
+    EXPECT_EQ(served({{21}, {22}}), "t21+ t22+");
+    EXPECT_EQ(answer(MODE_GET), (std::pair<int, int>(0, SNMP_NOSUCHOBJECT)));
+    EXPECT_EQ(answer(MODE_GETNEXT), (std::pair<int, int>(0, ASN_NULL)));
+    EXPECT_EQ(answer(MODE_SET_RESERVE1).first, SNMP_ERR_NOTWRITABLE);
+    EXPECT_EQ(answer(MODE_SET_ACTION).first, SNMP_ERR_NOTWRITABLE);
+    EXPECT_EQ(answer(MODE_SET_COMMIT).first, 0);
+
+    card.record = &card.ctx->jsonmib_reg_info[3]; /* another card, whose table has another name */
+    EXPECT_EQ(card.loaded(tables("{'name':'new'," + table("21").substr(table("21").find("'oid'")))),
+              "0 ");
+    EXPECT_EQ(served({{21}, {22}}), "new t22+");
+    EXPECT_EQ(found({21}), registration);
+    EXPECT_EQ(card.record->gen_table_reginfo[0], registration);
+    card.record = &card.ctx->jsonmib_reg_info[2];
+    EXPECT_TRUE(has(card.loaded(tables(table("22") + "," + table("21"))),
+                    "netsnmp_register_table_iterator failed"));
+    EXPECT_EQ(served({{21}, {22}}), "new t22");
+    card.unload();
+    EXPECT_EQ(served({{21}, {22}}), "new -");
+    card.record = &card.ctx->jsonmib_reg_info[3];
+}
+
+TEST(jsonmib, a_tombstone_hides_no_other_table)
+{
+    card_t card;
+    const auto step = [&card](int slot, const std::string& list) {
+        card.record = &card.ctx->jsonmib_reg_info[slot];
+        card.withdraw();
+        EXPECT_TRUE(list.empty() || card.loaded(tables(list)) == "0 ");
+        return served({{1}, {1, 1, 2}, {1, 2}});
+    };
+    EXPECT_EQ(step(2, table("1")), "t1 t1 t1");
+    EXPECT_EQ(step(3, table("1,1,2")), "t1 t1,1,2 t1");
+    EXPECT_EQ(step(3, ""), "t1 t1 t1"); /* not kept: inside another */
+    EXPECT_EQ(step(3, table("1,1,2")), "t1 t1,1,2 t1");
+    EXPECT_EQ(step(2, ""), "- t1,1,2 -"); /* not kept: around another */
+    EXPECT_EQ(step(3, ""), "- t1,1,2+ -");
+    EXPECT_EQ(step(2, table("1")), "t1 t1 t1"); /* around a tombstone */
+    card.unload();
+    EXPECT_EQ(step(2, table("1,2")), "- - t1,2");
+}
+
+TEST(jsonmib, tombstones_go_when_nobody_asks)
+{
+    card_t card;
+    std::string list = table("1");
+    for (uint32_t i = 2; i <= JSONMIB_TOMB_MAX + 1; i++) {
+        list += "," + table(std::to_string(i));
+    }
+    EXPECT_EQ(card.loaded(tables(list)), "0 ");
+    card.withdraw();
+    EXPECT_EQ(served({{1}, {2}, {JSONMIB_TOMB_MAX + 1}}), "- t2+ t513+"); /* the oldest made room */
+    snmp_increment_statistic(STAT_SNMPINPKTS);
+    jsonmib_tomb_sweep(card.ctx.get());
+    EXPECT_EQ(served({{1}, {2}, {JSONMIB_TOMB_MAX + 1}}), "- t2+ t513+");
+    jsonmib_tomb_sweep(card.ctx.get());
+    EXPECT_EQ(served({{1}, {2}, {JSONMIB_TOMB_MAX + 1}}), "- - -");
+    EXPECT_EQ(card.ctx->jsonmib_tombs.alarm, 0U);
 }
 
 TEST(jsonmib, files)

@@ -5,6 +5,7 @@
 
 #include "tpg_jsonmib.h"
 #include "tpg_jsonmib_request.h"
+#include "tpg_jsonmib_tomb.h"
 #include "tpg_log.h"
 #include "tpg_main_cardmib.h"
 
@@ -97,11 +98,17 @@ struct card_t {
             return jsonmib_proc_registration(ctx.get(), document.data(), document.size(), record);
         });
     }
-    void unload()
+    /* Leaves tombstones behind. */
+    void withdraw()
     {
         ctx->log_level = 0;
         tpg_snmp_unregister_jsonmib(ctx.get(), record);
         ctx->log_level = TPG_LOG_LEVEL_DEFAULT;
+    }
+    void unload()
+    {
+        withdraw();
+        jsonmib_tomb_sweep(ctx.get());
     }
     ~card_t()
     {

@@ -125,6 +125,18 @@ struct jsonmib_table_info_t {
     jsonmib_seek_t seek;
 };
 
+/* ---- withdrawn tables ---- */
+
+constexpr uint32_t JSONMIB_TOMB_MAX = 512;
+
+/* Registrations that have outlived their tables. */
+struct jsonmib_tombs_t {
+    netsnmp_handler_registration_s* registration[JSONMIB_TOMB_MAX]; /* oldest first */
+    uint32_t total;
+    uint32_t alarm;    /* the library's number of the sweep; 0 for none */
+    uint32_t requests; /* that the agent had served at the last look */
+};
+
 /* ---- trap bindings of a card ---- */
 
 /* Trap-specific numbers, both ends inclusive. */
@@ -245,6 +257,7 @@ struct tpg_context_t {
     jsonmib_ipc_info_t jsonmib_ipc_info[TPG_SLOT_MAX]; /* slot - 1 */
     tpg_jsonmib_register_info_t jsonmib_reg_info_cardmib;
     tpg_jsonmib_register_info_t jsonmib_reg_info[TPG_SLOT_MAX]; /* slot - 1 */
+    jsonmib_tombs_t jsonmib_tombs;
     tpg_read_st read_proc;
     uint32_t ipc_clnt_total;      /* entries of ipc_clnt_list */
     event* svr_retry_timer;       /* opens the listener again after it ran out of descriptors */

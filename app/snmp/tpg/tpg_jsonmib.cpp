@@ -3,6 +3,7 @@
 #include "tpg_file.h"
 #include "tpg_json.h"
 #include "tpg_jsonmib_parse.h"
+#include "tpg_jsonmib_tomb.h"
 #include "tpg_log.h"
 #include "tpg_snmp.h"
 
@@ -170,7 +171,7 @@ static void unregister_tables(tpg_context_t* ctx, const char* kind,
             TPG_WARN(ctx, "%s_table_reginfo[%u] is NULL", kind, i);
             continue;
         }
-        netsnmp_unregister_handler(reginfo[i]);
+        jsonmib_tomb_withdraw(ctx, reginfo[i]);
         reginfo[i] = nullptr;
     }
 }

@@ -2,6 +2,7 @@
 
 #include "tpg_jsonmib_request.h"
 #include "tpg_jsonmib_seek.h"
+#include "tpg_jsonmib_tomb.h"
 #include "tpg_log.h"
 
 #include <cassert>
@@ -76,12 +77,11 @@ static netsnmp_handler_registration* register_table(tpg_context_t* ctx,
         netsnmp_handler_registration_free(registration);
         return nullptr;
     }
-    /* The library has released a registration that it could not make, with all that hangs on it. */
-    if (netsnmp_register_handler(registration) != MIB_REGISTERED_OK) {
+    netsnmp_handler_registration* registered = jsonmib_tomb_register(ctx, registration);
+    if (registered == nullptr) {
         TPG_ERROR(ctx, "netsnmp_register_table_iterator failed");
-        return nullptr;
     }
-    return registration;
+    return registered;
 }
 
 /* Injects from the bottom up; what could not be injected is released, the rest goes with

@@ -1,0 +1,201 @@
+#include "tpg_jsonmib_tomb.h"
+
+#include "tpg_log.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+static netsnmp_handler_registration* take(jsonmib_tombs_t*, uint32_t);
+static void bury(jsonmib_tombs_t*, uint32_t);
+static netsnmp_handler_registration* revive(netsnmp_handler_registration*,
+                                            netsnmp_handler_registration*);
+static void rename(netsnmp_handler_registration*, netsnmp_handler_registration*);
+static void replace_chain(netsnmp_handler_registration*, netsnmp_mib_handler*);
+static netsnmp_subtree* tree_of(const netsnmp_handler_registration*);
+static bool stands_alone(const netsnmp_handler_registration*);
+static void start_quiet_time(tpg_context_t*);
+static void sweep_alarm(unsigned int, void*);
+static uint32_t requests_served();
+static int answer_nothing(netsnmp_mib_handler*, netsnmp_handler_registration*,
+                          netsnmp_agent_request_info*, netsnmp_request_info*);
+
+constexpr char HANDLER_NAME[] = "tombstone";
+
+/* ---- tables come ---- */
+
+netsnmp_handler_registration* jsonmib_tomb_register(tpg_context_t* ctx,
+                                                    netsnmp_handler_registration* registration)
+{
+    jsonmib_tombs_t* tombs = &ctx->jsonmib_tombs;
+    for (uint32_t i = tombs->total; i-- > 0;) {
+        const netsnmp_handler_registration* tomb = tombs->registration[i];
+        if (snmp_oidtree_compare(tomb->rootoid, tomb->rootoid_len, registration->rootoid,
+                                 registration->rootoid_len) != 0) {
+            continue;
+        }
+        if (tomb->rootoid_len == registration->rootoid_len) {
+            return revive(take(tombs, i), registration);
+        }
+        bury(tombs, i);
+    }
+    /* The library has released a registration that it could not make, with all that hangs on it. */
+    return netsnmp_register_handler(registration) == MIB_REGISTERED_OK ? registration : nullptr;
+}
+
+/* The master is told nothing: for it, the table never went. */
+static netsnmp_handler_registration* revive(netsnmp_handler_registration* tomb,
+                                            netsnmp_handler_registration* registration)
+{
+    replace_chain(tomb, registration->handler);
+    registration->handler = nullptr;
+    rename(tomb, registration);
+    netsnmp_handler_registration_free(registration);
+    return tomb;
+}
+
+/* The library's log names the tables of a duplicate; without memory, by the old name. */
+static void rename(netsnmp_handler_registration* tomb, netsnmp_handler_registration* registration)
+{
+    std::swap(tomb->handlerName, registration->handlerName);
+    char* label = strcmp(tomb->handlerName, registration->handlerName) == 0
+                      ? nullptr
+                      : strdup(tomb->handlerName);
+    if (label != nullptr) {
+        std::swap(tree_of(tomb)->label_a, label);
+        free(label);
+    }
+}
+
+/* ---- tables go ---- */
+
+void jsonmib_tomb_withdraw(tpg_context_t* ctx, netsnmp_handler_registration* registration)
+{
+    jsonmib_tombs_t* tombs = &ctx->jsonmib_tombs;
+    if (!stands_alone(registration)) {
+        netsnmp_unregister_handler(registration);
+        return;
+    }
+    netsnmp_mib_handler* handler = netsnmp_create_handler(HANDLER_NAME, answer_nothing);
+    if (handler == nullptr) {
+        TPG_WARN(ctx, "no memory for a tombstone, table %s goes at once",
+                 registration->handlerName);
+        netsnmp_unregister_handler(registration);
+        return;
+    }
+    replace_chain(registration, handler);
+    if (tombs->total == JSONMIB_TOMB_MAX) {
+        bury(tombs, 0);
+    }
+    tombs->registration[tombs->total++] = registration;
+    start_quiet_time(ctx);
+}
+
+/*
+ * True when no other table is inside or around this one, and none has cut its
+ * OID in pieces: an empty table would hide what another one serves there.
+ */
+static bool stands_alone(const netsnmp_handler_registration* registration)
+{
+    constexpr size_t ROOT_LEN = 1; /* the roots are registered by the library itself */
+    const size_t len = registration->rootoid_len;
+    const netsnmp_subtree* tree = tree_of(registration);
+    return tree != nullptr && tree->reginfo == registration && tree->end_len == len &&
+           tree->end_a[len - 1] == registration->rootoid[len - 1] + 1 &&
+           (tree->children == nullptr || tree->children->namelen == ROOT_LEN);
+}
+
+static netsnmp_subtree* tree_of(const netsnmp_handler_registration* registration)
+{
+    return netsnmp_subtree_find(registration->rootoid, registration->rootoid_len, nullptr, nullptr);
+}
+
+/* The front handler stays: the library put it there when it made the registration. */
+static void replace_chain(netsnmp_handler_registration* registration, netsnmp_mib_handler* chain)
+{
+    netsnmp_mib_handler* front = registration->handler;
+    netsnmp_handler_free(front->next);
+    front->next = chain;
+    chain->prev = front;
+}
+
+/* ---- tombstones ---- */
+
+static netsnmp_handler_registration* take(jsonmib_tombs_t* tombs, uint32_t i)
+{
+    netsnmp_handler_registration** place = &tombs->registration[i];
+    netsnmp_handler_registration* registration = *place;
+    std::copy(place + 1, tombs->registration + tombs->total, place);
+    tombs->total--;
+    return registration;
+}
+
+static void bury(jsonmib_tombs_t* tombs, uint32_t i)
+{
+    netsnmp_unregister_handler(take(tombs, i));
+}
+
+/*
+ * What a manager is told where nothing is registered. The later phases of a SET
+ * are those of one that began when the table was there.
+ */
+static int answer_nothing(netsnmp_mib_handler* handler, netsnmp_handler_registration* reginfo,
+                          netsnmp_agent_request_info* reqinfo, netsnmp_request_info* requests)
+{
+    (void)handler;
+    (void)reginfo;
+    switch (reqinfo->mode) {
+    case MODE_GET:
+        netsnmp_request_set_error_all(requests, SNMP_NOSUCHOBJECT);
+        break;
+    case MODE_SET_RESERVE1:
+    case MODE_SET_RESERVE2:
+    case MODE_SET_ACTION:
+        netsnmp_request_set_error_all(requests, SNMP_ERR_NOTWRITABLE);
+        break;
+    default:
+        break;
+    }
+    return SNMP_ERR_NOERROR;
+}
+
+/* ---- sweep ---- */
+
+static void start_quiet_time(tpg_context_t* ctx)
+{
+    jsonmib_tombs_t* tombs = &ctx->jsonmib_tombs;
+    tombs->requests = requests_served();
+    if (snmp_alarm_reset(tombs->alarm) == 0) {
+        return;
+    }
+    tombs->alarm = snmp_alarm_register(JSONMIB_TOMB_QUIET, SA_REPEAT, sweep_alarm, ctx);
+    if (tombs->alarm == 0) {
+        TPG_WARN(ctx, "no memory for an alarm, tombstones stay until the next withdrawal");
+    }
+}
+
+static void sweep_alarm(unsigned int clientreg, void* clientarg)
+{
+    (void)clientreg;
+    jsonmib_tomb_sweep(static_cast<tpg_context_t*>(clientarg));
+}
+
+/* Requests are served also while the library waits for the master's word on an unregistration. */
+void jsonmib_tomb_sweep(tpg_context_t* ctx)
+{
+    jsonmib_tombs_t* tombs = &ctx->jsonmib_tombs;
+    while (tombs->total > 0 && requests_served() == tombs->requests) {
+        bury(tombs, 0);
+    }
+    tombs->requests = requests_served();
+    if (tombs->total == 0) {
+        snmp_alarm_unregister(tombs->alarm);
+        tombs->alarm = 0;
+    }
+}
+
+static uint32_t requests_served()
+{
+    return snmp_get_statistic(STAT_SNMPINPKTS);
+}
