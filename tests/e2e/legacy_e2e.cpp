@@ -2,8 +2,6 @@
 
 #include "world.h"
 
-#include <sstream>
-
 /*
  * Groups: arcs, row, the daemon's indexes for reads and for writes, then number, kind and variable
  * of every column. Kinds: integer, numbered from 1, string, Lamp (as numbered, writes change
@@ -93,6 +91,11 @@ static void expect_columns(world_t* w, const std::string& base)
         chassis(w, "set 1 " + place + " " + value(cell, cell.var + cell.read_index, 0));
     }
     expect_all(cells, 0);
+    chassis(w, "requests 1 clear");
+    gets(base, "2.1.0 2.13.0");
+    EXPECT_TRUE(chassis(w, "requests 1")
+                    .starts_with("get var=56 index=0 length=128\n"
+                                 "get var=68 index=0 length=4\n"));
     for (const char* none : {"2.16.0", "2.1.1", "4.7.0", "4.7.1.1.9", "5.7.1.1.16", "6.1.1.2.22"}) {
         EXPECT_TRUE(get(base + none).starts_with("No Such")) << none;
         EXPECT_NE(set(base + none, "i", "1"), "") << none;

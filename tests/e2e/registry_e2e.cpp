@@ -2,8 +2,7 @@
 
 #include "world.h"
 
-#include <filesystem>
-#include <unistd.h>
+namespace fs = std::filesystem;
 
 static const std::string FAM = "1.3.6.1.4.1.32473.7";
 
@@ -39,51 +38,22 @@ TEST_F(World, NewestCardServesItsFamily)
     agents_start(&w);
     const std::string v1 = version(1), v2 = version(2), v4 = version(4);
     plug(5, 2, v2);
-    plug(2, 2, v2);
     plug(9, 1, v1);
     EXPECT_TRUE(log_has(w, "Same/older version 1.1.0 on slot 9 ==> version 1.2.0 on master 5, "
-                           "slot_ref_mask: 00000224"));
-    expect_cells(FAM, served(2, {2, 5, 9}));
+                           "slot_ref_mask: 00000220"));
+    expect_cells(FAM, served(2, {5, 9}));
     const int newest = plug(3, 4, v4);
-    expect_cells(FAM, served(4, {2, 3, 5, 9}));
+    expect_cells(FAM, served(4, {3, 5, 9}));
     /* Only the card that registered can be withdrawn. */
     auto other = client_update(TPG_MSG_LIBMIB_UNREGISTER, 9, "demo", "FAM", 1, v1);
     other.libmib_update.board_sn[0] = 'X';
     EXPECT_TRUE(client_update_acked(newest, other));
     EXPECT_TRUE(log_has(w, "mismatched libmib_register_info"));
-    other.libmib_update.board_sn[0] = '\0';
-    EXPECT_TRUE(client_update_acked(newest, other));
-    expect_cells(FAM, served(4, {2, 3, 5}));
-    plug(9, 4, v4);
-    EXPECT_TRUE(client_update_acked(
-        newest, client_update(TPG_MSG_LIBMIB_REGISTER, 9, "demo", "FAM", 1, v1)));
-    EXPECT_TRUE(log_has(w, "duplicated registeration at slot_no 9"));
-    expect_cells(FAM, served(4, {2, 3, 5, 9}));
-    close(newest);
-    expect_cells(FAM, served(2, {2, 5, 9}));
-}
-
-TEST_F(World, SuccessorIsChosenByTheSlotsAbove)
-{
-    agents_start(&w);
-    const std::string v1 = version(1), v2 = version(2), v5 = version(5);
-    int master = plug(2, 5, v5);
-    plug(5, 1, v1);
-    plug(9, 2, v2);
-    close(master);
-    expect_cells(FAM, served(1, {5, 9}));
-    master = plug(2, 5, v5);
-    expect_cells(FAM, served(5, {2, 5, 9}));
-    plug(10, 1, "/tmp/cards/none.so", "demo", "OTHER");
-    EXPECT_TRUE(log_has(w, "failed to register new target as master"));
-    close(master);
-    expect_cells(FAM, served(2, {5, 9}));
+    expect_cells(FAM, served(4, {3, 5, 9}));
     /* A successor without its document leaves the family without tables. */
-    master = plug(2, 5, v5);
-    expect_cells(FAM, served(5, {2, 5, 9}));
-    std::filesystem::remove(v2);
-    std::filesystem::remove(v2 + ".json");
-    close(master);
+    fs::remove(v2);
+    fs::remove(v2 + ".json");
+    close(newest);
     EXPECT_TRUE(log_has(w, "tpg_snmp_register_jsonmib for new master"));
     expect_cells(FAM, "");
 }
@@ -117,11 +87,11 @@ TEST_F(World, FamilyWithoutAnyTablesIsFatal)
     const std::string v2 = version(2);
     plug(3, 2, v2);
     expect_cells(FAM, served(2, {3}));
-    std::filesystem::remove(v2);
-    std::filesystem::remove(v2 + ".json");
+    fs::remove(v2);
+    fs::remove(v2 + ".json");
     const auto card =
         client_update(TPG_MSG_LIBMIB_REGISTER, 7, "demo", "FAM", 4, "/tmp/cards/none.so");
-    client_send(client_connect(), &card, sizeof(card));
+    client_send(client_connect(), bytes_of(card));
     EXPECT_EQ(proc_end(&w.tpg, 0), -SIGABRT);
     EXPECT_EQ(log_count(w, "failed to fallback to old master 2 for slot_no 7"), 1);
 }
@@ -191,7 +161,7 @@ TEST_F(World, ExtractionLeavesTheBuiltInCopyAlone)
     agents_start(&w);
     const int fd = plug(3, 1, library);
     expect_cells(FAM, served(1, {3}));
-    ASSERT_TRUE(std::filesystem::is_symlink(library + ".json"));
+    ASSERT_TRUE(fs::is_symlink(library + ".json"));
     card_library("demo", "demo", numbered_document(FAM, 2));
     EXPECT_TRUE(client_update_acked(
         fd, client_update(TPG_MSG_LIBMIB_REGISTER, 3, "demo", "FAM", 1, library)));

@@ -2,62 +2,34 @@
 
 #include <cerrno>
 #include <chrono>
-#include <climits>
-#include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
-#include <filesystem>
-#include <fstream>
 #include <ftw.h>
 #include <poll.h>
-#include <sstream>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
+#include <regex>
 #include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 
 namespace fs = std::filesystem;
 
-static words_t runner();
-static words_t operator+(words_t a, const words_t& b);
-static void wipe(const char* folder);
-static std::string joined(const words_t& parts);
-static std::string range_json(int lo, int hi);
-[[noreturn]] static void child(const words_t& command, const words_t& more);
-static var_t parse_var(const std::string& line);
-static std::string error_name(const std::string& text);
-
 constexpr char RUN[] = "/tmp/run/";
 
-void world_enter(char** argv)
+static void wipe(const char* folder)
 {
-    char self[PATH_MAX];
-    if (realpath(argv[0], self) == nullptr) {
-        perror(argv[0]);
-        _exit(EXIT_FAILURE);
-    }
-    const char* const keep = getenv("WORLD_KEEP");
-    const std::string binaries = fs::path(TPG_BIN).parent_path();
-    setenv("WORLD_KEEP", (binaries + (keep != nullptr ? std::string(":") + keep : "")).c_str(), 1);
-    setenv("TPG_WORLD", "1", 1);
-    words_t command = words_t{TPG_SOURCE_DIR "/scripts/world.sh"} + runner() + words_t{self};
-    while (*++argv != nullptr) {
-        command.emplace_back(*argv);
-    }
-    child(command, {});
+    const auto remove_one = [](const char* path, const struct stat*, int, FTW* state) {
+        if (state->level > 0) {
+            remove(path); /* fails for the places where kept folders are mounted */
+        }
+        return 0;
+    };
+    nftw(folder, remove_one, 16, FTW_DEPTH | FTW_MOUNT | FTW_PHYS);
 }
 
-void world_begin()
+void World::SetUp()
 {
-    const std::string path = getenv("PATH");
+    static const std::string path = getenv("PATH");
     setenv("PATH", ("/tmp/bin:" + path + ":/usr/sbin:/sbin").c_str(), 1);
     setenv("MIBS", "", 1);
     setenv("SNMPCONFPATH", "/tmp/conf", 1);
-    unsetenv("BASE_BOARD");
-    signal(SIGPIPE, SIG_IGN);
     for (const char* folder : {"/tmp", "/mnt", "/var"}) {
         wipe(folder);
     }
@@ -69,36 +41,32 @@ void world_begin()
     write_file("/tmp/conf/card_agentx.conf", "agentXPingInterval 1\n");
 }
 
-void world_end(world_t* world)
+void World::TearDown()
 {
-    if (world->chassis.pid > 0) {
-        proc_end(&world->chassis);
+    if (w.chassis.pid > 0) {
+        proc_end(&w.chassis);
     }
-    if (world->tpg.pid > 0) {
-        EXPECT_EQ(proc_end(&world->tpg), 0);
+    if (w.tpg.pid > 0) {
+        EXPECT_EQ(proc_end(&w.tpg), 0);
         EXPECT_FALSE(fs::exists(TPG_SVR_PATH));
     }
-    for (proc_t* proc : {&world->snmpd, &world->snmptrapd}) {
+    for (proc_t* proc : {&w.snmpd, &w.snmptrapd}) {
         if (proc->pid > 0) {
             proc_end(proc, SIGKILL);
         }
     }
-    if (testing::Test::HasFailure()) {
+    if (HasFailure()) {
         for (const auto& file : fs::directory_iterator(RUN)) {
-            if (file.path().extension() != ".log") {
-                continue;
-            }
             const std::string text = read_file(file.path());
             printf("--- %s\n%s\n", file.path().c_str(),
                    text.substr(text.size() - std::min<size_t>(text.size(), 6000)).c_str());
         }
     }
-    world_begin();
 }
 
 /* --- programs --- */
 
-proc_t proc_start(const std::string& name, const words_t& command, const words_t& more, bool piped)
+proc_t proc_start(const std::string& name, const words_t& command, bool piped)
 {
     proc_t proc = {.log = RUN + name + ".log", .output = RUN + name + ".out"};
     fs::remove(proc.log); /* of an earlier one */
@@ -107,11 +75,11 @@ proc_t proc_start(const std::string& name, const words_t& command, const words_t
     EXPECT_EQ(piped ? pipe2(in, O_CLOEXEC) : 0, 0) << strerror(errno);
     proc.pid = fork();
     if (proc.pid == 0) {
-        const int mode = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_APPEND;
+        const int mode = O_WRONLY | O_CREAT | O_CLOEXEC | O_APPEND;
         dup2(piped ? in[0] : open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
         dup2(open(proc.output.c_str(), mode, 0644), STDOUT_FILENO);
         dup2(open(proc.log.c_str(), mode, 0644), STDERR_FILENO);
-        child(command, more);
+        become(command);
     }
     close(in[0]);
     proc.in = in[1];
@@ -133,7 +101,7 @@ int proc_end(proc_t* proc, int signal_no)
     proc->pid = -1;
     const std::string text = read_file(proc->log);
     for (const char* word : {"ERROR: AddressSanitizer", "runtime error", "LeakSanitizer"}) {
-        EXPECT_EQ(text.find(word), std::string::npos) << text;
+        EXPECT_FALSE(has(text, word)) << text;
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
@@ -145,52 +113,14 @@ std::string run(const words_t& command)
     return read_file(proc.output) + read_file(proc.log);
 }
 
-static words_t runner()
-{
-    const char* const text = getenv("TPG_RUNNER");
-    std::istringstream in(text != nullptr ? text : "");
-    words_t words;
-    for (std::string word; in >> word;) {
-        words.push_back(word);
-    }
-    return words;
-}
-
-static words_t operator+(words_t a, const words_t& b)
-{
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-
-static void child(const words_t& command, const words_t& more)
-{
-    for (const std::string& setting : more) {
-        const size_t at = setting.find('=');
-        setenv(setting.substr(0, at).c_str(), setting.substr(at + 1).c_str(), 1);
-    }
-    signal(SIGPIPE, SIG_DFL);
-    const rlimit no_core = {};
-    setrlimit(RLIMIT_CORE, &no_core);
-    std::vector<char*> argv;
-    for (const std::string& word : command) {
-        argv.push_back(const_cast<char*>(word.c_str()));
-    }
-    argv.push_back(nullptr);
-    execvp(argv[0], argv.data());
-    perror(argv[0]);
-    _exit(127);
-}
-
 /* --- partners --- */
 
-void snmpd_start(world_t* world, const std::string& more)
+void snmpd_start(world_t* world)
 {
-    write_file(
-        "/tmp/conf/snmpd.conf",
-        "rwcommunity rw\nrocommunity ro\nmaster agentx\n"
-        "agentXSocket tcp:127.0.0.1:705\nagentXTimeout 12\n"
-        "dontLogTCPWrappersConnects yes\nagentXRetries 0\ntrap2sink 127.0.0.1:1162 public\n" +
-            more);
+    write_file("/tmp/conf/snmpd.conf",
+               "rwcommunity rw\nrocommunity ro\nmaster agentx\nagentXSocket tcp:127.0.0.1:705\n"
+               "agentXTimeout 12\nagentXRetries 0\ndontLogTCPWrappersConnects yes\n"
+               "trap2sink 127.0.0.1:1162 public\n");
     world->snmpd = proc_start("snmpd", {"snmpd", "-f", "-Le", "-C", "-c", "/tmp/conf/snmpd.conf",
                                         "-p", "/tmp/run/snmpd.pid", SNMPD});
     EXPECT_TRUE(wait_for_text(world->snmpd.log, "NET-SNMP version"));
@@ -208,26 +138,15 @@ void snmptrapd_start(world_t* world)
 
 words_t traps()
 {
-    const std::string time = ".1.3.6.1.2.1.1.3.0 = Timeticks: ";
-    const std::string trap_oid = ".1.3.6.1.6.3.1.1.4.1.0 = OID: ";
+    static const std::regex head("TRAP\t.1.3.6.1.2.1.1.3.0 = Timeticks: [^\t]*\t"
+                                 ".1.3.6.1.6.3.1.1.4.1.0 = OID: ");
+    static const std::regex var("\t(\\S+) = ");
     words_t all;
     std::istringstream in(read_file("/tmp/run/traps"));
     for (std::string line; std::getline(in, line);) {
-        if (!line.starts_with("TRAP\t")) {
-            continue;
+        if (line.starts_with("TRAP\t")) {
+            all.push_back(std::regex_replace(std::regex_replace(line, head, ""), var, " $1="));
         }
-        std::istringstream vars(line.substr(5));
-        std::string text;
-        std::getline(vars, text, '\t');
-        EXPECT_TRUE(text.starts_with(time)) << line;
-        std::getline(vars, text, '\t');
-        EXPECT_TRUE(text.starts_with(trap_oid)) << line;
-        text.erase(0, trap_oid.size());
-        for (std::string var; std::getline(vars, var, '\t');) {
-            const size_t equals = var.find(" = ");
-            text += " " + var.replace(equals, 3, "=");
-        }
-        all.push_back(text);
     }
     return all;
 }
@@ -235,13 +154,14 @@ words_t traps()
 void expect_traps(const words_t& expected)
 {
     wait_for([&] { return traps().size() >= expected.size(); });
-    EXPECT_EQ(joined(traps()), joined(expected));
+    EXPECT_EQ(traps(), expected);
 }
 
 void tpg_start(world_t* world, const words_t& options, const std::string& board, bool up)
 {
-    world->tpg = proc_start("tpg", runner() + words_t{TPG_BIN} + options,
-                            board.empty() ? words_t{} : words_t{"BASE_BOARD=" + board});
+    const words_t environment = words_t{"env"} + (board.empty() ? words_t{"-u", "BASE_BOARD"}
+                                                                : words_t{"BASE_BOARD=" + board});
+    world->tpg = proc_start("tpg", environment + runner() + words_t{TPG_BIN} + options);
     if (up) {
         close(client_connect());
         EXPECT_TRUE(log_has(*world, "Accepted Connection FD")); /* by now signals are taken, too */
@@ -258,7 +178,7 @@ void chassis_start(world_t* world, const std::string& cards, const std::string& 
 {
     write_file("/tmp/cards/scenario.json", "{" + more + "\"cards\": [" + cards + "]}");
     world->chassis = proc_start(
-        "chassis", runner() + words_t{TPG_CHASSIS_BIN, "/tmp/cards/scenario.json"}, {}, true);
+        "chassis", runner() + words_t{TPG_CHASSIS_BIN, "/tmp/cards/scenario.json"}, true);
     EXPECT_TRUE(wait_for_text(world->chassis.output, "ready"));
 }
 
@@ -267,16 +187,14 @@ std::string chassis(world_t* world, const std::string& command)
     const std::string line = command + "\n";
     const size_t before = read_file(world->chassis.output).size();
     EXPECT_EQ(write(world->chassis.in, line.data(), line.size()), ssize_t(line.size()));
+    std::smatch part; /* lines, and the last one */
     std::string text;
-    size_t last = 0; /* where the last whole line begins */
     EXPECT_TRUE(wait_for([&] {
+        static const std::regex ANSWER("((?:.*\n)*)((ok|error).*)\n");
         text = read_file(world->chassis.output).substr(before);
-        last = text.rfind('\n', text.size() - 2) + 1;
-        return text.ends_with('\n') &&
-               (text.compare(last, 2, "ok") == 0 || text.compare(last, 5, "error") == 0);
+        return std::regex_match(text, part, ANSWER);
     })) << command;
-    text.resize(text.size() - 1);
-    return text.substr(last).starts_with("ok") ? text : text.substr(last);
+    return part[3] == "ok" ? part.str(1) + part.str(2) : part.str(2);
 }
 
 bool wait_for(const std::function<bool()>& condition, int seconds)
@@ -294,7 +212,7 @@ bool wait_for(const std::function<bool()>& condition, int seconds)
 
 bool wait_for_text(const std::string& path, std::string_view text)
 {
-    return wait_for([&] { return read_file(path).find(text) != std::string::npos; });
+    return wait_for([&] { return has(read_file(path), text); });
 }
 
 int log_count(const world_t& world, std::string_view text)
@@ -316,27 +234,40 @@ bool log_has(const world_t& world, std::string_view text, int count)
 
 snmp_t snmp(const std::string& tool, const words_t& args)
 {
+    static const std::regex VAR("(\\S+) = (?:([\\w-]+): )?(.*)");
+    static const std::regex ERROR("Reason: \\(?(\\w+)|(Timeout)");
     const std::string text =
         run(words_t{tool, "-v2c", "-c", "rw", "-One", "-t", "15", "-r", "0"} + args);
     snmp_t result;
+    std::smatch part;
     std::istringstream in(text);
     for (std::string line; std::getline(in, line);) {
-        if (line.find(" = ") != std::string::npos) {
-            result.vars.push_back(parse_var(line));
+        if (std::regex_match(line, part, VAR)) {
+            result.vars.push_back({part[1], part[2], part[3]});
         }
     }
-    result.error = error_name(text);
+    if (std::regex_search(text, part, ERROR)) {
+        result.error = part.str(1) + part.str(2);
+    }
     return result;
 }
 
 std::string get(const std::string& oid)
 {
-    const snmp_t result = snmp("snmpget", {SNMPD, oid});
-    if (!result.error.empty() || result.vars.size() != 1) {
-        return result.error;
+    const auto [vars, error] = snmp("snmpget", {SNMPD, oid});
+    if (!error.empty() || vars.size() != 1) {
+        return error;
     }
-    const var_t& var = result.vars[0];
-    return var.type.empty() ? var.value : var.type + ": " + var.value;
+    return vars[0].type + (vars[0].type.empty() ? "" : ": ") + vars[0].value;
+}
+
+std::string gets(const std::string& base, const std::string& ends)
+{
+    std::string text;
+    for (const std::string& end : words_of(ends)) {
+        text += (text.empty() ? "" : ", ") + get(base + end);
+    }
+    return text;
 }
 
 std::string set(const std::string& oid, const std::string& type, const std::string& value)
@@ -344,17 +275,12 @@ std::string set(const std::string& oid, const std::string& type, const std::stri
     return snmp("snmpset", {SNMPD, oid, type, value}).error;
 }
 
-std::vector<var_t> walk(const std::string& oid)
-{
-    /* The master agent loses requests that meet the registration of their tables: try again soon.
-     */
-    return snmp("snmpwalk", {"-t", "2", SNMPD, oid}).vars;
-}
-
 std::string cells(const std::string& oid)
 {
     std::string text;
-    for (const var_t& var : walk(oid)) {
+    /* The master agent loses requests that meet the registration of their tables: try again soon.
+     */
+    for (const var_t& var : snmp("snmpwalk", {"-t", "2", SNMPD, oid}).vars) {
         if (var.oid.starts_with("." + oid + ".")) {
             text += (text.empty() ? "" : " ") + var.oid.substr(oid.size() + 2) + "=" + var.value;
         }
@@ -368,120 +294,62 @@ void expect_cells(const std::string& oid, const std::string& expected)
     EXPECT_EQ(cells(oid), expected);
 }
 
-/* "OID = TYPE: VALUE", "OID = "TEXT"" or "OID = exception". */
-static var_t parse_var(const std::string& line)
-{
-    const size_t equals = line.find(" = ");
-    const std::string value = line.substr(equals + 3);
-    const size_t colon = value.find(": ");
-    if (value == "\"\"") {
-        return {line.substr(0, equals), "STRING", value};
-    }
-    if (colon == std::string::npos || value.starts_with("No ")) {
-        return {line.substr(0, equals), "", value};
-    }
-    return {line.substr(0, equals), value.substr(0, colon), value.substr(colon + 2)};
-}
-
-/* The word after "Reason:", or "Timeout". */
-static std::string error_name(const std::string& text)
-{
-    if (text.find("Timeout") != std::string::npos) {
-        return "Timeout";
-    }
-    size_t at = text.find("Reason: ");
-    if (at == std::string::npos) {
-        return "";
-    }
-    at = text.find_first_not_of('(', at + 8);
-    return text.substr(at, text.find_first_of(") \n", at) - at);
-}
-
 /* --- files --- */
 
-static void wipe(const char* folder)
-{
-    const auto remove_one = [](const char* path, const struct stat*, int, FTW* state) {
-        if (state->level > 0) {
-            remove(path); /* fails for the places where kept folders are mounted */
-        }
-        return 0;
-    };
-    nftw(folder, remove_one, 16, FTW_DEPTH | FTW_MOUNT | FTW_PHYS);
-}
-
-std::string read_file(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
-
-void write_file(const std::string& path, std::string_view text, int mode)
-{
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text << std::flush;
-    EXPECT_TRUE(out.good()) << path;
-    chmod(path.c_str(), static_cast<mode_t>(mode));
-}
-
-static std::string joined(const std::vector<std::string>& parts)
+/* What make tells of each, between commas. */
+template <typename items_t, typename make_t>
+static std::string list(const items_t& items, make_t make)
 {
     std::string text;
-    for (const std::string& part : parts) {
-        text += (text.empty() ? "" : ",\n") + part;
+    for (const auto& item : items) {
+        text += (text.empty() ? "" : ",\n") + make(item);
     }
     return text;
 }
 
-static std::string range_json(int lo, int hi)
+static std::string table_json(const table_t& table)
 {
-    return R"("range0": )" + std::to_string(lo) + R"(, "range1": )" + std::to_string(hi);
-}
-
-std::string table_json(const table_t& table)
-{
-    std::string oid = table.oid;
-    std::replace(oid.begin(), oid.end(), '.', ',');
-    words_t indexes, columns;
-    for (const auto& [lo, hi] : table.indexes) {
-        indexes.push_back("{" + range_json(lo, hi) + "}");
-    }
-    for (const column_t& column : table.columns) {
-        const std::string var = std::to_string(column.var);
-        columns.push_back(R"({"name": "v)" + var + R"(", "var_id": )" + var + R"(, "type": )" +
-                          std::to_string(column.type) + ", " + range_json(column.lo, column.hi) +
-                          (column.more.empty() ? "" : ", ") + column.more + "}");
-    }
-    return R"({"name": ")" + table.name + R"(", "oid": [)" + oid + R"(], "index_array": [)" +
-           joined(indexes) + R"(], "param_array": [)" + joined(columns) + "]" +
-           (table.more.empty() ? "" : ", ") + table.more + "}";
+    const auto member = [](const char* key, int n) {
+        return "\"" + std::string(key) + "\":" + std::to_string(n);
+    };
+    const auto range = [&](int lo, int hi) {
+        return member("range0", lo) + "," + member("range1", hi);
+    };
+    const auto tail = [](const std::string& more) {
+        return (more.empty() ? "" : ",") + more + "}";
+    };
+    return R"({"name":")" + table.name + R"(","oid":[)" +
+           std::regex_replace(table.oid, std::regex("\\."), ",") + R"(],"index_array":[)" +
+           list(table.indexes,
+                [&](auto pair) { return "{" + range(pair.first, pair.second) + "}"; }) +
+           R"(],"param_array":[)" +
+           list(table.columns,
+                [&](const column_t& column) {
+                    return "{" + member("var_id", column.var) + "," + member("type", column.type) +
+                           "," + range(column.lo, column.hi) + tail(column.more);
+                }) +
+           "]" + tail(table.more);
 }
 
 std::string document(const std::vector<table_t>& gen, const std::vector<table_t>& fault,
                      const std::string& more)
 {
-    words_t gen_texts, fault_texts;
-    std::transform(gen.begin(), gen.end(), std::back_inserter(gen_texts), table_json);
-    std::transform(fault.begin(), fault.end(), std::back_inserter(fault_texts), table_json);
-    return "{" + more + "\"gen_table_array\": [" + joined(gen_texts) +
-           "],\n\"fault_table_array\": [" + joined(fault_texts) + "]}";
+    return "{" + more + "\"gen_table_array\": [" + list(gen, table_json) +
+           "],\n\"fault_table_array\": [" + list(fault, table_json) + "]}";
 }
 
 std::string card_library(const std::string& name, const std::string& symbol,
                          const std::string& text)
 {
     const std::string path = std::string(CARDS) + "/libmib_" + name + ".so";
-    std::string source = "int card_data = 1;\n";
-    if (!symbol.empty()) {
-        source += "static char jsonmib_" + symbol + "[] __attribute__((used)) = {";
-        for (const char c : text) {
-            source += std::to_string(static_cast<int>(c)) + ",";
-        }
-        source += "};\n";
-    }
-    write_file("/tmp/run/card.c", source);
-    const std::string said = run({"gcc", "-shared", "-nostdlib", "-o", path, "/tmp/run/card.c"});
-    EXPECT_EQ(said, "");
+    const std::string place = "jsonmib_" + symbol;
+    write_file("/tmp/run/document", text);
+    write_file("/tmp/run/card.s",
+               ".data\n.long 1\n" +
+                   (symbol.empty() ? ""
+                                   : place + ": .incbin \"/tmp/run/document\"\n.type " + place +
+                                         ",%object\n.size " + place + ", . - " + place + "\n"));
+    EXPECT_EQ(run({"gcc", "-shared", "-nostdlib", "-o", path, "/tmp/run/card.s"}), "");
     return path;
 }
 
@@ -510,9 +378,8 @@ std::string played_card(int slot, const std::string& product, const std::string&
 
 std::string flash_folder(const std::string& family, int slot)
 {
-    const std::string number = std::to_string(slot);
-    const std::string folder =
-        std::string(FLASH) + "/" + family + "_slot" + (number.size() < 2 ? "0" : "") + number;
+    const std::string number = std::to_string(100 + slot).substr(1);
+    const std::string folder = std::string(FLASH) + "/" + family + "_slot" + number;
     fs::create_directories(folder);
     return folder + "/sendtrap.json";
 }
@@ -521,77 +388,21 @@ std::string flash_folder(const std::string& family, int slot)
 
 int client_connect()
 {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    memcpy(address.sun_path, TPG_SVR_PATH, sizeof(TPG_SVR_PATH));
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    EXPECT_TRUE(wait_for([&] {
-        return connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
-    })) << strerror(errno);
+    int fd = -1;
+    EXPECT_TRUE(wait_for([&] { return (fd = unix_socket(TPG_SVR_PATH)) >= 0; })) << strerror(errno);
     return fd;
-}
-
-com_msg_head_t client_head(uint16_t type, size_t length)
-{
-    com_msg_head_t head = {};
-    head.usMsgType = type;
-    head.usMsgLen = static_cast<uint16_t>(length);
-    head.ulPid = 1234;
-    head.usReserved = com_msg_parity(&head, TPG_PARITY_KEY);
-    return head;
-}
-
-tpg_msg_libmib_update_t client_update(tpg_msg_type type, int slot, const std::string& product,
-                                      const std::string& family, int minor,
-                                      const std::string& library)
-{
-    tpg_msg_libmib_update_t msg = {};
-    msg.head = client_head(type, sizeof(msg));
-    tpg_libmib_update_t& update = msg.libmib_update;
-    product.copy(update.prod_string, sizeof(update.prod_string));
-    family.copy(update.prod_family, sizeof(update.prod_family));
-    library.copy(update.libmib_path, sizeof(update.libmib_path));
-    update.major_rev = 1;
-    update.minor_rev = static_cast<uint8_t>(minor);
-    update.slot_no = static_cast<uint8_t>(slot);
-    return msg;
-}
-
-std::string notify(int slot, uint32_t var, uint32_t index, const std::string& data, size_t cut)
-{
-    const size_t length = TPG_TRAP_HEAD_LEN + data.size() - cut;
-    tpg_msg_trap_notify_t msg = {};
-    msg.head = client_head(TPG_MSG_TRAP_NOTIFY, length);
-    msg.trap_notify.var_id = var;
-    msg.trap_notify.index = index;
-    msg.trap_notify.slot_no = static_cast<uint8_t>(slot);
-    msg.trap_notify.data_len = static_cast<uint16_t>(data.size());
-    data.copy(reinterpret_cast<char*>(msg.trap_notify.data), TPG_TRAP_DATA_MAX);
-    return {reinterpret_cast<const char*>(&msg), length};
-}
-
-std::string big_endian(uint32_t number)
-{
-    std::string bytes;
-    for (const unsigned shift : {24U, 16U, 8U, 0U}) {
-        bytes += static_cast<char>(number >> shift & 0xffU);
-    }
-    return bytes;
-}
-
-void client_send(int fd, const void* data, size_t length)
-{
-    EXPECT_EQ(write(fd, data, length), static_cast<ssize_t>(length)) << strerror(errno);
 }
 
 void client_send(int fd, const std::string& bytes)
 {
-    client_send(fd, bytes.data(), bytes.size());
+    EXPECT_EQ(send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(bytes.size()))
+        << strerror(errno);
 }
 
 bool client_update_acked(int fd, const tpg_msg_libmib_update_t& msg)
 {
-    client_send(fd, &msg, sizeof(msg));
+    client_send(fd, bytes_of(msg));
     pollfd readable = {fd, POLLIN, 0};
     com_msg_head_t ack = {};
     return poll(&readable, 1, SECONDS * 1000) == 1 && read(fd, &ack, sizeof(ack)) == sizeof(ack) &&

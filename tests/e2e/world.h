@@ -6,18 +6,16 @@
  * all in private namespaces. A test starts what it needs; the fixture ends and wipes everything.
  */
 
-#include "tpg_msg_i.h"
+#include "../support/runner.h"
+#include "../support/support.h"
 
 #include <csignal>
 #include <functional>
 #include <gtest/gtest.h>
 #include <string>
 #include <string_view>
-#include <sys/types.h>
 #include <utility>
 #include <vector>
-
-using words_t = std::vector<std::string>;
 
 /* A started program; in is the pipe to it, if any. */
 struct proc_t {
@@ -33,7 +31,6 @@ struct world_t {
 /* A variable as the command line tools print it; type is empty for exceptions. */
 struct var_t {
     std::string oid, type, value;
-    bool operator==(const var_t&) const = default;
 };
 
 /* What a command line tool said: variables, or the bare name of the error ("genError"). */
@@ -60,33 +57,22 @@ constexpr char BUILT_IN[] = "/var/built_in_jsonmib";
 constexpr char FLASH[] = "/mnt/flash0/cards";
 constexpr char SNMPD[] = "udp:127.0.0.1:1161";
 
-/* Enters the world for a program that is not in it yet; returns only inside. */
-void world_enter(char** argv);
-/* Makes the folders and settings that every world has. */
-void world_begin();
-/* Ends all programs, expects the agent to stop cleanly, wipes the world's files. */
-void world_end(world_t* world);
-
-/* Starts a program with its output in /tmp/run/NAME.out and .log; a word of more holds NAME=VALUE
- * for its environment. piped: its input is a
- * pipe. */
-proc_t proc_start(const std::string& name, const words_t& command, const words_t& more = {},
-                  bool piped = false);
+/* Starts a program with its output in /tmp/run/NAME.out and .log. piped: its input is a pipe. */
+proc_t proc_start(const std::string& name, const words_t& command, bool piped = false);
 /* Sends a signal unless it is 0, waits for the end, checks the log for sanitizer reports. Returns
  * the exit status, or minus the signal that ended the program. */
 int proc_end(proc_t* proc, int signal_no = SIGTERM);
 /* Runs a program to its end; returns both of its outputs. */
 std::string run(const words_t& command);
 
-/* The master agent, with more lines for its configuration. */
-void snmpd_start(world_t* world, const std::string& more = "");
+/* The master agent. */
+void snmpd_start(world_t* world);
 void snmptrapd_start(world_t* world);
 /* All traps so far, each as "OID NAME=TYPE: VALUE NAME=TYPE: VALUE". */
 words_t traps();
 /* Waits for as many traps as expected, and compares. */
 void expect_traps(const words_t& expected);
-/* The agent; waits until it is up. An empty board leaves BASE_BOARD unset, up = false does not
- * wait. */
+/* The agent; an empty board leaves BASE_BOARD unset, up = false does not wait. */
 void tpg_start(world_t* world, const words_t& options = {}, const std::string& board = "3100KX",
                bool up = true);
 /* snmpd and tpg. */
@@ -107,16 +93,14 @@ bool log_has(const world_t& world, std::string_view text, int count = 1);
 snmp_t snmp(const std::string& tool, const words_t& args);
 /* One variable: "TYPE: VALUE", an exception or the name of the error. */
 std::string get(const std::string& oid);
+/* Several of them, one request each: the cells' ends in words, the answers with commas. */
+std::string gets(const std::string& base, const std::string& ends);
 /* Type is snmpset's (i, s, x, ...). Returns "" or the name of the error. */
 std::string set(const std::string& oid, const std::string& type, const std::string& value);
-std::vector<var_t> walk(const std::string& oid);
 /* What is below an OID, as "REST=VALUE REST=VALUE"; the second waits until it is as expected. */
 std::string cells(const std::string& oid);
 void expect_cells(const std::string& oid, const std::string& expected);
 
-std::string read_file(const std::string& path);
-void write_file(const std::string& path, std::string_view text, int mode = 0644);
-std::string table_json(const table_t& table);
 /* more: further members in front of the tables, each with a comma behind it. */
 std::string document(const std::vector<table_t>& gen, const std::vector<table_t>& fault = {},
                      const std::string& more = "");
@@ -136,18 +120,7 @@ std::string flash_folder(const std::string& family, int slot);
 
 /* A card client without the simulator. */
 int client_connect();
-com_msg_head_t client_head(uint16_t type, size_t length);
-/* A register or unregister message of major.minor.build = 1.minor.0. */
-tpg_msg_libmib_update_t client_update(tpg_msg_type type, int slot, const std::string& product,
-                                      const std::string& family, int minor,
-                                      const std::string& library);
-/* A notify of a fault variable, with data; the last bytes of the message may be cut off. */
-std::string notify(int slot, uint32_t var, uint32_t index, const std::string& data = "",
-                   size_t cut = 0);
-/* A number as four bytes of such data. */
-std::string big_endian(uint32_t number);
 /* Writes in one piece. */
-void client_send(int fd, const void* data, size_t length);
 void client_send(int fd, const std::string& bytes);
 /* Sends an update and reads the acknowledgement; false if none comes. */
 bool client_update_acked(int fd, const tpg_msg_libmib_update_t& msg);
@@ -155,10 +128,8 @@ bool client_update_acked(int fd, const tpg_msg_libmib_update_t& msg);
 class World : public ::testing::Test
 {
   protected:
-    void TearDown() override
-    {
-        world_end(&w);
-    }
+    void SetUp() override;
+    void TearDown() override;
     world_t w;
 };
 

@@ -11,20 +11,14 @@
 #include <algorithm>
 #include <csignal>
 #include <fcntl.h>
-#include <filesystem>
 #include <functional>
 #include <poll.h>
 #include <set>
 #include <sys/prctl.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #ifdef __SANITIZE_ADDRESS__
 #include <sanitizer/lsan_interface.h>
 #endif
-
-namespace fs = std::filesystem;
 
 constexpr char DOCUMENT[] = R"({"enterprise_oid":[1,3,9],"instslot_oid":[1,3,8],
  "gen_table_array":[{"name":"g","oid":[1,3,6,1,4,1,32473,7,1],
@@ -99,16 +93,6 @@ extern "C" int __real_event_base_loop(event_base* base, int flags);
     }
 }
 
-static int connected(const char* path)
-{
-    sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    set_text(addr.sun_path, path);
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    (void)connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-    return fd;
-}
-
 /* Runs the agent's loop until done says so; bounded by turns, each of which serves all there is. */
 static bool turn(tpg_context_t* ctx, const std::function<bool()>& done)
 {
@@ -120,17 +104,9 @@ static bool turn(tpg_context_t* ctx, const std::function<bool()>& done)
 }
 
 /* Sends a register or unregister message and awaits its acknowledgement. */
-static bool update(tpg_context_t* ctx, int fd, uint16_t type)
+static bool update(tpg_context_t* ctx, int fd, tpg_msg_type type)
 {
-    tpg_msg_libmib_update_t message = {};
-    message.head.usMsgType = type;
-    message.head.usMsgLen = sizeof(message);
-    message.head.ulPid = static_cast<uint32_t>(getpid());
-    message.head.usReserved = com_msg_parity(&message.head, TPG_PARITY_KEY);
-    set_text(message.libmib_update.prod_string, "prod");
-    set_text(message.libmib_update.prod_family, "fam");
-    set_text(message.libmib_update.libmib_path, "/tmp/card/libmib.so");
-    message.libmib_update.slot_no = 3;
+    const auto message = client_update(type, 3, "prod", "fam", 0, "/tmp/card/libmib.so");
     send(fd, &message, sizeof(message), MSG_NOSIGNAL);
     tpg_msg_libmib_update_ack_t ack;
     ssize_t n = -1;
@@ -202,14 +178,12 @@ static bool set_switch(netsnmp_handler_registration* table, long value)
 
 static bool raise_fault(tpg_context_t* ctx)
 {
-    tpg_msg_trap_notify_t message = {};
-    message.trap_notify.var_id = 9;
-    message.trap_notify.slot_no = 3;
-    message.trap_notify.data_len = 9 + 50;
-    message.trap_notify.data[3] = 1;
-    message.trap_notify.data[8] = 50;
+    std::string bytes =
+        notify(3, 9, 0, big_endian(1) + big_endian(0) + '\x32' + std::string(50, '\0'));
+    bytes.resize(sizeof(tpg_msg_trap_notify_t));
+    auto* message = reinterpret_cast<tpg_msg_trap_notify_t*>(bytes.data());
     traps = 0;
-    as_agent([&] { tpg_msg_trap_notify(ctx, &message, nullptr); });
+    as_agent([&] { tpg_msg_trap_notify(ctx, message, nullptr); });
     return traps == 1;
 }
 
@@ -250,7 +224,7 @@ static std::string live(tpg_context_t* ctx)
     ctx->levent_base = event_base_new();
     list_init(&ctx->ipc_clnt_list);
     as_agent([&] { tpg_create_svr_listener(ctx); });
-    const int fd = connected(TPG_SVR_PATH);
+    const int fd = unix_socket(TPG_SVR_PATH);
     check(update(ctx, fd, TPG_MSG_LIBMIB_REGISTER) && registered(), "register");
     wrong += serve(ctx, card);
     check(update(ctx, fd, TPG_MSG_LIBMIB_UNREGISTER) && !registered(), "unregister");
@@ -270,13 +244,11 @@ static std::string live(tpg_context_t* ctx)
 static void clear_disks()
 {
     for (const char* place : {"/tmp/card", "/mnt/flash0/cards/fam_slot03"}) {
-        fs::remove_all(place);
-        fs::create_directories(place);
+        clear_folder(place);
     }
     write_file("/tmp/card/libmib.so", "");
     write_file("/tmp/card/document", DOCUMENT);
-    write_file("/tmp/card/objdump", OBJDUMP);
-    fs::permissions("/tmp/card/objdump", fs::perms::owner_all);
+    write_file("/tmp/card/objdump", OBJDUMP, 0700);
 }
 
 /* The lowest descriptor that is free. */
@@ -346,8 +318,6 @@ using run_t = int (*)(fault_kind, int);
 /* What is thrown ends the process here, as it would in a callback of the libraries. */
 [[noreturn]] static void run_child(run_t run, fault_kind kind, int n) noexcept
 {
-    const rlimit no_core = {};
-    setrlimit(RLIMIT_CORE, &no_core);
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     const int log = open(LOG, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0600);
     dup2(log, STDERR_FILENO);
@@ -382,12 +352,7 @@ struct fault : testing::TestWithParam<std::pair<const char*, fault_kind>> {
     static inline pid_t daemon;
     static void SetUpTestSuite()
     {
-        sockaddr_un addr = {};
-        addr.sun_family = AF_UNIX;
-        set_text(addr.sun_path, "/tmp/.uevgend_svr3");
-        const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
-        ASSERT_EQ(listen(listener, 8), 0);
+        const int listener = unix_socket("/tmp/.uevgend_svr3", true);
         daemon = fork();
         if (daemon == 0) {
             run_daemon(listener);
@@ -399,7 +364,7 @@ struct fault : testing::TestWithParam<std::pair<const char*, fault_kind>> {
     {
         kill(daemon, SIGKILL);
         waitpid(daemon, nullptr, 0);
-        fs::remove("/tmp/.uevgend_svr3");
+        unlink("/tmp/.uevgend_svr3");
     }
     /* Lets every call of the kind fail in its turn. */
     void fail_each(run_t run, int at_least, const std::vector<std::string>& silent)

@@ -8,120 +8,70 @@
 #include "tpg_main_trap.h"
 
 #include <climits>
-#include <cstdlib>
-#include <cstring>
-#include <string>
-#include <vector>
+#include <json-c/json_visit.h>
 
-static void use_tables(tpg_context_t*);
-static void send_traps(tpg_context_t*, const tpg_jsonmib_register_info_t*);
-static void list_values(json_object*, std::vector<json_object*>*);
-static void change_container(json_object*, json_object*, unsigned);
-static json_object* new_value(json_object*, unsigned);
+constexpr int SLOTS[] = {2, 7}; /* the master's, and one that references it */
 
-constexpr char FAMILY[] = "family";
-constexpr uint32_t SLOTS[] = {2, 7}; /* the master's, and one that references it */
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+static void send_traps(tpg_context_t* ctx, const tpg_jsonmib_register_info_t* card)
 {
-    fuzz_input_t in = {data, size};
-    tpg_context_t* ctx = fuzz_begin(&in);
-    fuzz_write_file("/tmp/lib.so.json", fuzz_bytes(&in, in.size));
-    jsonmib_check_jsonfile(ctx, "/tmp/lib.so.json");
-    tpg_libmib_update_t cards[std::size(SLOTS)];
-    for (size_t i = 0; i < std::size(SLOTS); i++) {
-        fuzz_clear_switches(FAMILY, SLOTS[i]);
-        cards[i] = fuzz_card(SLOTS[i], FAMILY, "/tmp/lib.so");
-        tpg_proc_libmib_register(ctx, &cards[i]);
+    for (uint32_t i = 0; card->fault_json_table != nullptr && i < card->fault_table_reginfo_sum;
+         i++) {
+        const jsonmib_table_info_t* table = card->fault_json_table[i];
+        for (const uint32_t index : {0U, 1U, 0x101U, 0xfffU, 0x1003U, 0x10ff03U}) {
+            std::string message = notify(
+                SLOTS[index % 2], table == nullptr ? 0 : table->trap_info.fault_present_var_id,
+                index, big_endian(0) + big_endian(0) + '\x10' + std::string(16, '\0'));
+            message.resize(sizeof(tpg_msg_trap_notify_t));
+            tpg_msg_trap_notify(ctx, reinterpret_cast<tpg_msg_trap_notify_t*>(message.data()),
+                                nullptr);
+        }
     }
-    use_tables(ctx);
-    tpg_proc_libmib_unregister(ctx, &cards[0]);
-    use_tables(ctx);
-    fuzz_end(ctx);
-    return 0;
 }
 
 static void use_tables(tpg_context_t* ctx)
 {
     fuzz_use_tables(ctx);
-    for (const uint32_t slot : SLOTS) {
+    for (const int slot : SLOTS) {
         send_traps(ctx, &ctx->jsonmib_reg_info[slot - 1]);
     }
 }
 
-static void send_traps(tpg_context_t* ctx, const tpg_jsonmib_register_info_t* card)
+void fuzz_one(tpg_context_t* ctx, std::string_view in)
 {
-    static constexpr uint32_t INDEXES[] = {0, 1, 0x101, 0xfff, 0x1003, 0x10ff03};
-    for (uint32_t i = 0; card->fault_json_table != nullptr && i < card->fault_table_reginfo_sum;
-         i++) {
-        if (card->fault_json_table[i] == nullptr) {
-            continue;
-        }
-        for (const uint32_t index : INDEXES) {
-            tpg_msg_trap_notify_t message = {};
-            message.trap_notify.var_id = card->fault_json_table[i]->trap_info.fault_present_var_id;
-            message.trap_notify.index = index;
-            message.trap_notify.slot_no = static_cast<uint8_t>(SLOTS[index % 2]);
-            message.trap_notify.data[8] = 16;
-            message.trap_notify.data_len = 9 + 16;
-            tpg_msg_trap_notify(ctx, &message, nullptr);
-        }
+    write_file("/tmp/lib.so.json", in);
+    jsonmib_check_jsonfile(ctx, "/tmp/lib.so.json");
+    clear_folder("/mnt/flash0/cards/family_slot02");
+    clear_folder("/mnt/flash0/cards/family_slot07");
+    tpg_libmib_update_t cards[std::size(SLOTS)];
+    for (size_t i = 0; i < std::size(SLOTS); i++) {
+        cards[i] =
+            client_update(TPG_MSG_LIBMIB_REGISTER, SLOTS[i], "qmc", "family", 0, "/tmp/lib.so")
+                .libmib_update;
+        tpg_proc_libmib_register(ctx, &cards[i]);
     }
+    use_tables(ctx);
+    tpg_proc_libmib_unregister(ctx, &cards[0]);
+    use_tables(ctx);
 }
 
 /* ---- mutation that keeps the text a document ---- */
 
-extern "C" size_t LLVMFuzzerMutate(uint8_t* data, size_t size, size_t max_size);
+/* A value in its place: a member of an object, or an element of an array. */
+struct place_t {
+    json_object* value;
+    json_object* parent;
+    std::string key;
+    size_t index;
+};
 
-extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t max_size,
-                                          unsigned seed)
+static int list_place(json_object* value, int flags, json_object* parent, const char* key,
+                      size_t* index, void* places)
 {
-    const std::string text(reinterpret_cast<const char*>(data), size);
-    const tpg_json_t root(seed % 4 == 0 || size == 0 ? nullptr : json_tokener_parse(text.c_str()));
-    if (root == nullptr) {
-        return LLVMFuzzerMutate(data, size, max_size);
+    if (flags == 0 && parent != nullptr) {
+        static_cast<std::vector<place_t>*>(places)->push_back(
+            {value, parent, key == nullptr ? "" : key, index == nullptr ? 0 : *index});
     }
-    std::vector<json_object*> values;
-    list_values(root.get(), &values);
-    unsigned random = seed / 4;
-    for (unsigned changes = random++ % 3 + 1; changes > 0; changes--) {
-        random = random * 1103515245U + 12345U;
-        json_object* container = values[(random >> 8U) % values.size()];
-        json_object* other = values[(random >> 16U) % values.size()];
-        change_container(container, other, random >> 4U);
-        values.clear();
-        list_values(root.get(), &values);
-    }
-    const std::string changed = json_object_to_json_string(root.get());
-    if (changed.size() + 1 > max_size) {
-        return LLVMFuzzerMutate(data, size, max_size);
-    }
-    const uint8_t flags = data[size - 1];
-    changed.copy(reinterpret_cast<char*>(data), changed.size());
-    data[changed.size()] = flags;
-    return changed.size() + 1;
-}
-
-/* The value and all below it; null values, which are no objects, are left out. */
-static void list_values(json_object* value, std::vector<json_object*>* values)
-{
-    values->push_back(value);
-    if (json_object_is_type(value, json_type_object)) {
-        json_object_object_foreach(value, key, member)
-        {
-            (void)key;
-            if (member != nullptr) {
-                list_values(member, values);
-            }
-        }
-    }
-    for (size_t i = 0;
-         json_object_is_type(value, json_type_array) && i < json_object_array_length(value); i++) {
-        json_object* element = json_object_array_get_idx(value, i);
-        if (element != nullptr) {
-            list_values(element, values);
-        }
-    }
+    return JSON_C_VISIT_RETURN_CONTINUE;
 }
 
 static json_object* new_value(json_object* other, unsigned random)
@@ -133,9 +83,9 @@ static json_object* new_value(json_object* other, unsigned random)
     json_object* copy = nullptr;
     switch (random % 4) {
     case 0:
-        return json_object_new_int(NUMBERS[(random >> 2U) % std::size(NUMBERS)]);
+        return json_object_new_int(NUMBERS[random / 4 % std::size(NUMBERS)]);
     case 1:
-        return json_object_new_string_len(TEXT, static_cast<int>((random >> 2U) % sizeof(TEXT)));
+        return json_object_new_string_len(TEXT, static_cast<int>(random / 4 % sizeof(TEXT)));
     case 2:
         return json_object_new_boolean(1);
     default:
@@ -144,48 +94,50 @@ static json_object* new_value(json_object* other, unsigned random)
     }
 }
 
-/* Changes, adds or takes away one member or element, or sets a number. */
-static void change_container(json_object* container, json_object* other, unsigned random)
+/* Takes a value away, puts another one in its place, or makes many of it. */
+static void change(const place_t& place, json_object* other, unsigned random)
 {
-    constexpr unsigned CHOICES = 4;
-    constexpr unsigned OID_LENGTHS = TPG_OID_MAX + 2;
-    const unsigned choice = random % CHOICES;
-    random /= CHOICES;
-    if (json_object_is_type(container, json_type_int)) {
-        json_object_set_int(container, choice == 0 ? static_cast<int>(random % 64) : INT_MAX);
-    } else if (json_object_is_type(container, json_type_array)) {
-        const size_t length = json_object_array_length(container);
-        const size_t at = length == 0 ? 0 : random % length;
-        if (choice == 0 && length > 0) {
-            json_object_array_del_idx(container, at, 1);
-        } else if (choice == 1) {
-            json_object_array_put_idx(container, at, new_value(other, random >> 3U));
-        } else {
-            json_object* source = length == 0 ? other : json_object_array_get_idx(container, at);
-            const bool many = json_object_is_type(source, json_type_int);
-            const unsigned most = choice == 3 ? 1 : many ? OID_LENGTHS : JSONMIB_INDEX_MAX + 3;
-            for (unsigned copies = random % most + 1; copies > 0; copies--) {
-                json_object* copy = nullptr;
-                json_object_deep_copy(source, &copy, nullptr);
-                json_object_array_add(container, copy);
-            }
-        }
-    } else if (json_object_is_type(container, json_type_object) &&
-               json_object_object_length(container) > 0) {
-        int skip = static_cast<int>(random) % json_object_object_length(container);
-        json_object_object_foreach(container, key, member)
-        {
-            (void)member;
-            if (skip-- > 0) {
-                continue;
-            }
-            const std::string name = key;
-            if (choice == 0) {
-                json_object_object_del(container, name.c_str());
-            } else {
-                json_object_object_add(container, name.c_str(), new_value(other, random >> 5U));
-            }
-            return;
+    const bool in_object = place.key != "", remove = random % 4 == 0;
+    if (in_object && remove) {
+        json_object_object_del(place.parent, place.key.c_str());
+    } else if (in_object) {
+        json_object_object_add(place.parent, place.key.c_str(), new_value(other, random / 8));
+    } else if (remove) {
+        json_object_array_del_idx(place.parent, place.index, 1);
+    } else if (random % 4 == 1) {
+        json_object_array_put_idx(place.parent, place.index, new_value(other, random / 8));
+    } else {
+        const bool many = json_object_is_type(place.value, json_type_int);
+        const unsigned most = many ? TPG_OID_MAX + 2 : JSONMIB_INDEX_MAX + 3;
+        for (unsigned copies = random / 8 % most + 1; copies > 0; copies--) {
+            json_object_array_add(place.parent, new_value(place.value, 3));
         }
     }
+}
+
+extern "C" size_t LLVMFuzzerMutate(uint8_t* data, size_t size, size_t max_size);
+
+extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t max_size,
+                                          unsigned seed)
+{
+    const std::string text(reinterpret_cast<const char*>(data), size);
+    const tpg_json_t root(seed % 4 == 0 || size == 0 ? nullptr : json_tokener_parse(text.c_str()));
+    unsigned random = seed / 4;
+    for (unsigned changes = random % 3 + 1; changes > 0; changes--) {
+        std::vector<place_t> places;
+        json_c_visit(root.get(), 0, list_place, &places);
+        random = random * 1103515245U + 12345U;
+        if (!places.empty()) {
+            change(places[(random >> 8U) % places.size()],
+                   places[(random >> 16U) % places.size()].value, random >> 4U);
+        }
+    }
+    const std::string changed = json_object_to_json_string(root.get());
+    if (root == nullptr || changed.size() + 1 > max_size) {
+        return LLVMFuzzerMutate(data, size, max_size);
+    }
+    const uint8_t flags = data[size - 1];
+    changed.copy(reinterpret_cast<char*>(data), changed.size());
+    data[changed.size()] = flags;
+    return changed.size() + 1;
 }

@@ -4,11 +4,7 @@
 
 #include "tpg_main_mibsource.h"
 
-#include <cstdlib>
-#include <cstring>
 #include <sys/stat.h>
-
-constexpr char LIBRARY[] = "/tmp/lib.so";
 
 /* The symbol line, the section heads and the dump of the data section. */
 static std::string_view symbols, heads, dump;
@@ -19,21 +15,20 @@ static int print(const char* command)
     if (output != nullptr) {
         const bool is_head = strncmp(command, "objdump -h", 10) == 0;
         const bool is_dump = strncmp(command, "objdump -s", 10) == 0;
-        fuzz_write_file(output + 3, is_head ? heads : is_dump ? dump : symbols);
+        write_file(output + 3, is_head ? heads : is_dump ? dump : symbols);
     }
     return 0;
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+void fuzz_one(tpg_context_t* ctx, std::string_view in)
 {
-    fuzz_input_t in = {data, size};
-    tpg_context_t* ctx = fuzz_begin(&in);
     symbols = fuzz_part(&in);
     heads = fuzz_part(&in);
     dump = fuzz_part(&in);
     fuzz_system = print;
-    fuzz_write_file(LIBRARY, "library");
-    tpg_libmib_update_t card = fuzz_card(2, "family", LIBRARY);
+    write_file("/tmp/lib.so", "library");
+    auto card =
+        client_update(TPG_MSG_LIBMIB_REGISTER, 2, "qmc", "family", 0, "/tmp/lib.so").libmib_update;
     uint32_t offset = 0;
     uint32_t length = 0;
     if (tpg_get_jsonmib_string(ctx, &card, &offset, &length) == 0 &&
@@ -48,6 +43,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
     free(words);
     tpg_locate_jsonmib(ctx, &card);
-    fuzz_end(ctx);
-    return 0;
 }

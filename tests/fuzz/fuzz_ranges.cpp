@@ -5,14 +5,10 @@
 #include "tpg_jsonmib_parse.h"
 #include "tpg_main_trap.h"
 
-#include <cstdlib>
-#include <cstring>
-#include <string>
+#include <span>
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+void fuzz_one(tpg_context_t* ctx, std::string_view in)
 {
-    fuzz_input_t in = {data, size};
-    tpg_context_t* ctx = fuzz_begin(&in);
     static jsonmib_table_info_t table;
     tpg_jsonmib_register_info_t* card = &ctx->jsonmib_reg_info[1];
     table.jsonmib_reginfo = card;
@@ -20,12 +16,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         static_cast<jsonmib_trap_bindings_info_t*>(calloc(1, sizeof(jsonmib_trap_bindings_info_t)));
     card->trap_bindings_len = 1;
     jsonmib_trap_bindings_info_t* binding = card->trap_bindings_info;
-    while (in.size > 0) {
+    while (!in.empty()) {
         const std::string text(fuzz_part(&in));
         FUZZ_REQUIRE(jsonmib_parse_specific_string(ctx, binding, text.c_str()) == 0);
         FUZZ_REQUIRE(binding->specific_list_len <= strlen(text.c_str()) / 2 + 1);
-        for (uint32_t i = 0; i < binding->specific_list_len; i++) {
-            const specific_range_t range = binding->specific_list[i];
+        for (const auto& range : std::span(binding->specific_list, binding->specific_list_len)) {
             tpg_trap_notify_t notify = {};
             notify.data_len = 12;
             notify.data[8] = 3;
@@ -35,6 +30,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             snmp_free_varbind(vars);
         }
     }
-    fuzz_end(ctx);
-    return 0;
 }

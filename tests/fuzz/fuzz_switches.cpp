@@ -8,17 +8,15 @@
 #include "tpg_jsonmib_table.h"
 
 #include <algorithm>
-#include <cstring>
-#include <string>
 
 constexpr uint32_t SLOT = 3;
-constexpr char FAMILY[] = "family";
-constexpr char FOLDER[] = "/mnt/flash0/cards/family_slot03/";
+static const std::string FOLDER = "/mnt/flash0/cards/family_slot03/";
 
 static tpg_jsonmib_register_info_t* load(tpg_context_t* ctx)
 {
     tpg_jsonmib_register_info_t* card = &ctx->jsonmib_reg_info[SLOT - 1];
-    card->libmib_reginfo = fuzz_card(SLOT, FAMILY, "/tmp/lib.so");
+    card->libmib_reginfo =
+        client_update(TPG_MSG_LIBMIB_REGISTER, SLOT, "qmc", "family", 0, "").libmib_update;
     const int ret = tpg_db_load_sendtrap_db_file(ctx, card);
     FUZZ_REQUIRE((ret == 0) == (card->sendtrap_json_db != nullptr));
     return card;
@@ -27,8 +25,9 @@ static tpg_jsonmib_register_info_t* load(tpg_context_t* ctx)
 /* What is stored is what comes back, whatever stood in the files. */
 static void store_and_compare(tpg_context_t* ctx, jsonmib_table_info_t* table)
 {
-    tpg_jsonmib_register_info_t* card = load(ctx);
     uint8_t* row = jsonmib_sendtrap_row(table, SLOT);
+    memset(row, 0xff, JSONMIB_SENDTRAP_ROW);
+    tpg_jsonmib_register_info_t* card = load(ctx);
     tpg_db_recall_sendtrap_persistence(ctx, table, card);
     jsonmib_sendtrap_store(row, 5, true);
     jsonmib_sendtrap_store(row, 4095, false);
@@ -46,20 +45,18 @@ static void store_and_compare(tpg_context_t* ctx, jsonmib_table_info_t* table)
     FUZZ_REQUIRE(memcmp(stored, row, sizeof(stored)) == 0);
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+void fuzz_one(tpg_context_t* ctx, std::string_view in)
 {
     static jsonmib_table_info_t alarm, other;
-    strcpy(alarm.name, "alarmTable");
+    set_text(alarm.name, "alarmTable");
     memset(other.name, 'o', sizeof(other.name));
-    fuzz_input_t in = {data, size};
-    tpg_context_t* ctx = fuzz_begin(&in);
-    fuzz_clear_switches(FAMILY, SLOT);
-    fuzz_write_file((std::string(FOLDER) + "sendtrap.json").c_str(), fuzz_part(&in));
-    fuzz_write_file((std::string(FOLDER) + "sendtrap.json.last").c_str(), fuzz_part(&in));
-    memset(jsonmib_sendtrap_row(&alarm, SLOT), 0xff, JSONMIB_SENDTRAP_ROW);
-    memset(jsonmib_sendtrap_row(&other, SLOT), 0xff, JSONMIB_SENDTRAP_ROW);
+    clear_folder(FOLDER);
+    for (const char* name : {"sendtrap.json", "sendtrap.json.last"}) {
+        const std::string_view text = fuzz_part(&in);
+        if (!text.empty()) {
+            write_file(FOLDER + name, text);
+        }
+    }
     store_and_compare(ctx, &alarm);
     store_and_compare(ctx, &other);
-    fuzz_end(ctx);
-    return 0;
 }

@@ -3,19 +3,9 @@
 #include "tpg_main_mibsource.h"
 #include "unit.h"
 
-#include <filesystem>
-
 namespace fs = std::filesystem;
 
-constexpr char LIBRARY[] = "/tmp/card/libmib.so";
-constexpr char JSON[] = "/tmp/card/libmib.so.json";
-
-/* A symbol table line as objdump prints it. */
-static std::string symbol(const std::string& name, const std::string& offset = "4020",
-                          const std::string& size = "0c")
-{
-    return offset + " l     O .data\t" + size + "              " + name + "\n";
-}
+static const std::string LIBRARY = "/tmp/card/libmib.so", JSON = LIBRARY + ".json";
 
 static std::string section(const std::string& name, const std::string& size)
 {
@@ -37,30 +27,21 @@ static std::string dump(const std::string& text)
 
 struct mibsource : testing::Test {
     std::unique_ptr<tpg_context_t> ctx = new_context();
-    tpg_libmib_register_info_t card = {};
-    std::string path = getenv("PATH");
+    tpg_libmib_register_info_t card =
+        client_update(TPG_MSG_LIBMIB_REGISTER, 3, "prod", "fam", 0, LIBRARY).libmib_update;
 
     void SetUp() override
     {
-        fs::create_directories("/tmp/card/bin");
-        write_file("/tmp/card/bin/objdump", "#!/bin/sh\ncat /tmp/card/out$1\n");
-        fs::permissions("/tmp/card/bin/objdump", fs::perms::owner_all);
-        setenv("PATH", ("/tmp/card/bin:" + path).c_str(), 1);
+        static const std::string path = getenv("PATH");
+        clear_folder("/tmp/card");
+        write_file("/tmp/card/objdump", "#!/bin/sh\ncat /tmp/card/out$1\n", 0700);
+        setenv("PATH", ("/tmp/card:" + path).c_str(), 1);
         write_file(LIBRARY, "");
-        set_text(card.prod_string, "prod");
-        set_text(card.libmib_path, LIBRARY);
+        write_file("/tmp/card/out-t", "4020 l     O .data\t0c              jsonmib_prod\n");
     }
     void TearDown() override
     {
-        setenv("PATH", path.c_str(), 1);
         fs::remove_all("/tmp/card");
-    }
-    static void objdump(const std::string& symbols, const std::string& heads,
-                        const std::string& dump)
-    {
-        write_file("/tmp/card/out-t", symbols);
-        write_file("/tmp/card/out-h", heads);
-        write_file("/tmp/card/out-s", dump);
     }
 };
 
@@ -84,7 +65,8 @@ TEST_F(mibsource, sections)
         {section(".data", "ffffffff"), dump(json), 35, "-1 Error calloc failed, File too large\n"},
         {"  9 .data", dump(json), 35, "-1 Error parsing .data section size failed!"}};
     for (const auto& [heads, text, size, expected] : cases) {
-        objdump("", heads, text);
+        write_file("/tmp/card/out-h", heads);
+        write_file("/tmp/card/out-s", text);
         std::string outcome = outcome_of([&, length = size] {
             return tpg_parse_jsonmib_string(ctx.get(), &card, 0x4020, length);
         });
@@ -96,14 +78,15 @@ TEST_F(mibsource, sections)
 
 TEST_F(mibsource, links_are_not_followed)
 {
-    objdump(symbol("jsonmib_prod"), section(".data", "0c"), dump("{\"a\":\"1234\"}"));
+    write_file("/tmp/card/out-h", section(".data", "0c"));
+    write_file("/tmp/card/out-s", dump("{\"a\":\"1234\"}"));
     const char* suffixes[] = {"_jsonmib_sym", "_data", "_section_head", ".json"};
     for (const char* suffix : suffixes) {
-        fs::create_symlink("/tmp/card/mine", std::string(LIBRARY) + suffix);
+        fs::create_symlink("/tmp/card/mine", LIBRARY + suffix);
     }
     log_of([&] { tpg_locate_jsonmib(ctx.get(), &card); });
     for (const char* suffix : suffixes) {
-        EXPECT_FALSE(fs::is_symlink(std::string(LIBRARY) + suffix)) << suffix;
+        EXPECT_FALSE(fs::is_symlink(LIBRARY + suffix)) << suffix;
     }
     EXPECT_FALSE(fs::exists("/tmp/card/mine"));
     EXPECT_EQ(read_file(JSON), "{\"a\":\"1234\"}");

@@ -34,16 +34,14 @@ int tpg_preload_send_trap_storage(tpg_context_t*, tpg_jsonmib_register_info_t* j
 }
 
 /* A card; the digits of version are its major and minor revision and its build. */
-static tpg_libmib_update_t card(uint32_t slot, uint32_t version, const std::string& family = "fam")
+static tpg_libmib_update_t card(int slot, uint32_t version, const std::string& family = "fam")
 {
-    tpg_libmib_update_t update = {};
-    set_text(update.prod_string, "prod");
-    set_text(update.prod_family, family);
-    set_text(update.libmib_path, "/A-z0.9_/+,:@=%"); /* all that a shell takes as it stands */
+    auto update = client_update(TPG_MSG_LIBMIB_REGISTER, slot, "prod", family,
+                                static_cast<int>(version / 10 % 10),
+                                "/A-z0.9_/+,:@=%") /* all that a shell takes as it stands */
+                      .libmib_update;
     set_text(update.board_sn, "0123456789abcdef");
-    update.slot_no = static_cast<uint8_t>(slot);
     update.major_rev = static_cast<uint8_t>(version / 100);
-    update.minor_rev = static_cast<uint8_t>(version / 10 % 10);
     update.build_number = version % 10;
     return update;
 }
@@ -62,18 +60,11 @@ static std::string state()
     return text.str();
 }
 
-template <typename operation_t>
-static std::string log_in(operation_t operation, tpg_libmib_update_t card)
-{
-    calls.clear();
-    return log_of([&] { operation(agent.get(), &card); });
-}
-
 TEST(registry, version_order)
 {
     std::vector<tpg_libmib_update_t> sorted;
     for (const uint32_t version : {0U, 1U, 9U, 10U, 19U, 21U, 100U, 190U, 200U, 210U, 999U}) {
-        sorted.push_back(card(9 - version % 10, version, std::to_string(version)));
+        sorted.push_back(card(static_cast<int>(9 - version % 10), version));
     }
     sorted[2].build_number = UINT32_MAX;
     sorted.back().major_rev = 0x80;
@@ -119,11 +110,14 @@ TEST(registry, cards_come_and_go)
         std::istringstream words(cards);
         for (std::string word; words >> word;) {
             char family[16] = "fam";
-            uint32_t slot = 0;
+            int slot = 0;
             uint32_t version = 0;
-            sscanf(word.c_str(), "%*c%u:%u:%15s", &slot, &version, family);
-            log_in(word[0] == '+' ? tpg_proc_libmib_register : tpg_proc_libmib_unregister,
-                   card(slot, version, word.ends_with(":") ? "" : family));
+            sscanf(word.c_str(), "%*c%d:%u:%15s", &slot, &version, family);
+            const auto operation =
+                word[0] == '+' ? tpg_proc_libmib_register : tpg_proc_libmib_unregister;
+            auto update = card(slot, version, word.ends_with(":") ? "" : family);
+            calls.clear();
+            log_of([&] { operation(agent.get(), &update); });
         }
         EXPECT_EQ(calls, last_calls);
         EXPECT_EQ(state(), last_state);
@@ -132,28 +126,21 @@ TEST(registry, cards_come_and_go)
 
 TEST(registry, texts_that_must_not_reach_a_shell)
 {
-    std::vector<tpg_libmib_update_t> refused;
-    agent = new_context();
-    const auto add = [&](const std::string& product, const std::string& family,
-                         const std::string& path) {
-        refused.push_back(card(4, 100, family));
-        set_text(refused.back().prod_string, product);
-        set_text(refused.back().libmib_path, path);
-    };
-    for (const char* text : {"0123456789abcdef", "a/b", "-a"}) {
-        add(text, "f", "/a");
-    }
-    add("p", "0123456789abcdef", "/a");
-    add("p", "../x", "/a");
-    add("p", "f", std::string(128, 'l'));
-    add("p", "f", "-rf");
+    const std::string full = "0123456789abcdef", path(128, 'l');
+    std::vector<std::vector<std::string>> refused = {
+        {full, "f", "/a"},   {"a/b", "f", "/a"}, {"-a", "f", "/a"}, {"p", full, "/a"},
+        {"p", "../x", "/a"}, {"p", "f", path},   {"p", "f", "-rf"}};
     for (const char c : std::string(" ;|&$`'\"<>()*?[]{}\\~!#^\n\t\x01\x7f\xe4")) {
-        add(std::string("a") + c, "f", "/a");
-        add("p", "f", std::string("/a") + c + "b");
+        refused.push_back({std::string("a") + c, "f", "/a"});
+        refused.push_back({"p", "f", std::string("/a") + c + "b"});
     }
-    for (const tpg_libmib_update_t& update : refused) {
+    agent = new_context();
+    for (const auto& texts : refused) {
         for (const auto operation : {tpg_proc_libmib_register, tpg_proc_libmib_unregister}) {
-            const std::string log = log_in(operation, update);
+            auto update = client_update(TPG_MSG_LIBMIB_REGISTER, 4, texts[0], texts[1], 0, texts[2])
+                              .libmib_update;
+            calls.clear();
+            const std::string log = log_of([&] { operation(agent.get(), &update); });
             EXPECT_TRUE(log.starts_with("Error refused a card: ")) << log;
             EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1);
             EXPECT_EQ(calls, "");
