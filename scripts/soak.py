@@ -51,6 +51,8 @@ EXPLAINED = {
     "a library without a document": r"tpg_snmp_register_jsonmib\(\): No json string is found in "
                                     r"lib\.so file, to try built-in$",
     "a text of a fault row was read": r"regular trap table param var_id 201 range\[0:31\] ,type=3$",
+    "a card was pulled while a switch of it was set":
+        r"NULL sendtrap_json_db for table \w+ of slot \d+!$",
     "a pulled card had unregistered before": r"target was not registered yet$",
 }
 

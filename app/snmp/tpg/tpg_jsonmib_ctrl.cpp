@@ -210,6 +210,7 @@ int jsonmib_ipc_recv(tpg_context_t* ctx, uint32_t slot_no, void* buf, uint32_t l
     uint32_t received = 0;
     while (received < length) {
         if (n <= 0) {
+            errno = n == 0 ? ECONNRESET : errno; /* the daemon has closed its end */
             TPG_ERROR(ctx,
                       "recv from slot_no %d failed. request %d bytes but received %d bytes. %s",
                       slot_no, length, received, strerror(errno));
