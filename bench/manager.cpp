@@ -28,6 +28,7 @@ using samples_t = std::vector<double>;
 struct row_t {
     std::string name;
     std::map<int, samples_t> samples;
+    samples_t ratios; /* how many times as fast as the other subject, the live limit mostly */
 };
 
 static row_t* row(const std::string& name);
@@ -149,6 +150,31 @@ static void measure_walk(const std::string& name, void* session, int subject, si
         .push_back((cpu_us(pids[subject]) - cpu) / total);
 }
 
+/*
+ * The agent against another subject, in turns of a few milliseconds: what the
+ * machine does meanwhile meets both alike.
+ */
+static void measure_ratio(const std::string& name, void* session, int other, size_t table,
+                          uint32_t repetitions)
+{
+    constexpr int PAIRS = 10;
+    constexpr uint32_t CELLS = 360;
+    const uint32_t cells = std::min(CELLS, bench_block(&BENCH_TABLES[table], 0));
+    for (int i = 0; i < 2 * PAIRS; i++) {
+        double spent[SUBJECTS + 1] = {};
+        for (const int subject : {other, int{BENCH_TPG}, int{BENCH_TPG}, other}) {
+            const double start = now_us();
+            for (uint32_t done = 0; done < CELLS; done += cells) {
+                if (walk(session, subject, table, cells, repetitions) != 0) {
+                    return;
+                }
+            }
+            spent[subject] += now_us() - start;
+        }
+        row(name)->ratios.push_back(spent[other] / spent[BENCH_TPG]);
+    }
+}
+
 static void measure_single(const std::string& name, void* session, int subject, size_t table,
                            int type, int times)
 {
@@ -206,6 +232,12 @@ static void measure_table(void* session, size_t table, int rounds)
     const bool large = table == 3;
     for (int round = 0; round < rounds; round++) {
         fprintf(stderr, "%sround %d of %d\n", name.c_str(), round + 1, rounds);
+        measure_ratio(name + "walk, us/cell", session, BENCH_LIVE, table, 0);
+        measure_ratio(name + "bulk walk, us/cell", session, BENCH_LIVE, table, 50);
+        if (table == 0) {
+            measure_ratio(name + "walk, against the iterator", session, BENCH_ITERATOR, table, 0);
+            measure_ratio(name + "bulk walk, against it", session, BENCH_ITERATOR, table, 50);
+        }
         for (int subject = 1; subject <= SUBJECTS; subject++) {
             if (large && subject == BENCH_ITERATOR) {
                 continue; /* minutes a walk */
@@ -401,7 +433,7 @@ static row_t* row(const std::string& name)
 {
     auto it =
         std::find_if(rows.begin(), rows.end(), [&](const row_t& r) { return r.name == name; });
-    return it != rows.end() ? &*it : &rows.emplace_back(row_t{name, {}});
+    return it != rows.end() ? &*it : &rows.emplace_back(row_t{name, {}, {}});
 }
 
 static double percentile(samples_t samples, double part)
@@ -422,26 +454,27 @@ static std::string cell_text(const samples_t& samples)
     return text;
 }
 
-/* How many times as fast as the live limit, compared round by round. */
+/* How many times as fast as the live limit: measured in turns, or else compared round by round. */
 static std::string ratio_text(const row_t& row)
 {
+    samples_t ratios = row.ratios;
     const auto ours = row.samples.find(BENCH_TPG), other = row.samples.find(BENCH_LIVE);
-    samples_t ratios;
-    for (size_t i = 0;
-         other != row.samples.end() && i < std::min(ours->second.size(), other->second.size());
+    for (size_t i = 0; row.ratios.empty() && other != row.samples.end() &&
+                       i < std::min(ours->second.size(), other->second.size());
          i++) {
         ratios.push_back(other->second[i] / ours->second[i]);
     }
-    char text[16] = "";
+    char text[64] = "";
     if (!ratios.empty()) {
-        snprintf(text, sizeof(text), "%.2f", percentile(ratios, 0.5));
+        snprintf(text, sizeof(text), "%.2f (%.2f-%.2f)", percentile(ratios, 0.5),
+                 percentile(ratios, 0.25), percentile(ratios, 0.75));
     }
     return text;
 }
 
 static void print_table()
 {
-    printf("| %-40s | %-19s | %-19s | %-19s | %-19s | %-19s | live/tpg |\n",
+    printf("| %-40s | %-19s | %-19s | %-19s | %-19s | %-19s | live limit/tpg (quartiles) |\n",
            "median (lowest-highest)", "tpg", "limit", "live limit", "iterator", "pass_persist");
     printf("|---|---|---|---|---|---|---|\n");
     for (row_t& r : rows) {
@@ -449,7 +482,7 @@ static void print_table()
         for (int subject = 1; subject <= SUBJECTS; subject++) {
             printf(" %-19s |", cell_text(r.samples[subject]).c_str());
         }
-        printf(" %-8s |\n", ratio_text(r).c_str());
+        printf(" %-26s |\n", ratio_text(r).c_str());
     }
 }
 
