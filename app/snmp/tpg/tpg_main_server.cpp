@@ -224,7 +224,7 @@ void tpg_svr_conn_eventcb(bufferevent* bev, short events, void* arg)
     const int error = errno;
     TPG_ERROR(ctx, "got event 0x%x", static_cast<unsigned>(events));
     if ((events & BEV_EVENT_EOF) != 0) {
-        TPG_INFO(ctx, "Connection FD %d to client PID %u closed", client->acc_fd, client->clnt_pid);
+        TPG_INFO(ctx, "Connection FD %d to client PID %d closed", client->acc_fd, client->clnt_pid);
     } else if ((events & BEV_EVENT_ERROR) != 0) {
         TPG_ERROR(ctx, "Got an error on the connection: %s", strerror(error));
     } else {
@@ -356,7 +356,7 @@ static int read_payload(tpg_context_t* ctx, tpg_ipc_clnt_t* client, bufferevent*
         TPG_TRACE(ctx, TRACE_READCB, "%s(): Not enough payload, break", READCB_NAME);
         return READ_AGAIN;
     }
-    TPG_TRACE(ctx, TRACE_READCB, "%s(): Received a full packet( type=%u, len=%u, rd_idx=%d",
+    TPG_TRACE(ctx, TRACE_READCB, "%s(): Received a full packet( type=%d, len=%d, rd_idx=%d",
               READCB_NAME, head.usMsgType, head.usMsgLen, reader->rd_idx);
     dispatch(ctx, client);
     reader->state = TPG_READ_HEADER;
@@ -373,7 +373,7 @@ static void note_first_message(tpg_context_t* ctx, tpg_ipc_clnt_t* client,
         return;
     }
     client->clnt_pid = head->ulPid;
-    TPG_INFO(ctx, "First message from FD %d, PID %u", client->acc_fd, client->clnt_pid);
+    TPG_INFO(ctx, "First message from FD %d, PID %d", client->acc_fd, client->clnt_pid);
     ucred peer = {};
     socklen_t length = sizeof(peer);
     if (getsockopt(client->acc_fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) {
@@ -398,7 +398,7 @@ static void dispatch(tpg_context_t* ctx, tpg_ipc_clnt_t* client)
         dispatch_trap_notify(ctx, client, &head);
         break;
     default:
-        TPG_WARN(ctx, "getset: invalid msg_type %u", head.usMsgType);
+        TPG_WARN(ctx, "getset: invalid msg_type %d", head.usMsgType);
         break;
     }
 }
@@ -429,10 +429,10 @@ static void dispatch_trap_notify(tpg_context_t* ctx, tpg_ipc_clnt_t* client,
                   notify->data_len);
         return;
     }
-    TPG_TRACE(ctx, TRACE_READCB, "%s(): TRAP before calling notify (slot=%u, varid=%u, index=%u)",
+    TPG_TRACE(ctx, TRACE_READCB, "%s(): TRAP before calling notify (slot=%d, varid=%d, index=%d)",
               READCB_NAME, notify->slot_no, notify->var_id, notify->index);
     tpg_msg_trap_notify(ctx, &message, client);
-    TPG_TRACE(ctx, TRACE_READCB, "%s(): TRAP: slot=%u varid=%u, index=%u", READCB_NAME,
+    TPG_TRACE(ctx, TRACE_READCB, "%s(): TRAP: slot=%d varid=%d, index=%d", READCB_NAME,
               notify->slot_no, notify->var_id, notify->index);
 }
 
@@ -477,7 +477,7 @@ void tpg_msg_libmib_update(tpg_context_t* ctx, tpg_msg_libmib_update_t* message,
         }
         break;
     default:
-        TPG_WARN(ctx, "invalid msg type %u", message->head.usMsgType);
+        TPG_WARN(ctx, "invalid msg type %d", message->head.usMsgType);
         break;
     }
 }
