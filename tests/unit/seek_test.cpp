@@ -7,20 +7,24 @@
 
 constexpr size_t BASE_LEN = 8; /* of the OID of either table */
 
+/* Takes the two handlers that know the rows out of the chain. */
 static void stop_seeking(netsnmp_handler_registration* registration)
 {
-    for (netsnmp_mib_handler* above = registration->handler; above->next != nullptr;
-         above = above->next) {
-        if (strcmp(above->next->handler_name, JSONMIB_SEEK_HANDLER_NAME) == 0) {
-            netsnmp_mib_handler* seek = above->next;
-            above->next = seek->next;
-            seek->next->prev = above;
-            seek->next = nullptr;
-            netsnmp_handler_free(seek);
-            return;
+    int taken = 0;
+    for (netsnmp_mib_handler* above = registration->handler; above->next != nullptr;) {
+        netsnmp_mib_handler* handler = above->next;
+        if (strcmp(handler->handler_name, JSONMIB_SEEK_HANDLER_NAME) != 0 &&
+            strcmp(handler->handler_name, JSONMIB_ROW_HANDLER_NAME) != 0) {
+            above = handler;
+            continue;
         }
+        above->next = handler->next;
+        handler->next->prev = above;
+        handler->next = nullptr;
+        netsnmp_handler_free(handler);
+        taken++;
     }
-    FAIL() << "no seek handler";
+    ASSERT_EQ(taken, 2);
 }
 
 /* The name behind the table's OID, type and value that a request ends with. */

@@ -4,20 +4,22 @@
 
 #include <algorithm>
 
-/* What is known of the row that answers a request. */
-enum class aim_t {
-    every_row,     /* nothing */
-    one_row,       /* it is the only one to be shown, if there is one */
-    row_of_column, /* it is there, in the column that the request names */
+/* A request for a cell, by name. */
+struct named_cell_t {
+    oid column;
+    const oid* suffix; /* behind the column */
+    size_t len;
 };
 
-static aim_t take_aim(jsonmib_table_info_t*, const netsnmp_handler_registration*, int,
-                      netsnmp_request_info*);
-static bool names_column(const netsnmp_handler_registration*, const netsnmp_variable_list*);
+static bool name_cell(const jsonmib_table_info_t*, const netsnmp_handler_registration*, int,
+                      const netsnmp_request_info*, named_cell_t*);
+static void* show_row(jsonmib_table_info_t*, netsnmp_iterator_info*);
 static int serve_row(netsnmp_mib_handler*, netsnmp_handler_registration*,
-                     netsnmp_agent_request_info*, netsnmp_request_info*, int*);
-static void name_row(const netsnmp_handler_registration*, const netsnmp_iterator_info*,
+                     netsnmp_agent_request_info*, netsnmp_request_info*, oid, void*);
+static void name_row(const netsnmp_handler_registration*, const jsonmib_table_info_t*,
                      netsnmp_variable_list*);
+static void aim(jsonmib_table_info_t*, const netsnmp_handler_registration*, int,
+                netsnmp_request_info*);
 static bool next_value(const jsonmib_table_info_t*, size_t, uint64_t, uint32_t*);
 static bool next_slot(const jsonmib_table_info_t*, const jsonmib_index_info_t*, uint64_t,
                       uint32_t*);
@@ -26,101 +28,140 @@ static bool fill_lowest(const jsonmib_table_info_t*, size_t, jsonmib_seek_t*);
 
 /* Entry and column stand between a table's OID and the row's index values. */
 constexpr size_t INDEX_OFS = 2;
+constexpr oid ENTRY = 1;
+
+/* ---- a row that is known to be there ---- */
+
+int jsonmib_row_helper_handler(netsnmp_mib_handler* handler, netsnmp_handler_registration* reginfo,
+                               netsnmp_agent_request_info* reqinfo, netsnmp_request_info* requests)
+{
+    auto* jsonmib_table = static_cast<jsonmib_table_info_t*>(handler->myvoid);
+    jsonmib_seek_t* seek = &jsonmib_table->seek;
+    named_cell_t cell = {};
+    if (!name_cell(jsonmib_table, reginfo, reqinfo->mode, requests, &cell) ||
+        !(reqinfo->mode == MODE_GET
+              ? jsonmib_seek_exact(jsonmib_table, cell.suffix, cell.len, seek)
+              : jsonmib_seek_next(jsonmib_table, cell.suffix, cell.len, seek))) {
+        return netsnmp_call_next_handler(handler, reginfo, reqinfo, requests);
+    }
+    const netsnmp_mib_handler* above = handler;
+    while (above->access_method != jsonmib_seek_helper_handler) {
+        above = above->next;
+    }
+    netsnmp_mib_handler* iterator = above->next;
+    auto* iterator_info = static_cast<netsnmp_iterator_info*>(iterator->myvoid);
+    void* row = show_row(jsonmib_table, iterator_info);
+    if (row == nullptr) {
+        return netsnmp_call_next_handler(handler, reginfo, reqinfo, requests);
+    }
+    if (reqinfo->mode == MODE_GETNEXT) {
+        name_row(reginfo, jsonmib_table, requests->requestvb);
+    }
+    const int status = serve_row(iterator, reginfo, reqinfo, requests, cell.column, row);
+    jsonmib_table_free_data_context(row, iterator_info);
+    return status;
+}
+
+/* True when one GET or GETNEXT begins with the name of a column of the table. */
+static bool name_cell(const jsonmib_table_info_t* jsonmib_table,
+                      const netsnmp_handler_registration* reginfo, int mode,
+                      const netsnmp_request_info* request, named_cell_t* cell)
+{
+    const netsnmp_variable_list* var = request->requestvb;
+    const size_t root_len = reginfo->rootoid_len;
+    if ((mode != MODE_GET && mode != MODE_GETNEXT) || request->processed != 0 ||
+        request->next != nullptr || request->parent_data != nullptr ||
+        (mode == MODE_GET && var->type != ASN_NULL) || var->name_length < root_len + INDEX_OFS ||
+        !std::equal(var->name, var->name + root_len, reginfo->rootoid)) {
+        return false;
+    }
+    const oid* behind = var->name + root_len;
+    *cell = {behind[1], behind + INDEX_OFS, var->name_length - root_len - INDEX_OFS};
+    return behind[0] == ENTRY && cell->column >= 1 && cell->column <= jsonmib_table->param_total;
+}
+
+/* The context of the row that was found; null when there is no memory (logged). */
+static void* show_row(jsonmib_table_info_t* jsonmib_table, netsnmp_iterator_info* iterator_info)
+{
+    static netsnmp_variable_list indexes[JSONMIB_INDEX_MAX + 1]; /* integers keep no memory */
+    for (size_t i = 0; i < jsonmib_table->index_used; i++) {
+        indexes[i].next_variable = i + 1 < jsonmib_table->index_used ? &indexes[i + 1] : nullptr;
+    }
+    jsonmib_table->seek.active = true;
+    jsonmib_table->seek.found = true;
+    void* loop_context = nullptr;
+    void* row = nullptr;
+    jsonmib_table_get_first_data_point(&loop_context, &row, indexes, iterator_info);
+    jsonmib_table->seek.active = false;
+    return row;
+}
+
+/*
+ * Hands the request to the handler behind the iterator, with what the table
+ * helper and the iterator would leave beside it.
+ */
+static int serve_row(netsnmp_mib_handler* iterator, netsnmp_handler_registration* reginfo,
+                     netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request, oid column,
+                     void* row)
+{
+    static char table_name[] = TABLE_HANDLER_NAME;
+    static char iterator_name[] = TABLE_ITERATOR_NAME;
+    netsnmp_table_request_info asked = {};
+    asked.colnum = static_cast<unsigned>(column);
+    netsnmp_data_list beside_row = {nullptr, iterator_name, row, nullptr};
+    netsnmp_data_list beside = {&beside_row, table_name, &asked, nullptr};
+    request->parent_data = &beside;
+    const int mode = reqinfo->mode;
+    reqinfo->mode = MODE_GET; /* as the iterator has it */
+    const int status = netsnmp_call_next_handler(iterator, reginfo, reqinfo, request);
+    reqinfo->mode = mode;
+    request->parent_data = nullptr;
+    return status;
+}
+
+/* Gives the variable, which names a column of the table, the name of the row that was found. */
+static void name_row(const netsnmp_handler_registration* reginfo,
+                     const jsonmib_table_info_t* jsonmib_table, netsnmp_variable_list* var)
+{
+    oid name[MAX_OID_LEN];
+    oid* end = std::copy_n(var->name, reginfo->rootoid_len + INDEX_OFS, name);
+    end = std::copy_n(jsonmib_table->seek.values, jsonmib_table->index_used, end);
+    snmp_set_var_objid(var, name, static_cast<size_t>(end - name));
+}
+
+/* ---- the only row to be shown ---- */
 
 int jsonmib_seek_helper_handler(netsnmp_mib_handler* handler, netsnmp_handler_registration* reginfo,
                                 netsnmp_agent_request_info* reqinfo, netsnmp_request_info* requests)
 {
     auto* jsonmib_table = static_cast<jsonmib_table_info_t*>(handler->myvoid);
-    int status = SNMP_ERR_NOERROR;
-    const aim_t aim = take_aim(jsonmib_table, reginfo, reqinfo->mode, requests);
-    jsonmib_table->seek.active = aim != aim_t::every_row;
-    if (aim != aim_t::row_of_column ||
-        serve_row(handler->next, reginfo, reqinfo, requests, &status) != 0) {
-        status = netsnmp_call_next_handler(handler, reginfo, reqinfo, requests);
-    }
+    aim(jsonmib_table, reginfo, reqinfo->mode, requests);
+    const int status = netsnmp_call_next_handler(handler, reginfo, reqinfo, requests);
     jsonmib_table->seek.active = false;
     return status;
 }
 
 /* In the other phases of a SET the iterator goes by the row that it found in the first. */
-static aim_t take_aim(jsonmib_table_info_t* jsonmib_table,
-                      const netsnmp_handler_registration* reginfo, int mode,
-                      netsnmp_request_info* request)
+static void aim(jsonmib_table_info_t* jsonmib_table, const netsnmp_handler_registration* reginfo,
+                int mode, netsnmp_request_info* request)
 {
     jsonmib_seek_t* seek = &jsonmib_table->seek;
     const bool exact = mode == MODE_GET || mode == MODE_SET_RESERVE1;
     if ((!exact && mode != MODE_GETNEXT) || request->processed != 0 || request->next != nullptr) {
-        return aim_t::every_row;
+        return;
     }
     const netsnmp_variable_list* var = request->requestvb;
     const size_t fixed = reginfo->rootoid_len + INDEX_OFS;
     const size_t len = var->name_length > fixed ? var->name_length - fixed : 0;
     const oid* suffix = var->name + std::min(fixed, var->name_length);
+    seek->active = true;
     if (exact) {
         seek->found = jsonmib_seek_exact(jsonmib_table, suffix, len, seek);
-        return seek->found && mode == MODE_GET ? aim_t::row_of_column : aim_t::one_row;
-    }
-    seek->found = jsonmib_seek_next(jsonmib_table, suffix, len, seek);
-    if (seek->found && names_column(reginfo, var)) {
-        return aim_t::row_of_column;
-    }
-    if (!seek->found) {
+    } else {
         /* Behind the last row comes the first one, of the next column. */
-        seek->found = jsonmib_seek_next(jsonmib_table, nullptr, 0, seek);
+        seek->found = jsonmib_seek_next(jsonmib_table, suffix, len, seek) ||
+                      jsonmib_seek_next(jsonmib_table, nullptr, 0, seek);
     }
-    return aim_t::one_row;
-}
-
-/* The table helper has seen to the column number itself; a name may end in front of it. */
-static bool names_column(const netsnmp_handler_registration* reginfo,
-                         const netsnmp_variable_list* var)
-{
-    return var->name_length >= reginfo->rootoid_len + INDEX_OFS;
-}
-
-/*
- * Answers from the row that the iteration callback shows, as the iterator
- * would, which copies a row several times on the way. -1: nothing was done.
- */
-static int serve_row(netsnmp_mib_handler* iterator, netsnmp_handler_registration* reginfo,
-                     netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request,
-                     int* status)
-{
-    auto* iterator_info = static_cast<netsnmp_iterator_info*>(iterator->myvoid);
-    const netsnmp_table_request_info* asked = netsnmp_extract_table_info(request);
-    void* loop_context = nullptr;
-    void* row = nullptr;
-    if (asked == nullptr || jsonmib_table_get_first_data_point(&loop_context, &row, asked->indexes,
-                                                               iterator_info) == nullptr) {
-        return -1;
-    }
-    netsnmp_data_list* node = netsnmp_create_data_list(TABLE_ITERATOR_NAME, row, nullptr);
-    if (node == nullptr) {
-        jsonmib_table_free_data_context(row, iterator_info);
-        return -1;
-    }
-    netsnmp_request_add_list_data(request, node);
-    const int mode = reqinfo->mode;
-    if (mode == MODE_GETNEXT) {
-        name_row(reginfo, iterator_info, request->requestvb);
-        reqinfo->mode = MODE_GET;
-    }
-    *status = netsnmp_call_next_handler(iterator, reginfo, reqinfo, request);
-    reqinfo->mode = mode;
-    netsnmp_request_remove_list_data(request, TABLE_ITERATOR_NAME);
-    jsonmib_table_free_data_context(row, iterator_info);
-    return 0;
-}
-
-/* Gives the variable, which names a column of the table, the name of the row that was found. */
-static void name_row(const netsnmp_handler_registration* reginfo,
-                     const netsnmp_iterator_info* iterator_info, netsnmp_variable_list* var)
-{
-    const auto* jsonmib_table = static_cast<const jsonmib_table_info_t*>(iterator_info->myvoid);
-    oid name[MAX_OID_LEN];
-    oid* end = std::copy_n(var->name, reginfo->rootoid_len + INDEX_OFS, name);
-    end = std::copy_n(jsonmib_table->seek.values, jsonmib_table->index_used, end);
-    snmp_set_var_objid(var, name, static_cast<size_t>(end - name));
 }
 
 /* ---- values of one index ---- */

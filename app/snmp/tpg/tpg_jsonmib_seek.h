@@ -9,13 +9,19 @@
 #include "tpg.h"
 #include "tpg_snmp.h"
 
+constexpr char JSONMIB_ROW_HANDLER_NAME[] = "tpg_row";
 constexpr char JSONMIB_SEEK_HANDLER_NAME[] = "tpg_seek";
 
 /*
- * Handler entry point, to stand between the library's table helper and its
- * iterator and to be given one request at a time; the handler's private
- * pointer is the table record.
+ * Handler entry points; both are given one request at a time, and the
+ * handlers' private pointer is the table record. The first, to stand in front
+ * of the library's table helper, serves GET and GETNEXT of a row that is in
+ * the column asked for, by the handler behind the iterator, past the helpers;
+ * all else it hands on. The second, to stand between the table helper and the
+ * iterator, has the iterator shown the row that answers, or none.
  */
+int jsonmib_row_helper_handler(netsnmp_mib_handler* handler, netsnmp_handler_registration* reginfo,
+                               netsnmp_agent_request_info* reqinfo, netsnmp_request_info* requests);
 int jsonmib_seek_helper_handler(netsnmp_mib_handler* handler, netsnmp_handler_registration* reginfo,
                                 netsnmp_agent_request_info* reqinfo,
                                 netsnmp_request_info* requests);

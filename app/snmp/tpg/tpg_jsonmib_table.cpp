@@ -19,7 +19,7 @@ static netsnmp_handler_registration* new_registration(const jsonmib_table_info_t
 static int inject_chain(tpg_context_t*, netsnmp_handler_registration*, netsnmp_mib_handler*,
                         netsnmp_iterator_info*);
 static bool inject(netsnmp_handler_registration*, netsnmp_mib_handler*);
-static netsnmp_mib_handler* new_seek_handler(void*);
+static netsnmp_mib_handler* new_row_handler(const char*, Netsnmp_Node_Handler*, void*);
 static void attach_table(netsnmp_mib_handler*, void*);
 static void* table_share(void*);
 
@@ -101,8 +101,12 @@ static int inject_chain(tpg_context_t* ctx, netsnmp_handler_registration* regist
         netsnmp_iterator_delete_table(iterator_info);
     }
     /* One request at a time: the iterator frees a row's context once per request of its list. */
-    if (!inject(registration, iterator) || !inject(registration, new_seek_handler(jsonmib_table)) ||
+    if (!inject(registration, iterator) ||
+        !inject(registration, new_row_handler(JSONMIB_SEEK_HANDLER_NAME,
+                                              jsonmib_seek_helper_handler, jsonmib_table)) ||
         !inject(registration, netsnmp_get_table_handler(table_info)) ||
+        !inject(registration, new_row_handler(JSONMIB_ROW_HANDLER_NAME, jsonmib_row_helper_handler,
+                                              jsonmib_table)) ||
         !inject(registration, netsnmp_get_serialize_handler())) {
         TPG_ERROR(ctx, "inject table helper failed");
         return -1;
@@ -110,14 +114,14 @@ static int inject_chain(tpg_context_t* ctx, netsnmp_handler_registration* regist
     return 0;
 }
 
-static netsnmp_mib_handler* new_seek_handler(void* jsonmib_table)
+static netsnmp_mib_handler* new_row_handler(const char* name, Netsnmp_Node_Handler* entry,
+                                            void* jsonmib_table)
 {
-    netsnmp_mib_handler* seek =
-        netsnmp_create_handler(JSONMIB_SEEK_HANDLER_NAME, jsonmib_seek_helper_handler);
-    if (seek != nullptr) {
-        attach_table(seek, table_share(jsonmib_table));
+    netsnmp_mib_handler* handler = netsnmp_create_handler(name, entry);
+    if (handler != nullptr) {
+        attach_table(handler, table_share(jsonmib_table));
     }
-    return seek;
+    return handler;
 }
 
 /* Gives the handler one share in the table record, which it lets go of when it is released. */
