@@ -12,6 +12,7 @@ measure() {
 	local SNMPCONFPATH=/tmp/conf MIBS='' BASE_BOARD=3100KX
 	export SNMPCONFPATH MIBS BASE_BOARD
 	mkdir /tmp/conf
+	echo 'agentxPingInterval 1' >/tmp/conf/card_agentx.conf
 	cp "$build"/bench/libbench-card-*.so /tmp
 	for slot in $(seq -w 15); do
 		mkdir "/mnt/flash0/cards/big_slot$slot" "/mnt/flash0/cards/small_slot$slot"
