@@ -70,7 +70,7 @@ static bool fault_sample()
 }
 
 // NOLINTBEGIN(bugprone-macro-parentheses): types and lists in parentheses
-#define FAULT_IF(condition, kind, name, type, failed, params, args)                                \
+#define FAULT_OR(instead, condition, kind, name, type, failed, params, args)                       \
     extern "C" __attribute__((weak)) type __real_##name params;                                    \
     extern "C" type __wrap_##name params;                                                          \
     extern "C" type __wrap_##name params                                                           \
@@ -78,10 +78,20 @@ static bool fault_sample()
         if ((condition) && fault_strikes(fault_kind::kind, #name, fault_subject args)) {           \
             return failed;                                                                         \
         }                                                                                          \
+        instead;                                                                                   \
         return __real_##name args;                                                                 \
     }
 // NOLINTEND(bugprone-macro-parentheses)
-#define FAULT(...)         FAULT_IF(true, __VA_ARGS__)
+#define FAULT_IF(...) FAULT_OR(, __VA_ARGS__)
+#define FAULT(...)    FAULT_IF(true, __VA_ARGS__)
+/* Nothing has come yet when the agent looks without waiting, so that it goes on to wait. */
+#define FAULT_UNREADY(...)                                                                         \
+    FAULT_OR(                                                                                      \
+        if (fault_state.agent && (flags & MSG_DONTWAIT) != 0) {                                    \
+            errno = EAGAIN;                                                                        \
+            return -1;                                                                             \
+        },                                                                                         \
+        true, __VA_ARGS__)
 #define FAULT_IN_LOOP(...) FAULT_IF(fault_sample(), __VA_ARGS__)
 /* A value that fits the variable takes no memory. */
 #define FAULT_LARGE(...) FAULT_IF(size > sizeof(netsnmp_variable_list::buf), __VA_ARGS__)
