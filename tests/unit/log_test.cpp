@@ -104,7 +104,7 @@ TEST(log, budget_of_a_connection)
         log_of(emit_many);
     }
     EXPECT_EQ(syslog_total, 200);
-    EXPECT_EQ(budget.dropped, 13U); /* 10 details for the sake of the others, and 3 */
+    EXPECT_EQ(budget.dropped, 13U); /* 10 warnings for the sake of the others, and 3 */
     tpg_log_charge(ctx.get(), nullptr);
     EXPECT_EQ(log_of(emit), "Error line\n");
     tpg_log_charge(ctx.get(), &budget);

@@ -184,16 +184,11 @@ static int ipc_wait_readable(tpg_context_t* ctx, uint32_t slot_no)
 static ssize_t ipc_recv_first(tpg_context_t* ctx, uint32_t slot_no, void* buf, uint32_t length)
 {
     const int fd = ipc_info(ctx, slot_no)->fd;
-    if (length > 0) {
-        const ssize_t n = recv(fd, buf, length, MSG_DONTWAIT);
-        if (n >= 0 || errno != EAGAIN) {
-            return n;
-        }
+    const ssize_t n = recv(fd, buf, length, MSG_DONTWAIT);
+    if (n >= 0 || errno != EAGAIN) {
+        return n;
     }
-    if (ipc_wait_readable(ctx, slot_no) != 0) {
-        return IPC_NOTHING_CAME;
-    }
-    return length > 0 ? recv(fd, buf, length, 0) : 0;
+    return ipc_wait_readable(ctx, slot_no) == 0 ? recv(fd, buf, length, 0) : IPC_NOTHING_CAME;
 }
 
 int jsonmib_ipc_recv(tpg_context_t* ctx, uint32_t slot_no, void* buf, uint32_t length)
@@ -201,14 +196,18 @@ int jsonmib_ipc_recv(tpg_context_t* ctx, uint32_t slot_no, void* buf, uint32_t l
     if (ipc_ready(ctx, slot_no) != 0) {
         return -1;
     }
+    if (length == 0) {
+        return ipc_wait_readable(ctx, slot_no);
+    }
     jsonmib_ipc_info_t* info = ipc_info(ctx, slot_no);
     char* bytes = static_cast<char*>(buf);
-    ssize_t n = ipc_recv_first(ctx, slot_no, buf, length);
-    if (n == IPC_NOTHING_CAME) {
-        return -1;
-    }
     uint32_t received = 0;
     while (received < length) {
+        const ssize_t n = received == 0 ? ipc_recv_first(ctx, slot_no, bytes, length)
+                                        : recv(info->fd, bytes + received, length - received, 0);
+        if (n == IPC_NOTHING_CAME) {
+            return -1;
+        }
         if (n <= 0) {
             errno = n == 0 ? ECONNRESET : errno; /* the daemon has closed its end */
             TPG_ERROR(ctx,
@@ -218,7 +217,6 @@ int jsonmib_ipc_recv(tpg_context_t* ctx, uint32_t slot_no, void* buf, uint32_t l
             return -1;
         }
         received += static_cast<uint32_t>(n);
-        n = received < length ? recv(info->fd, bytes + received, length - received, 0) : 0;
     }
     return 0;
 }

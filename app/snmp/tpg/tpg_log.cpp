@@ -123,8 +123,8 @@ static bool tpg_log_within_budget(tpg_context_t* ctx, tpg_log_level level)
         budget->second = now;
         tpg_log_settle(ctx, budget);
     }
-    const bool detail = level == tpg_log_level::warn || level == tpg_log_level::debug;
-    if (budget->lines >= (detail ? TPG_LOG_BUDGET_DETAILS : TPG_LOG_BUDGET_LINES)) {
+    const bool warning = level == tpg_log_level::warn;
+    if (budget->lines >= (warning ? TPG_LOG_BUDGET_WARNINGS : TPG_LOG_BUDGET_LINES)) {
         budget->dropped++;
         return false;
     }

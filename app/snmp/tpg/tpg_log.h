@@ -24,8 +24,8 @@ constexpr uint8_t TPG_LOG_LEVEL_DEBUG = 7;
 
 /* Lines a second about one connection; the rest are counted and summed up. */
 constexpr uint32_t TPG_LOG_BUDGET_LINES = 200;
-/* Warn and Debug lines, of which one document may bring hundreds, leave room for its outcome. */
-constexpr uint32_t TPG_LOG_BUDGET_DETAILS = 150;
+/* Warnings, of which one document may bring hundreds, leave room for its outcome. */
+constexpr uint32_t TPG_LOG_BUDGET_WARNINGS = 150;
 
 /* The part of a source path behind its last slash. */
 constexpr const char* tpg_log_basename(const char* path)
