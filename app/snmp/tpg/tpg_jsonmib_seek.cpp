@@ -13,9 +13,10 @@ struct named_cell_t {
 
 static bool name_cell(const jsonmib_table_info_t*, const netsnmp_handler_registration*, int,
                       const netsnmp_request_info*, named_cell_t*);
-static void* show_row(jsonmib_table_info_t*, netsnmp_iterator_info*);
+static netsnmp_table_request_info row_context(const jsonmib_table_info_t*);
 static int serve_row(netsnmp_mib_handler*, netsnmp_handler_registration*,
-                     netsnmp_agent_request_info*, netsnmp_request_info*, oid, void*);
+                     netsnmp_agent_request_info*, netsnmp_request_info*, oid,
+                     netsnmp_table_request_info*);
 static void name_row(const netsnmp_handler_registration*, const jsonmib_table_info_t*,
                      netsnmp_variable_list*);
 static void aim(jsonmib_table_info_t*, const netsnmp_handler_registration*, int,
@@ -48,29 +49,26 @@ int jsonmib_row_helper_handler(netsnmp_mib_handler* handler, netsnmp_handler_reg
     while (above->access_method != jsonmib_seek_helper_handler) {
         above = above->next;
     }
-    netsnmp_mib_handler* iterator = above->next;
-    auto* iterator_info = static_cast<netsnmp_iterator_info*>(iterator->myvoid);
-    void* row = show_row(jsonmib_table, iterator_info);
-    if (row == nullptr) {
-        return netsnmp_call_next_handler(handler, reginfo, reqinfo, requests);
-    }
     if (reqinfo->mode == MODE_GETNEXT) {
         name_row(reginfo, jsonmib_table, requests->requestvb);
     }
-    const int status = serve_row(iterator, reginfo, reqinfo, requests, cell.column, row);
-    jsonmib_table_free_data_context(row, iterator_info);
-    return status;
+    netsnmp_table_request_info row = row_context(jsonmib_table);
+    return serve_row(above->next, reginfo, reqinfo, requests, cell.column, &row);
 }
 
-/* True when one GET or GETNEXT begins with the name of a column of the table. */
+/*
+ * True when one GET or GETNEXT begins with the name of a column of the table.
+ * Whoever reads debug texts shall read those of the table helper, the iterator
+ * and its callbacks too: everything goes their way then.
+ */
 static bool name_cell(const jsonmib_table_info_t* jsonmib_table,
                       const netsnmp_handler_registration* reginfo, int mode,
                       const netsnmp_request_info* request, named_cell_t* cell)
 {
     const netsnmp_variable_list* var = request->requestvb;
     const size_t root_len = reginfo->rootoid_len;
-    if ((mode != MODE_GET && mode != MODE_GETNEXT) || request->processed != 0 ||
-        request->next != nullptr || request->parent_data != nullptr ||
+    if (snmp_get_do_debugging() != 0 || (mode != MODE_GET && mode != MODE_GETNEXT) ||
+        request->processed != 0 || request->next != nullptr || request->parent_data != nullptr ||
         (mode == MODE_GET && var->type != ASN_NULL) || var->name_length < root_len + INDEX_OFS ||
         !std::equal(var->name, var->name + root_len, reginfo->rootoid)) {
         return false;
@@ -80,19 +78,18 @@ static bool name_cell(const jsonmib_table_info_t* jsonmib_table,
     return behind[0] == ENTRY && cell->column >= 1 && cell->column <= jsonmib_table->param_total;
 }
 
-/* The context of the row that was found; null when there is no memory (logged). */
-static void* show_row(jsonmib_table_info_t* jsonmib_table, netsnmp_iterator_info* iterator_info)
+/* The row that was found, as the iterator's callbacks would hand it out, but without memory. */
+static netsnmp_table_request_info row_context(const jsonmib_table_info_t* jsonmib_table)
 {
-    static netsnmp_variable_list indexes[JSONMIB_INDEX_MAX + 1]; /* integers keep no memory */
-    for (size_t i = 0; i < jsonmib_table->index_used; i++) {
-        indexes[i].next_variable = i + 1 < jsonmib_table->index_used ? &indexes[i + 1] : nullptr;
+    static netsnmp_variable_list indexes[JSONMIB_INDEX_MAX + 1]; /* an integer needs no memory */
+    netsnmp_table_request_info row = {};
+    for (size_t i = jsonmib_table->index_used; i-- > 0;) {
+        const long value = static_cast<long>(jsonmib_table->seek.values[i]);
+        snmp_set_var_typed_value(&indexes[i], ASN_INTEGER, &value, sizeof(value));
+        indexes[i].next_variable = row.indexes;
+        row.indexes = &indexes[i];
     }
-    jsonmib_table->seek.active = true;
-    jsonmib_table->seek.found = true;
-    void* loop_context = nullptr;
-    void* row = nullptr;
-    jsonmib_table_get_first_data_point(&loop_context, &row, indexes, iterator_info);
-    jsonmib_table->seek.active = false;
+    row.number_indexes = jsonmib_table->index_used;
     return row;
 }
 
@@ -102,7 +99,7 @@ static void* show_row(jsonmib_table_info_t* jsonmib_table, netsnmp_iterator_info
  */
 static int serve_row(netsnmp_mib_handler* iterator, netsnmp_handler_registration* reginfo,
                      netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request, oid column,
-                     void* row)
+                     netsnmp_table_request_info* row)
 {
     static char table_name[] = TABLE_HANDLER_NAME;
     static char iterator_name[] = TABLE_ITERATOR_NAME;

@@ -39,6 +39,8 @@ static void add_signal(tpg_context_t*, int);
 static void run_loop(tpg_context_t*);
 
 constexpr char AGENT_NAME[] = "card_agentx";
+/* A cache of where OIDs are registered: a master has it by itself, a sub-agent searches all. */
+constexpr int LOOKUP_CACHE_DEFAULT = -1;
 constexpr char MASTER_SOCKET[] = "127.0.0.1:705";
 
 /* The boards, and where each one's fixed MIB stands. */
@@ -163,6 +165,7 @@ static int attach_to_master(tpg_context_t* ctx)
         return -1;
     }
     init_snmp(AGENT_NAME);
+    netsnmp_set_lookup_cache_size(LOOKUP_CACHE_DEFAULT);
     return 0;
 }
 
