@@ -327,6 +327,15 @@ static void unplug(int card)
     close(card);
 }
 
+/* A manager that watches the chassis: TCP delays acknowledgements on a connection in use. */
+static void keep_busy(void* session)
+{
+    constexpr oid LED[] = {1, 3, 6, 1, 4, 1, 32473, 10, 232, 4, 7, 1, 1, 1};
+    for (int i = 0; i < 20; i++) {
+        snmp_free_pdu(ask(session, SNMP_MSG_GET, LED, std::size(LED)));
+    }
+}
+
 /* Beside it, the tools by themselves that find the document in the card's library. */
 static void measure_registration(void* session, int rounds)
 {
@@ -338,6 +347,7 @@ static void measure_registration(void* session, int rounds)
     static constexpr char HEAD[] = "objdump -h /tmp/libbench-card-small.so > /tmp/head";
     constexpr int TOMBSTONE_MS = 2500;
     for (int round = 0; round < 2 * rounds; round++) {
+        keep_busy(session);
         double start = now_us();
         const int card = plug(session, 1, "small", 0);
         row("register to answer, ms")->samples[BENCH_TPG].push_back((now_us() - start) / 1000);
@@ -394,7 +404,24 @@ static int measure_burst(const std::string& name, int sink, const std::vector<in
     return lost;
 }
 
-static void measure_traps(const std::vector<int>& cards, int rounds)
+/* What a manager does that got a trap: it asks. */
+static void measure_get_behind_trap(void* session, int sink, int card)
+{
+    oid name[BENCH_OID_MAX];
+    size_t len = bench_table_oid(BENCH_TPG, 1, name);
+    len += bench_suffix(&BENCH_TABLES[1], 0, name + len);
+    samples_t times;
+    for (int i = 0; i < 20; i++) {
+        notify(card, 5);
+        (void)trap_came(sink);
+        const double start = now_us();
+        snmp_free_pdu(ask(session, SNMP_MSG_GET, name, len));
+        times.push_back(now_us() - start);
+    }
+    row("GET behind a trap p50, us")->samples[BENCH_TPG].push_back(percentile(times, 0.5));
+}
+
+static void measure_traps(void* session, const std::vector<int>& cards, int rounds)
 {
     constexpr int SINGLE = 300;
     sockaddr_in addr = {};
@@ -414,6 +441,7 @@ static void measure_traps(const std::vector<int>& cards, int rounds)
         }
         row("notify to trap p50, us")->samples[BENCH_TPG].push_back(percentile(times, 0.5));
         row("notify to trap p99, us")->samples[BENCH_TPG].push_back(percentile(times, 0.99));
+        measure_get_behind_trap(session, sink, cards[4]);
         lost += measure_burst("traps per second, 15 cards", sink, cards, 2000);
         lost += measure_burst("traps per second, 1 card", sink, {cards[0]}, 300);
         if (lost != 0) {
@@ -528,7 +556,7 @@ int main(int argc, char** argv)
     measure_table(session, 1, rounds);
     measure_table(session, 2, (rounds + 1) / 2);
     measure_table(session, 3, (rounds + 1) / 2);
-    measure_traps(cards, rounds);
+    measure_traps(session, cards, rounds);
     for (int subject = 1; subject <= SUBJECTS; subject++) {
         row("resident memory, MB")->samples[subject].push_back(resident_mb(pids[subject]));
     }

@@ -4,6 +4,7 @@
 #include "fault_calls.h"
 #include "tpg_jsonmib_ctrl.h"
 #include "tpg_main.h"
+#include "tpg_main_levent.h"
 #include "tpg_main_server.h"
 #include "tpg_main_trap.h"
 #include "uevgend_msg_i.h"
@@ -222,7 +223,9 @@ static std::string live(tpg_context_t* ctx)
         wrong += good ? "" : std::string(" ") + what;
     };
     ctx->levent_base = event_base_new();
+    ctx->lev_snmp_timeout = event_new(ctx->levent_base, -1, 0, levent_snmp_timeout, ctx);
     list_init(&ctx->ipc_clnt_list);
+    list_init(&ctx->lev_snmp_fd_list);
     as_agent([&] { tpg_create_svr_listener(ctx); });
     const int fd = unix_socket(TPG_SVR_PATH);
     check(update(ctx, fd, TPG_MSG_LIBMIB_REGISTER) && registered(), "register");
@@ -236,6 +239,8 @@ static std::string live(tpg_context_t* ctx)
     check(turn(ctx, [&] { return ctx->ipc_clnt_total == 0 && !registered(); }), "close");
     as_agent([&] { tpg_free_svr_listener(ctx); });
     tpg_free_clients(ctx);
+    levent_snmp_free_list(ctx);
+    event_free(ctx->lev_snmp_timeout);
     event_base_free(ctx->levent_base);
     return wrong;
 }

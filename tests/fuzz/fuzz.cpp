@@ -4,6 +4,7 @@
 #include "tpg_jsonmib_ctrl.h"
 #include "tpg_jsonmib_tomb.h"
 #include "tpg_log.h"
+#include "tpg_main_levent.h"
 #include "tpg_main_server.h"
 
 #include <algorithm>
@@ -42,6 +43,9 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
     FUZZ_REQUIRE(init_agent("fuzz") == 0);
     init_snmp("fuzz");
     ctx_local.levent_base = event_base_new();
+    ctx_local.lev_snmp_timeout =
+        event_new(ctx_local.levent_base, -1, 0, levent_snmp_timeout, &ctx_local);
+    FUZZ_REQUIRE(ctx_local.lev_snmp_timeout != nullptr);
     return 0;
 }
 
@@ -53,8 +57,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     tpg_context_t* ctx = &ctx_local;
     event_base* const base = ctx->levent_base;
+    event* const timeout = ctx->lev_snmp_timeout;
     *ctx = {};
     ctx->levent_base = base;
+    ctx->lev_snmp_timeout = timeout;
     ctx->mib_kx_node_oid = 232;
     list_init(&ctx->ipc_clnt_list);
     list_init(&ctx->lev_snmp_fd_list);
@@ -65,6 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     snmp_set_do_debugging(flags >> 5U == 7 ? 1 : 0);
     fuzz_one(ctx, {reinterpret_cast<const char*>(data), size});
     tpg_free_clients(ctx);
+    levent_snmp_free_list(ctx);
     jsonmib_release(ctx, &ctx->jsonmib_reg_info_cardmib);
     for (uint32_t slot = 1; slot <= TPG_SLOT_MAX; slot++) {
         jsonmib_release(ctx, &ctx->jsonmib_reg_info[slot - 1]);

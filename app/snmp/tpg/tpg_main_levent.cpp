@@ -10,6 +10,7 @@
 #include <cstring>
 #include <event2/event.h>
 #include <event2/util.h>
+#include <netinet/tcp.h>
 #include <sys/select.h>
 #include <sys/stat.h>
 
@@ -20,6 +21,8 @@ static bool is_pipe(tpg_context_t*, int);
 static void arm_timer(tpg_context_t*, int, const timeval*);
 static void read_session(int);
 static int next_pipe(const tpg_context_t*, int);
+static void send_at_once(int);
+static void acknowledge(tpg_context_t*);
 static int session_started(int, int, void*, void*);
 
 void levent_snmp_update(tpg_context_t* ctx)
@@ -104,6 +107,9 @@ static void watch(tpg_context_t* ctx, int fd)
     }
     entry->pipe = is_pipe(ctx, fd);
     evutil_make_socket_nonblocking(fd);
+    if (!entry->pipe) {
+        send_at_once(fd);
+    }
     entry->ev = event_new(ctx->levent_base, fd, EV_READ | EV_PERSIST, levent_snmp_read, ctx);
     if (entry->ev == nullptr) {
         TPG_ERROR(ctx, "unable to allocate a new SNMP event for FD %d", fd);
@@ -151,6 +157,33 @@ static int next_pipe(const tpg_context_t* ctx, int fd)
 }
 
 /*
+ * A registration or trap behind an answer would otherwise wait, up to 40 ms,
+ * until the master's side has acknowledged the answer. Only TCP needs it.
+ */
+static void send_at_once(int fd)
+{
+    const int on = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+}
+
+/*
+ * The same the other way: tells the master's side at once that its last message
+ * has come. Where no answer of the agent's does, its next request would wait:
+ * the first to a new card, or the one that follows a trap.
+ */
+static void acknowledge(tpg_context_t* ctx)
+{
+    const list_head* end = &ctx->lev_snmp_fd_list;
+    for (list_head* node = end->next; node != end; node = node->next) {
+        const tpg_lev_snmpfd_t* entry = list_entry(node, tpg_lev_snmpfd_t, ev_node);
+        const int on = 1;
+        if (!entry->pipe) {
+            setsockopt(event_get_fd(entry->ev), IPPROTO_TCP, TCP_QUICKACK, &on, sizeof(on));
+        }
+    }
+}
+
+/*
  * The library hands a request from its AgentX session to its agent, and the
  * answer back, through two pipes. Reading them at once, in that order (that of
  * their making), saves two turns of the event loop a request; an empty one is
@@ -161,11 +194,15 @@ void levent_snmp_read(int fd, short what, void* arg)
     (void)what;
     auto* ctx = static_cast<tpg_context_t*>(arg);
     TPG_TRACE(ctx, "snmpread", "%s(): enter", __func__);
+    const u_int answers = snmp_get_statistic(STAT_SNMPOUTPKTS);
     read_session(fd);
     for (int pipe = next_pipe(ctx, -1); pipe != -1; pipe = next_pipe(ctx, pipe)) {
         if (pipe != fd) {
             read_session(pipe);
         }
+    }
+    if (snmp_get_statistic(STAT_SNMPOUTPKTS) == answers) {
+        acknowledge(ctx); /* what has come was no request */
     }
     levent_snmp_update(ctx);
     TPG_TRACE(ctx, "snmpread", "%s(): exit", __func__);
@@ -179,8 +216,14 @@ void levent_snmp_timeout(int fd, short what, void* arg)
     TPG_TRACE(ctx, "snmptimeout", "%s(): enter", __func__);
     snmp_timeout();
     run_alarms();
-    levent_snmp_update(ctx);
+    levent_snmp_settle(ctx);
     TPG_TRACE(ctx, "snmptimeout", "%s(): exit", __func__);
+}
+
+void levent_snmp_settle(tpg_context_t* ctx)
+{
+    acknowledge(ctx);
+    levent_snmp_update(ctx);
 }
 
 /*

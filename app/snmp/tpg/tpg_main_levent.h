@@ -8,6 +8,13 @@
 /* Brings the watched descriptors and the SNMP timer into line with what the library wants. */
 void levent_snmp_update(tpg_context_t* ctx);
 
+/*
+ * To be called after work that has talked to the master, or has set the SNMP
+ * library an alarm, outside of the callbacks below: the update, and the
+ * master's last answer acknowledged, so that its next request need not wait.
+ */
+void levent_snmp_settle(tpg_context_t* ctx);
+
 /* Event callbacks of a descriptor and of the timer; arg is the context. */
 void levent_snmp_read(int fd, short what, void* arg);
 void levent_snmp_timeout(int fd, short what, void* arg);

@@ -2,6 +2,7 @@
 
 #include "tpg_jsonmib_ctrl.h"
 #include "tpg_log.h"
+#include "tpg_main_levent.h"
 #include "tpg_main_registry.h"
 #include "tpg_main_trap.h"
 
@@ -214,6 +215,7 @@ static void withdraw_slot(tpg_context_t* ctx, uint32_t slot)
     }
     tpg_proc_libmib_unregister(ctx, &ctx->jsonmib_reg_info[slot - 1].libmib_reginfo);
     jsonmib_ipc_disconnect(ctx, slot);
+    levent_snmp_settle(ctx);
 }
 
 void tpg_svr_conn_eventcb(bufferevent* bev, short events, void* arg)
@@ -414,6 +416,7 @@ static void dispatch_libmib_update(tpg_context_t* ctx, tpg_ipc_clnt_t* client,
     }
     memcpy(&message, ctx->read_proc.buf, sizeof(message));
     tpg_msg_libmib_update(ctx, &message, client);
+    levent_snmp_settle(ctx);
 }
 
 /* Only what the client sent in this message is handed on. */
