@@ -295,10 +295,8 @@ static int connect_card()
 }
 
 /*
- * Registers a card and waits until its first cell is answered. A request must
- * not meet a registration: the library loses it, and the master in the end the
- * sub-agent. So the agent is asked for an acknowledgement of something that
- * does nothing first.
+ * Registers a card and waits until its first cell is answered. The agent acknowledges a message
+ * before it acts on it; so the acknowledgement of another one, that does nothing, is awaited too.
  */
 static int plug(void* session, uint32_t slot, const char* product, size_t table)
 {
