@@ -40,7 +40,9 @@ TEST_F(World, OptionsSwitchTracesOn)
     EXPECT_EQ(log_count(w, "Registering net-snmp debug tokens jsonmib"), 1);
     EXPECT_EQ(log_count(w, "|Debug"), 0);
     expect_cells(FAM, ONE + "3=3");
-    const std::string own = read_file("/tmp/run/own"); /* all the way that a request goes */
+    const auto before = fs::file_size("/tmp/run/own");
+    EXPECT_EQ(get(FAM + "." + ONE + "3"), "INTEGER: 3");
+    const std::string own = read_file("/tmp/run/own").substr(before); /* the request's whole way */
     EXPECT_LT(own.find(">>>Entering jsonmib_table_get_first_data_point"),
               own.find(">>>Entering jsonmib_gen_table_helper_handler"));
     EXPECT_EQ(read_file("/tmp/run/tpg.out"),
