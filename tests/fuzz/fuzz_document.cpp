@@ -97,7 +97,8 @@ static json_object* new_value(json_object* other, unsigned random)
 /* Takes a value away, puts another one in its place, or makes many of it. */
 static void change(const place_t& place, json_object* other, unsigned random)
 {
-    const bool in_object = place.key != "", remove = random % 4 == 0;
+    const bool in_object = json_object_is_type(place.parent, json_type_object);
+    const bool remove = random % 4 == 0;
     if (in_object && remove) {
         json_object_object_del(place.parent, place.key.c_str());
     } else if (in_object) {
