@@ -15,6 +15,10 @@ static void rename(netsnmp_handler_registration*, netsnmp_handler_registration*)
 static void replace_chain(netsnmp_handler_registration*, netsnmp_mib_handler*);
 static netsnmp_subtree* tree_of(const netsnmp_handler_registration*);
 static bool stands_alone(const netsnmp_handler_registration*);
+static void unregister(netsnmp_handler_registration*);
+static void join_roots(const oid*, const oid*, size_t);
+static bool is_root(const netsnmp_subtree*);
+static void absorb_next(netsnmp_subtree*);
 static void start_quiet_time(tpg_context_t*);
 static void sweep_alarm(unsigned int, void*);
 static uint32_t requests_served();
@@ -22,6 +26,7 @@ static int answer_nothing(netsnmp_mib_handler*, netsnmp_handler_registration*,
                           netsnmp_agent_request_info*, netsnmp_request_info*);
 
 constexpr char HANDLER_NAME[] = "tombstone";
+constexpr size_t ROOT_LEN = 1; /* the roots of all OIDs are registered by the library itself */
 
 /* ---- tables come ---- */
 
@@ -74,14 +79,14 @@ void jsonmib_tomb_withdraw(tpg_context_t* ctx, netsnmp_handler_registration* reg
 {
     jsonmib_tombs_t* tombs = &ctx->jsonmib_tombs;
     if (!stands_alone(registration)) {
-        netsnmp_unregister_handler(registration);
+        unregister(registration);
         return;
     }
     netsnmp_mib_handler* handler = netsnmp_create_handler(HANDLER_NAME, answer_nothing);
     if (handler == nullptr) {
         TPG_WARN(ctx, "no memory for a tombstone, table %s goes at once",
                  registration->handlerName);
-        netsnmp_unregister_handler(registration);
+        unregister(registration);
         return;
     }
     replace_chain(registration, handler);
@@ -98,7 +103,6 @@ void jsonmib_tomb_withdraw(tpg_context_t* ctx, netsnmp_handler_registration* reg
  */
 static bool stands_alone(const netsnmp_handler_registration* registration)
 {
-    constexpr size_t ROOT_LEN = 1; /* the roots are registered by the library itself */
     const size_t len = registration->rootoid_len;
     const netsnmp_subtree* tree = tree_of(registration);
     return tree != nullptr && tree->reginfo == registration && tree->end_len == len &&
@@ -120,6 +124,72 @@ static void replace_chain(netsnmp_handler_registration* registration, netsnmp_mi
     chain->prev = front;
 }
 
+/* ---- out of the library ---- */
+
+/*
+ * A table cuts the root that it lies in into pieces, which the library leaves so
+ * when the table goes: without the joining each new OID would leave two of them
+ * for ever, and every search would be longer.
+ */
+static void unregister(netsnmp_handler_registration* registration)
+{
+    oid start[MAX_OID_LEN];
+    oid end[MAX_OID_LEN];
+    const size_t len = registration->rootoid_len;
+    std::copy_n(registration->rootoid, len, start);
+    std::copy_n(registration->rootoid, len, end);
+    end[len - 1]++;
+    netsnmp_unregister_handler(registration); /* has emptied the cache of searches */
+    const int cache = netsnmp_get_lookup_cache_size();
+    netsnmp_set_lookup_cache_size(0);
+    join_roots(start, end, len);
+    netsnmp_set_lookup_cache_size(cache);
+}
+
+/* Joins the pieces of a root that meet at start or end, or between them. */
+static void join_roots(const oid* start, const oid* end, size_t len)
+{
+    netsnmp_subtree* tree = netsnmp_subtree_find_prev(start, len, nullptr, nullptr);
+    if (tree != nullptr && tree->prev != nullptr) {
+        tree = tree->prev;
+    }
+    while (tree != nullptr && tree->next != nullptr &&
+           snmp_oid_compare(tree->next->start_a, tree->next->start_len, end, len) <= 0) {
+        if (is_root(tree) && is_root(tree->next) && tree->name_a[0] == tree->next->name_a[0]) {
+            absorb_next(tree);
+        } else {
+            tree = tree->next;
+        }
+    }
+}
+
+/* True for a piece of a root on which nothing else is registered. */
+static bool is_root(const netsnmp_subtree* tree)
+{
+    return tree->namelen == ROOT_LEN && tree->children == nullptr &&
+           tree->reginfo->handler->access_method == netsnmp_null_handler;
+}
+
+/* Each tree knows how far its OID is the same as that of the one before, which changes. */
+static void absorb_next(netsnmp_subtree* tree)
+{
+    netsnmp_subtree* piece = tree->next;
+    std::swap(tree->end_a, piece->end_a);
+    std::swap(tree->end_len, piece->end_len);
+    tree->next = piece->next;
+    for (netsnmp_subtree* next = tree->next; next != nullptr; next = next->children) {
+        next->prev = tree;
+        netsnmp_oid_compare_ll(tree->start_a, tree->start_len, next->start_a, next->start_len,
+                               &next->oid_off);
+    }
+    netsnmp_handler_registration_free(piece->reginfo);
+    free(piece->name_a);
+    free(piece->start_a);
+    free(piece->end_a);
+    free(piece->label_a);
+    free(piece);
+}
+
 /* ---- tombstones ---- */
 
 static netsnmp_handler_registration* take(jsonmib_tombs_t* tombs, uint32_t i)
@@ -133,7 +203,7 @@ static netsnmp_handler_registration* take(jsonmib_tombs_t* tombs, uint32_t i)
 
 static void bury(jsonmib_tombs_t* tombs, uint32_t i)
 {
-    netsnmp_unregister_handler(take(tombs, i));
+    unregister(take(tombs, i));
 }
 
 /*
