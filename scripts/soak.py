@@ -37,8 +37,9 @@ EXPLAINED = {
     "a daemon closed the connection": r"(recv from|send to) slot_no \d+ failed\. ",
     "the request that met it": r"jsonmib_ipc_(send|recv) failed$",
     "a card was pulled": r"got event 0x11$",
-    "a card was pulled while its message was unread":
-        r"got event 0x21$|Got an error on the connection: Connection reset by peer$",
+    "a card was pulled while a message of it, or to it, was on its way":
+        r"got event 0x2[12]$"
+        r"|Got an error on the connection: (Connection reset by peer|Broken pipe)$",
     "what became of such a request": r"jsonmib_ctrl_(get|set) failed, instance \d+, var_id \d+, "
                                      r"|\s+hexval: [0-9a-f ]+$",
     "a switched-off trap was raised": r"xxxSendTrap\[0x[0-9a-f]+\] was disabled$",
