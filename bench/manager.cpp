@@ -77,8 +77,7 @@ static netsnmp_pdu* ask(void* session, int type, const oid* name, size_t len, lo
 static bool is_cell(const netsnmp_variable_list* var, int subject, size_t table, uint32_t cell)
 {
     oid name[BENCH_OID_MAX];
-    size_t len = bench_table_oid(subject, table, name);
-    len += bench_suffix(&BENCH_TABLES[table], cell, name + len);
+    const size_t len = bench_cell_oid(subject, table, cell, name);
     const bench_var_t what = bench_var(&BENCH_TABLES[table], cell);
     return var->type == ASN_INTEGER && *var->val.integer == bench_value(what.var_id, what.index) &&
            snmp_oid_compare(var->name, var->name_length, name, len) == 0;
@@ -185,8 +184,7 @@ static void measure_single(const std::string& name, void* session, int subject, 
     for (int i = 0; i < times && now_us() < end; i++) {
         const auto cell = static_cast<uint32_t>(random() % (cells - 1));
         oid asked[BENCH_OID_MAX];
-        size_t len = bench_table_oid(subject, table, asked);
-        len += bench_suffix(&BENCH_TABLES[table], cell, asked + len);
+        const size_t len = bench_cell_oid(subject, table, cell, asked);
         const double start = now_us();
         netsnmp_pdu* answer = ask(session, type, asked, len);
         times_us.push_back(now_us() - start);
@@ -305,8 +303,7 @@ static int plug(void* session, uint32_t slot, const char* product, size_t table)
     send_update(card, TPG_MSG_LIBMIB_REGISTER, slot, product);
     send_update(idle, TPG_MSG_LIBMIB_UNREGISTER, UINT8_MAX, "none");
     oid name[BENCH_OID_MAX];
-    size_t len = bench_table_oid(BENCH_TPG, table, name);
-    len += bench_suffix(&BENCH_TABLES[table], slot - 1, name + len);
+    const size_t len = bench_cell_oid(BENCH_TPG, table, slot - 1, name);
     netsnmp_pdu* answer = ask(session, SNMP_MSG_GET, name, len);
     if (answer == nullptr || !is_cell(answer->variables, BENCH_TPG, table, slot - 1)) {
         fprintf(stderr, "bench-manager: no answer of the card in slot %u\n", slot);
@@ -406,8 +403,7 @@ static int measure_burst(const std::string& name, int sink, const std::vector<in
 static void measure_get_behind_trap(void* session, int sink, int card)
 {
     oid name[BENCH_OID_MAX];
-    size_t len = bench_table_oid(BENCH_TPG, 1, name);
-    len += bench_suffix(&BENCH_TABLES[1], 0, name + len);
+    const size_t len = bench_cell_oid(BENCH_TPG, 1, 0, name);
     samples_t times;
     for (int i = 0; i < 20; i++) {
         notify(card, 5);

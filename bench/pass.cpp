@@ -54,8 +54,7 @@ static void answer(bool next)
             if (exchange_get(&var, &value) != 0) {
                 break;
             }
-            len = bench_table_oid(BENCH_PASS, number - 1, name);
-            len += bench_suffix(table, cell, name + len);
+            len = bench_cell_oid(BENCH_PASS, number - 1, cell, name);
             for (size_t i = 0; i < len; i++) {
                 printf(".%lu", name[i]);
             }

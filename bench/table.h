@@ -103,6 +103,13 @@ inline size_t bench_table_oid(int subject, size_t table, bench_oid* name)
     return static_cast<size_t>(end - name);
 }
 
+/* The cell's OID, to a name of BENCH_OID_MAX; returns its length. */
+inline size_t bench_cell_oid(int subject, size_t table, uint32_t cell, bench_oid* name)
+{
+    const size_t len = bench_table_oid(subject, table, name);
+    return len + bench_suffix(&BENCH_TABLES[table], cell, name + len);
+}
+
 inline bench_var_t bench_var(const bench_table_t* table, uint32_t cell)
 {
     bench_oid place[BENCH_DIGITS_MAX] = {};

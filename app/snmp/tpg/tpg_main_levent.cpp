@@ -21,7 +21,7 @@ static bool is_pipe(tpg_context_t*, int);
 static void arm_timer(tpg_context_t*, int, const timeval*);
 static void read_session(int);
 static int next_pipe(const tpg_context_t*, int);
-static void send_at_once(int);
+static void set_tcp_option(int, int);
 static void acknowledge(tpg_context_t*);
 static int session_started(int, int, void*, void*);
 
@@ -108,7 +108,8 @@ static void watch(tpg_context_t* ctx, int fd)
     entry->pipe = is_pipe(ctx, fd);
     evutil_make_socket_nonblocking(fd);
     if (!entry->pipe) {
-        send_at_once(fd);
+        /* A registration or trap behind an answer would wait for the answer's acknowledgement. */
+        set_tcp_option(fd, TCP_NODELAY);
     }
     entry->ev = event_new(ctx->levent_base, fd, EV_READ | EV_PERSIST, levent_snmp_read, ctx);
     if (entry->ev == nullptr) {
@@ -156,29 +157,26 @@ static int next_pipe(const tpg_context_t* ctx, int fd)
     return next;
 }
 
-/*
- * A registration or trap behind an answer would otherwise wait, up to 40 ms,
- * until the master's side has acknowledged the answer. Only TCP needs it.
- */
-static void send_at_once(int fd)
+/* A socket that is not TCP holds nothing back, and needs none. */
+static void set_tcp_option(int fd, int option)
 {
     const int on = 1;
-    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    setsockopt(fd, IPPROTO_TCP, option, &on, sizeof(on));
 }
 
 /*
- * The same the other way: tells the master's side at once that its last message
- * has come. Where no answer of the agent's does, its next request would wait:
- * the first to a new card, or the one that follows a trap.
+ * Tells the master's side at once that its last message has come. Where no
+ * answer of the agent's does, TCP waits up to 40 ms before it tells, and the
+ * master's next request waits with it: the first to a new card, or the one that
+ * follows a trap.
  */
 static void acknowledge(tpg_context_t* ctx)
 {
     const list_head* end = &ctx->lev_snmp_fd_list;
     for (list_head* node = end->next; node != end; node = node->next) {
         const tpg_lev_snmpfd_t* entry = list_entry(node, tpg_lev_snmpfd_t, ev_node);
-        const int on = 1;
         if (!entry->pipe) {
-            setsockopt(event_get_fd(entry->ev), IPPROTO_TCP, TCP_QUICKACK, &on, sizeof(on));
+            set_tcp_option(event_get_fd(entry->ev), TCP_QUICKACK);
         }
     }
 }
