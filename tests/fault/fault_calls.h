@@ -11,6 +11,7 @@
 #include <event2/event.h>
 #include <event2/listener.h>
 #include <json-c/json.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <type_traits>
 
@@ -85,13 +86,6 @@ static bool fault_sample()
 #define FAULT_IF(...) FAULT_OR(, __VA_ARGS__)
 #define FAULT(...)    FAULT_IF(true, __VA_ARGS__)
 /* Nothing has come yet when the agent looks without waiting, so that it goes on to wait. */
-#define FAULT_UNREADY(...)                                                                         \
-    FAULT_OR(                                                                                      \
-        if (fault_state.agent && (flags & MSG_DONTWAIT) != 0) {                                    \
-            errno = EAGAIN;                                                                        \
-            return -1;                                                                             \
-        },                                                                                         \
-        true, __VA_ARGS__)
 #define FAULT_IN_LOOP(...) FAULT_IF(fault_sample(), __VA_ARGS__)
 /* A value that fits the variable takes no memory. */
 #define FAULT_LARGE(...) FAULT_IF(size > sizeof(netsnmp_variable_list::buf), __VA_ARGS__)

@@ -2,7 +2,7 @@
 
 #include "../unit/unit.h"
 #include "fault_calls.h"
-#include "tpg_jsonmib_ctrl.h"
+#include "tpg_jsonmib_queue.h"
 #include "tpg_main.h"
 #include "tpg_main_levent.h"
 #include "tpg_main_server.h"
@@ -68,6 +68,8 @@ const std::vector<std::string> SILENT_START = {
     "connect",                     /* ... which then goes to standard error alone */
 };
 
+/* The start of the agent is followed as far as its loop, which then ends at once. */
+static bool loop_ends;
 extern "C" int __real_event_base_loop(event_base* base, int flags);
 
 /* ---- the card's side ---- */
@@ -98,7 +100,11 @@ extern "C" int __real_event_base_loop(event_base* base, int flags);
 static bool turn(tpg_context_t* ctx, const std::function<bool()>& done)
 {
     for (int i = 0; i < 40 && !done(); i++) {
-        as_agent([&] { __real_event_base_loop(ctx->levent_base, EVLOOP_NONBLOCK); });
+        as_agent([&] {
+            ctx->jsonmib_later.loop_busy = true;
+            event_base_loop(ctx->levent_base, EVLOOP_NONBLOCK);
+            ctx->jsonmib_later.loop_busy = false;
+        });
         poll(nullptr, 0, 1);
     }
     return done();
@@ -240,6 +246,7 @@ static std::string live(tpg_context_t* ctx)
     as_agent([&] { tpg_free_svr_listener(ctx); });
     tpg_free_clients(ctx);
     levent_snmp_free_list(ctx);
+    jsonmib_queue_release(ctx);
     event_free(ctx->lev_snmp_timeout);
     event_base_free(ctx->levent_base);
     return wrong;
@@ -306,14 +313,14 @@ static int start(fault_kind kind, int n)
     char name[] = "tpg";
     char* argv[] = {name, nullptr};
     setenv("BASE_BOARD", "3100KX", 1);
+    loop_ends = true;
     return failing(kind, n, [&] { as_agent([&] { tpg_main(1, argv); }); }) ? 0 : NOT_REACHED;
 }
 
 extern "C" int __wrap_event_base_loop(event_base* base, int flags);
 extern "C" int __wrap_event_base_loop(event_base* base, int flags)
 {
-    (void)flags;
-    return event_base_loopbreak(base);
+    return loop_ends ? event_base_loopbreak(base) : __real_event_base_loop(base, flags);
 }
 
 /* ---- trials ---- */

@@ -1,7 +1,7 @@
 #include "fuzz.h"
 
 #include "tpg_jsonmib.h"
-#include "tpg_jsonmib_ctrl.h"
+#include "tpg_jsonmib_queue.h"
 #include "tpg_jsonmib_tomb.h"
 #include "tpg_log.h"
 #include "tpg_main_levent.h"
@@ -75,8 +75,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     jsonmib_release(ctx, &ctx->jsonmib_reg_info_cardmib);
     for (uint32_t slot = 1; slot <= TPG_SLOT_MAX; slot++) {
         jsonmib_release(ctx, &ctx->jsonmib_reg_info[slot - 1]);
-        jsonmib_ipc_disconnect(ctx, slot);
     }
+    jsonmib_queue_release(ctx);
     jsonmib_tomb_sweep(ctx);
     return 0;
 }

@@ -3,7 +3,7 @@
 #include "fuzz.h"
 
 #include "tpg_jsonmib.h"
-#include "tpg_jsonmib_ctrl.h"
+#include "tpg_jsonmib_queue.h"
 #include "tpg_legacymib_kx.h"
 #include "uevgend_msg_i.h"
 
@@ -76,10 +76,12 @@ void fuzz_one(tpg_context_t* ctx, std::string_view in)
                  static_cast<ssize_t>(in.size()));
     shutdown(ends[1], SHUT_WR);
     jsonmib_ipc_info_t* info = &ctx->jsonmib_ipc_info[slot - 1];
-    *info = {1, 0, ends[0], owed % (JSONMIB_IPC_OWED_MAX + 1), {}};
-    for (uint32_t i = 0; i < info->owed_total; i++) { /* none is shorter than its head */
+    *info = {1, 0, ends[0], nullptr};
+    jsonmib_replies_t* replies = &ctx->jsonmib_queue[slot - 1].replies;
+    replies->dead_total = owed % (JSONMIB_DEAD_MAX + 1);
+    for (uint32_t i = 0; i < replies->dead_total; i++) { /* none is shorter than its head */
         const uint32_t length = i % 2 == 0 ? sizeof(uevgend_get_reply_msg_t) : LENGTH_MAX;
-        info->owed[i] = {UEVGEND_MSG_GET, i, i / 3, length};
+        replies->dead[i] = {UEVGEND_MSG_GET, i, i / 3, length};
     }
     oid board[MAX_OID_LEN];
     const size_t board_len = tpg_legacymib_kx_oid(ctx, {}, board);

@@ -4,7 +4,7 @@
 
 #include "tpg_db.h"
 #include "tpg_json.h"
-#include "tpg_jsonmib_request.h"
+#include "tpg_jsonmib_fault.h"
 #include "tpg_jsonmib_table.h"
 
 #include <algorithm>

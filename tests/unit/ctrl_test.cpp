@@ -1,7 +1,7 @@
 /* The control channel against a daemon whose replies are written in advance. */
 
 #include "golden.h"
-#include "tpg_jsonmib_ctrl.h"
+#include "tpg_jsonmib_queue.h"
 #include "uevgend_msg_i.h"
 #include "unit.h"
 
@@ -23,12 +23,12 @@ struct ctrl : testing::Test {
             ASSERT_EQ(setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &DEADLINE, sizeof(DEADLINE)), 0);
         }
         peer = ends[0];
-        *slot = {1, 0, ends[1], 0, {}};
+        *slot = {1, 0, ends[1], nullptr};
     }
     void TearDown() override
     {
         close(peer);
-        jsonmib_ipc_disconnect(ctx.get(), 3);
+        jsonmib_queue_release(ctx.get());
     }
     /* A reply of size bytes for the variable and index 0x203, filled with data. */
     void answer_for(uint32_t variable, size_t size, char data, int8_t code = 0) const
@@ -93,46 +93,35 @@ TEST_F(ctrl, sizes)
 /* After a time-out the reply may still come: before the next request or behind it. */
 TEST_F(ctrl, late_replies)
 {
-    const jsonmib_ipc_exchange_t never_answered = {UEVGEND_MSG_GET, 98, 0x203, 152};
-    const jsonmib_ipc_exchange_t text = {UEVGEND_MSG_GET, 99, 0x203, 280};
-    const jsonmib_ipc_exchange_t written = {UEVGEND_MSG_SET, 101, 0x203, 152};
-    const jsonmib_ipc_exchange_t nameless = {UEVGEND_MSG_GET, 0, 0, 152};
-    const jsonmib_ipc_exchange_t again = {UEVGEND_MSG_GET, 101, 0x203, 152};
+    const jsonmib_asked_t never_answered = {UEVGEND_MSG_GET, 98, 0x203, 152};
+    const jsonmib_asked_t text = {UEVGEND_MSG_GET, 99, 0x203, 280};
+    const jsonmib_asked_t nameless = {UEVGEND_MSG_GET, 0, 0, 152};
+    const jsonmib_asked_t again = {UEVGEND_MSG_GET, 101, 0x203, 152};
+    jsonmib_replies_t* replies = &ctx->jsonmib_queue[2].replies;
     for (const bool before : {true, false}) {
-        for (const jsonmib_ipc_exchange_t& owed : {text, written, nameless, again}) {
-            if (!before && owed.type == again.type && owed.var_id == again.var_id) {
-                continue; /* its value is the variable's own */
-            }
-            slot->owed[0] = never_answered;
-            slot->owed[1] = owed;
-            slot->owed_total = 2;
-            if (before) {
-                answer_for(owed.var_id, owed.length, 0);
-            }
-            std::thread daemon([this, owed, before] {
+        for (const jsonmib_asked_t& dead : {text, nameless, again}) {
+            replies->dead[0] = never_answered;
+            replies->dead[1] = dead;
+            replies->dead_total = 2;
+            const bool either = dead.var_id == again.var_id;
+            std::thread daemon([this, dead, before] {
+                if (before) {
+                    answer_for(dead.var_id, dead.reply_len, 'y');
+                }
                 char request[24];
                 recv(peer, request, sizeof(request), MSG_WAITALL);
                 if (!before) {
-                    answer_for(owed.var_id, owed.length, 0);
+                    answer_for(dead.var_id, dead.reply_len, 'y');
                 }
                 answer_for(101, 152, 'y');
             });
             EXPECT_EQ(get(1), "0 y");
             daemon.join();
-            EXPECT_EQ(slot->owed_total, 0U);
+            EXPECT_LE(replies->dead_total, either ? 2U : 1U);
+            *replies = {};
+            (void)pending(slot->fd);
         }
     }
-    slot->owed[0] = text; /* a daemon without echoes is taken at its word */
-    slot->owed_total = 1;
-    std::thread daemon([this] {
-        char request[24];
-        recv(peer, request, sizeof(request), MSG_WAITALL);
-        answer_for(0, 152, 'y');
-    });
-    EXPECT_EQ(get(1), "0 y");
-    daemon.join();
-
-    slot->owed_total = 0;
     answer_for(99, 152, 'n'); /* without a time-out the echo is not looked at */
     EXPECT_EQ(get(1), "0 n");
 }

@@ -101,7 +101,8 @@ constexpr uint32_t JSONMIB_SENDTRAP_POSITIONS = JSONMIB_SENDTRAP_ROW * JSONMIB_S
 /* The one row that the iterator is shown while a request is answered. */
 struct jsonmib_seek_t {
     bool active;
-    bool found; /* false: no row answers */
+    bool found;            /* false: no row answers */
+    uint32_t passed_slots; /* bit n: the rows of slot n are not there */
     uint32_t values[JSONMIB_INDEX_MAX + 1];
 };
 
@@ -179,23 +180,69 @@ struct tpg_jsonmib_register_info_t {
 
 /* ---- control channel ---- */
 
-/* A request and the reply it is to get. */
-struct jsonmib_ipc_exchange_t {
-    uint16_t type;
-    uint32_t var_id;
-    uint32_t index;
-    uint32_t length; /* of the reply in bytes */
-};
-
-/* A connection with more replies outstanding than this is given up. */
-constexpr uint32_t JSONMIB_IPC_OWED_MAX = 16;
-
 struct jsonmib_ipc_info_t {
     uint8_t connected;
     uint16_t reserved;
-    int32_t fd; /* 0 or less: the slot has no socket */
-    uint32_t owed_total;
-    jsonmib_ipc_exchange_t owed[JSONMIB_IPC_OWED_MAX]; /* timed out, in the order sent */
+    int32_t fd;   /* 0 or less: the slot has no socket */
+    event* watch; /* reports what comes on fd; null outside the event loop */
+};
+
+/* A request as its reply tells of it. */
+struct jsonmib_asked_t {
+    uint16_t type; /* of the request */
+    uint32_t var_id;
+    uint32_t index;
+    uint32_t reply_len; /* in bytes */
+};
+
+/* A connection with more requests than this that were never answered is given up. */
+constexpr uint32_t JSONMIB_DEAD_MAX = 16;
+
+/* What a connection's replies are told apart by. */
+struct jsonmib_replies_t {
+    uint32_t dead_total;
+    jsonmib_asked_t dead[JSONMIB_DEAD_MAX]; /* timed out, in the order sent */
+    uint16_t get_type;                      /* of the replies to GETs and to SETs; 0: none came */
+    uint16_t set_type;
+    bool no_echo; /* a reply did not name the variable that was asked for */
+    bool astray;  /* an answer may have been taken for another request's */
+};
+
+struct jsonmib_exchange_t;
+
+/* What a slot's daemon is asked: one request at a time, the others wait. */
+struct jsonmib_queue_t {
+    jsonmib_exchange_t* first; /* waiting to be sent, in their order; each is its owner's */
+    jsonmib_exchange_t* last;
+    bool in_flight;            /* a request is out; its answer, or 5 s, end that */
+    jsonmib_asked_t flight;    /* what it asked for */
+    jsonmib_exchange_t* owner; /* whose it is; null: nobody waits for the answer any more */
+    int64_t sent_at;           /* times are in microseconds of the monotonic clock */
+    int64_t heard_at;          /* the last byte came */
+    bool heard;                /* some byte has come since sent_at */
+    bool ate_dead;             /* a dead request's answer has come since sent_at */
+    jsonmib_replies_t replies;
+    alignas(uint32_t) uint8_t head[24]; /* the beginning of the reply that is being read */
+    uint32_t got;                       /* bytes of that reply */
+    int32_t reading;                    /* whose it is */
+    bool silent;                        /* the daemon let 5 s pass without a byte */
+    bool down;                          /* there is no daemon */
+    bool quick;                         /* its last answer took no time worth speaking of */
+    int64_t connecting_since;           /* its backlog is full; 0: it is not */
+    int64_t walked_at;                  /* when a walk last asked an unreadable slot */
+    event* timer;
+    int64_t timer_at; /* 0: not running */
+};
+
+/* Requests of managers that are answered later, as a whole. */
+struct jsonmib_later_t {
+    bool loop_busy;        /* what runs must not enter the event loop: that called it, or the
+                              registry is being changed */
+    uint32_t waiting;      /* SETs that wait for their card, each inside the one before */
+    bool answered;         /* some cells are complete, the library has not been told */
+    bool closed;           /* no cell may ask a card: the registry is about to change */
+    bool skip_unreadable;  /* a walk goes past the cells that cannot be read */
+    int64_t settled_until; /* what is left of the time for settling; 0: all of it */
 };
 
 /* ---- clients ---- */
@@ -208,6 +255,14 @@ struct tpg_log_budget_t {
     int32_t fd;
 };
 
+/* What a client did while a SET was being carried out, and what is done about it afterwards. */
+struct tpg_held_t {
+    bool message; /* it sent update, of which it has been told that it came */
+    tpg_msg_libmib_update_t update;
+    short events; /* the end of its connection; 0: it goes on */
+    int error;    /* errno that came with that */
+};
+
 struct tpg_ipc_clnt_t {
     list_head node; /* in ipc_clnt_list */
     int32_t acc_fd;
@@ -218,6 +273,7 @@ struct tpg_ipc_clnt_t {
     event* rdcb_timer;
     int32_t remote;
     tpg_log_budget_t log_budget;
+    tpg_held_t held;
 };
 
 /* tpg_read_st.state */
@@ -238,7 +294,10 @@ struct tpg_read_st {
 struct tpg_lev_snmpfd_t {
     list_head ev_node;
     event* ev;
-    bool pipe; /* one of those on which the library sends messages to itself */
+    tpg_context_t* ctx;
+    bool pipe;   /* one of those on which the library sends messages to itself */
+    bool ready;  /* there is something to read */
+    bool paused; /* not watched until it has been read */
 };
 
 /* ---- the agent ---- */
@@ -255,11 +314,15 @@ struct tpg_context_t {
     evconnlistener* svr_listener;
     list_head ipc_clnt_list;
     jsonmib_ipc_info_t jsonmib_ipc_info[TPG_SLOT_MAX]; /* slot - 1 */
+    jsonmib_queue_t jsonmib_queue[TPG_SLOT_MAX];       /* slot - 1 */
+    jsonmib_later_t jsonmib_later;
     tpg_jsonmib_register_info_t jsonmib_reg_info_cardmib;
     tpg_jsonmib_register_info_t jsonmib_reg_info[TPG_SLOT_MAX]; /* slot - 1 */
     jsonmib_tombs_t jsonmib_tombs;
     tpg_read_st read_proc;
+    bool snmp_timer_due;          /* the SNMP timer has run out and waits for the loop's turn */
     uint32_t ipc_clnt_total;      /* entries of ipc_clnt_list */
+    uint32_t ipc_clnt_held;       /* those among them with something held */
     event* svr_retry_timer;       /* opens the listener again after it ran out of descriptors */
     tpg_log_budget_t* log_budget; /* of the connection being served; null outside */
 };

@@ -1,28 +1,11 @@
 #include "tpg_jsonmib_request.h"
 
-#include "tpg_db.h"
-#include "tpg_jsonmib_ctrl.h"
-#include "tpg_jsonmib_table.h"
+#include "tpg_jsonmib_fault.h"
+#include "tpg_jsonmib_gen.h"
 #include "tpg_log.h"
 
 #include <algorithm>
 #include <cstring>
-
-constexpr uint32_t CELL_BUF = 256; /* longest string value, in bytes */
-
-/* One cell and what is asked of it. */
-struct cell_request_t {
-    tpg_context_t* ctx;
-    jsonmib_table_info_t* table;
-    const jsonmib_table_param_info_t* param;
-    netsnmp_variable_list* var;
-    const netsnmp_table_request_info* row; /* its index values */
-    int mode;
-    uint32_t colnum;
-    uint32_t instance;   /* card slot */
-    uint32_t index;      /* of the variable, as the card counts */
-    uint32_t index2_max; /* three-index fault tables: highest second index */
-};
 
 /* What differs between generic and fault tables. */
 struct table_kind_t {
@@ -36,29 +19,16 @@ static int walk_requests(const table_kind_t*, netsnmp_mib_handler*, netsnmp_hand
                          netsnmp_agent_request_info*, netsnmp_request_info*);
 static int proc_one(const table_kind_t*, netsnmp_request_info*, netsnmp_agent_request_info*,
                     jsonmib_table_info_t*);
-static int locate_cell(cell_request_t*, netsnmp_table_request_info*);
-static int locate_row(cell_request_t*);
-static int set_phase(const cell_request_t*, int (*)(const cell_request_t*));
-static int check_write(const cell_request_t*);
-static int get_index_column(const cell_request_t*);
-static int serve_integer(const cell_request_t*, int32_t);
-static int serve_string(const cell_request_t*, const char*, uint32_t);
-static int32_t written_integer(const netsnmp_variable_list*);
-static int32_t to_card_value(const jsonmib_table_param_info_t*, int32_t);
-static uint32_t string_length(int32_t);
-static int gen_get(const cell_request_t*);
-static int gen_get_string(const cell_request_t*);
-static int gen_set_action(const cell_request_t*);
-static int gen_set_string(const cell_request_t*);
-static int fault_get(const cell_request_t*);
-static int fault_get_integer(const cell_request_t*, bool);
-static int fault_get_string(const cell_request_t*);
-static int fault_get_switch(const cell_request_t*);
-static int fault_set_action(const cell_request_t*);
-static int fault_set_integer(const cell_request_t*, int32_t);
-static int fault_set_string(const cell_request_t*);
-static int fault_set_switch(const cell_request_t*);
-static int switch_position(const cell_request_t*, uint32_t*);
+static int locate_cell(jsonmib_cell_t*, netsnmp_table_request_info*);
+static int locate_row(jsonmib_cell_t*);
+static int read_cell(const jsonmib_cell_t*, const netsnmp_agent_request_info*);
+static int set_phase(const jsonmib_cell_t*);
+static int check_write(const jsonmib_cell_t*);
+static int proc_cell(netsnmp_variable_list*, netsnmp_table_request_info*,
+                     netsnmp_table_request_info*, netsnmp_agent_request_info*,
+                     jsonmib_table_info_t*);
+static netsnmp_request_info* request_of(const netsnmp_agent_request_info*,
+                                        const netsnmp_variable_list*);
 
 /* ---- handlers ---- */
 
@@ -141,7 +111,7 @@ static int proc_one(const table_kind_t* kind, netsnmp_request_info* request,
 /* ---- what generic and fault tables share ---- */
 
 /* Index values count from 1 in SNMP and from 0 on the card, the first one in the higher byte. */
-static int locate_row(cell_request_t* cell)
+static int locate_row(jsonmib_cell_t* cell)
 {
     const jsonmib_table_info_t* table = cell->table;
     const bool fault = (table->flags & JSONMIB_TABLE_FAULT) != 0;
@@ -192,7 +162,7 @@ static int locate_row(cell_request_t* cell)
 }
 
 /* Fills instance, index, colnum and param; an SNMP error status when the cell cannot be. */
-static int locate_cell(cell_request_t* cell, netsnmp_table_request_info* table_reqinfo)
+static int locate_cell(jsonmib_cell_t* cell, netsnmp_table_request_info* table_reqinfo)
 {
     const int status = locate_row(cell);
     if (status != SNMP_ERR_NOERROR) {
@@ -210,78 +180,7 @@ static int locate_cell(cell_request_t* cell, netsnmp_table_request_info* table_r
     return SNMP_ERR_NOERROR;
 }
 
-static void debug_param(const jsonmib_table_param_info_t* param)
-{
-    DEBUGMSGTL((
-        "jsonmib", "MODE_GET: param_info: type %d, access %d, flags %d, var_id %d, range[%d:%d]\n",
-        param->type, param->access, param->flags, param->var_id, param->range[0], param->range[1]));
-}
-
-/* Index columns are expected to be columns 1 and 2. */
-static int get_index_column(const cell_request_t* cell)
-{
-    const auto first = static_cast<unsigned long>(*cell->row->indexes->val.integer);
-    DEBUGMSGTL(("jsonmib", "MODE_GET: table index: number_indexes %d, index %lu\n",
-                cell->row->number_indexes, first));
-    TPG_DEBUG(cell->ctx, "MODE_GET: table index: number_indexes %d, index %lu",
-              cell->row->number_indexes, first);
-    const netsnmp_variable_list* index = cell->row->indexes;
-    if (cell->colnum == 2 && index != nullptr) {
-        index = index->next_variable;
-    }
-    if (cell->colnum > 2 || index == nullptr) {
-        TPG_ERROR(cell->ctx, "invalid colnum %d for a index parameter!", cell->colnum);
-        return SNMP_ERR_NOACCESS;
-    }
-    snmp_set_var_typed_value(cell->var, ASN_INTEGER, index->val.integer, sizeof(long));
-    return SNMP_ERR_NOERROR;
-}
-
-static int serve_integer(const cell_request_t* cell, int32_t value)
-{
-    snmp_set_var_typed_value(cell->var, ASN_INTEGER, &value, sizeof(value));
-    return SNMP_ERR_NOERROR;
-}
-
-/* Serves the text up to its first zero byte, or all length bytes when it has none. */
-static int serve_string(const cell_request_t* cell, const char* text, uint32_t length)
-{
-    const size_t used = strnlen(text, length);
-    if (snmp_set_var_typed_value(cell->var, ASN_OCTET_STR, text, used) != 0) {
-        TPG_ERROR(cell->ctx, "no memory for a string of %zu bytes, instance %u, var_id %u", used,
-                  cell->instance, cell->param->var_id);
-        return SNMP_ERR_GENERR;
-    }
-    return SNMP_ERR_NOERROR;
-}
-
-/* The bytes of a string that are asked for, bounded by the buffer they go to. */
-static uint32_t string_length(int32_t wanted)
-{
-    return static_cast<uint32_t>(std::clamp<int32_t>(wanted, 0, CELL_BUF));
-}
-
-/* The value as an integer, whatever its type: the leading bytes of it that a long can hold. */
-static int32_t written_integer(const netsnmp_variable_list* var)
-{
-    long value = 0;
-    if (var->val.string != nullptr) {
-        memcpy(&value, var->val.string, std::min(var->val_len, sizeof(value)));
-    }
-    return static_cast<int32_t>(value);
-}
-
-static int32_t to_card_value(const jsonmib_table_param_info_t* param, int32_t value)
-{
-    return param->type == JSONMIB_TYPE_INT_SHIFTED && value > 0 ? value - 1 : value;
-}
-
-static bool is_integer_param(const jsonmib_table_param_info_t* param)
-{
-    return param->type == JSONMIB_TYPE_INT || param->type == JSONMIB_TYPE_INT_SHIFTED;
-}
-
-static int check_write(const cell_request_t* cell)
+static int check_write(const jsonmib_cell_t* cell)
 {
     const jsonmib_table_param_info_t* param = cell->param;
     const netsnmp_variable_list* var = cell->var;
@@ -289,7 +188,7 @@ static int check_write(const cell_request_t* cell)
         return SNMP_ERR_READONLY;
     }
     if (var->type == ASN_INTEGER) {
-        if (!is_integer_param(param)) {
+        if (!jsonmib_cell_is_integer(param)) {
             return SNMP_ERR_WRONGTYPE;
         }
         const long value = *var->val.integer;
@@ -314,7 +213,7 @@ static void debug_set_phase(const char* phase, netsnmp_variable_list* var)
 }
 
 /* The card is written in the ACTION phase and never asked to undo. */
-static int set_phase(const cell_request_t* cell, int (*action)(const cell_request_t*))
+static int set_phase(const jsonmib_cell_t* cell)
 {
     switch (cell->mode) {
     case MODE_SET_RESERVE1:
@@ -325,7 +224,8 @@ static int set_phase(const cell_request_t* cell, int (*action)(const cell_reques
         break;
     case MODE_SET_ACTION:
         debug_set_phase("MODE_SET_ACTION", cell->var);
-        return action(cell);
+        return (cell->table->flags & JSONMIB_TABLE_FAULT) != 0 ? jsonmib_fault_set(cell)
+                                                               : jsonmib_gen_set(cell);
     case MODE_SET_COMMIT:
         debug_set_phase("MODE_SET_COMMIT", cell->var);
         break;
@@ -342,7 +242,7 @@ static int set_phase(const cell_request_t* cell, int (*action)(const cell_reques
     return SNMP_ERR_NOERROR;
 }
 
-/* ---- generic tables ---- */
+/* ---- one request ---- */
 
 int jsonmib_gen_table_proc_agent_request(netsnmp_variable_list* var,
                                          netsnmp_table_request_info* table_reqinfo,
@@ -350,143 +250,15 @@ int jsonmib_gen_table_proc_agent_request(netsnmp_variable_list* var,
                                          netsnmp_agent_request_info* agent_reqinfo,
                                          jsonmib_table_info_t* jsonmib_table_info)
 {
-    tpg_context_t* ctx = jsonmib_table_info->tpg_context;
-    cell_request_t cell = {};
-    cell.ctx = ctx;
-    cell.table = jsonmib_table_info;
-    cell.var = var;
-    cell.row = iterator_reqinfo;
-    cell.mode = agent_reqinfo->mode;
     DEBUGMSGTL(("jsonmib", ">>>Entering jsonmib_gen_table_proc_agent_request\n"));
     DEBUGMSGTL(("jsonmib", "table_reqinfo[%p], iterator_reqinfo[%p]\n",
                 static_cast<void*>(table_reqinfo), static_cast<void*>(iterator_reqinfo)));
-    TPG_DEBUG(ctx, "%s(): num_indexes=%d", __func__, iterator_reqinfo->number_indexes);
-    int status = locate_cell(&cell, table_reqinfo);
-    if (status == SNMP_ERR_NOERROR) {
-        TPG_DEBUG(ctx, "mode %d, colnum %d, instance %d, index 0x%x, MOD_GET=%d", cell.mode,
-                  cell.colnum, cell.instance, cell.index, MODE_GET);
-        status = cell.mode == MODE_GET ? gen_get(&cell) : set_phase(&cell, gen_set_action);
-    }
+    TPG_DEBUG(jsonmib_table_info->tpg_context, "%s(): num_indexes=%d", __func__,
+              iterator_reqinfo->number_indexes);
+    const int status =
+        proc_cell(var, table_reqinfo, iterator_reqinfo, agent_reqinfo, jsonmib_table_info);
     DEBUGMSGTL(("jsonmib", "<<<Leaving jsonmib_gen_table_proc_agent_request\n"));
     return status;
-}
-
-static int gen_get(const cell_request_t* cell)
-{
-    const jsonmib_table_param_info_t* param = cell->param;
-    if ((param->flags & JSONMIB_PARAM_INDEX) != 0) {
-        return get_index_column(cell);
-    }
-    debug_param(param);
-    TPG_TRACE(cell->ctx, "snmpread",
-              "MODE_GET: param_info: type %d, access %d, flags %d, var_id %d, range[%d:%d]",
-              param->type, param->access, param->flags, param->var_id, param->range[0],
-              param->range[1]);
-    if (!is_integer_param(param)) {
-        return gen_get_string(cell);
-    }
-    int32_t value = 0;
-    if (jsonmib_ctrl_get(cell->ctx, cell->instance, param->var_id, cell->index, &value,
-                         sizeof(value)) != 0) {
-        TPG_ERROR(cell->ctx,
-                  "jsonmib_ctrl_get failed, instance %d, var_id %d, index 0x%x, length 4",
-                  cell->instance, param->var_id, cell->index);
-        return SNMP_ERR_GENERR;
-    }
-    const uint32_t shift = param->type == JSONMIB_TYPE_INT_SHIFTED ? 1 : 0;
-    return serve_integer(cell, static_cast<int32_t>(static_cast<uint32_t>(value) + shift));
-}
-
-static int gen_get_string(const cell_request_t* cell)
-{
-    constexpr uint32_t QUIET_VAR_ID = 18; /* absent on most cards: its failure is no news */
-    const jsonmib_table_param_info_t* param = cell->param;
-    char text[CELL_BUF] = {};
-    const uint32_t length =
-        string_length(param->range[1] < INT32_MAX ? param->range[1] + 1 : param->range[1]);
-    const int ret =
-        jsonmib_ctrl_get(cell->ctx, cell->instance, param->var_id, cell->index, text, length);
-    if (ret != 0) {
-        if (param->var_id != QUIET_VAR_ID) {
-            TPG_DEBUG(cell->ctx,
-                      "jsonmib_ctrl_get failed, instance %d, var_id %d, index 0x%x, length %d, "
-                      "ret=%d",
-                      cell->instance, param->var_id, cell->index, param->range[1], ret);
-        }
-        return SNMP_ERR_GENERR;
-    }
-    return serve_string(cell, text, length);
-}
-
-static int gen_set_action(const cell_request_t* cell)
-{
-    const jsonmib_table_param_info_t* param = cell->param;
-    if (!is_integer_param(param)) {
-        return gen_set_string(cell);
-    }
-    const int32_t value = to_card_value(param, written_integer(cell->var));
-    if (jsonmib_ctrl_set(cell->ctx, cell->instance, param->var_id, cell->index, &value,
-                         sizeof(value)) != 0) {
-        TPG_ERROR(cell->ctx,
-                  "jsonmib_ctrl_set failed, instance %d, var_id %d, index 0x%x, value %d",
-                  cell->instance, param->var_id, cell->index, value);
-        return SNMP_ERR_GENERR;
-    }
-    return SNMP_ERR_NOERROR;
-}
-
-/* The written bytes, cut to the buffer; returns their number. */
-static uint32_t written_string(const netsnmp_variable_list* var, char (*text)[CELL_BUF])
-{
-    const auto length = static_cast<uint32_t>(std::min<size_t>(var->val_len, CELL_BUF));
-    if (var->val.string == nullptr) {
-        return 0;
-    }
-    memcpy(*text, var->val.string, length);
-    return length;
-}
-
-static int gen_set_string(const cell_request_t* cell)
-{
-    const jsonmib_table_param_info_t* param = cell->param;
-    char text[CELL_BUF] = {};
-    const uint32_t length = written_string(cell->var, &text);
-    if (jsonmib_ctrl_set(cell->ctx, cell->instance, param->var_id, cell->index, text, length) ==
-        0) {
-        return SNMP_ERR_NOERROR;
-    }
-    TPG_ERROR(
-        cell->ctx,
-        "jsonmib_ctrl_set failed, instance %d, var_id %d, index 0x%x,len=(%d,%zu), value %.*s",
-        cell->instance, param->var_id, cell->index, length, cell->var->val_len,
-        static_cast<int>(CELL_BUF), text);
-    const auto byte = [&text](size_t i) { return static_cast<unsigned char>(text[i]); };
-    TPG_ERROR(cell->ctx,
-              "           hexval: %02x %02x %02x %02x %02x %02x %02x %02x %02x %02x %02x %02x "
-              "%02x %02x %02x %02x",
-              byte(0), byte(1), byte(2), byte(3), byte(4), byte(5), byte(6), byte(7), byte(8),
-              byte(9), byte(10), byte(11), byte(12), byte(13), byte(14), byte(15));
-    return SNMP_ERR_GENERR;
-}
-
-/* ---- fault tables ---- */
-
-/* What a column of a fault table is. */
-enum class fault_column {
-    state,     /* a card variable counted from 0 */
-    send_trap, /* the agent's own switch */
-    regular,
-};
-
-static fault_column fault_column_kind(const jsonmib_table_param_info_t* param)
-{
-    if (param->var_id != 0 && param->range[0] == 0 && param->range[1] == 0) {
-        return fault_column::state;
-    }
-    if (param->var_id == 0 && param->range[0] != 0 && param->range[1] != 0) {
-        return fault_column::send_trap;
-    }
-    return fault_column::regular;
 }
 
 int jsonmib_fault_table_proc_agent_request(netsnmp_variable_list* var,
@@ -495,180 +267,57 @@ int jsonmib_fault_table_proc_agent_request(netsnmp_variable_list* var,
                                            netsnmp_agent_request_info* agent_reqinfo,
                                            jsonmib_table_info_t* jsonmib_table_info)
 {
-    cell_request_t cell = {};
-    cell.ctx = jsonmib_table_info->tpg_context;
-    cell.table = jsonmib_table_info;
-    cell.var = var;
-    cell.row = iterator_reqinfo;
-    cell.mode = agent_reqinfo->mode;
     DEBUGMSGTL(("jsonmib", ">>>Entering jsonmib_fault_table_proc_agent_request\n"));
-    int status = locate_cell(&cell, table_reqinfo);
-    if (status == SNMP_ERR_NOERROR) {
-        status = cell.mode == MODE_GET ? fault_get(&cell) : set_phase(&cell, fault_set_action);
-    }
+    const int status =
+        proc_cell(var, table_reqinfo, iterator_reqinfo, agent_reqinfo, jsonmib_table_info);
     DEBUGMSGTL(("jsonmib", "<<<Leaving jsonmib_fault_table_proc_agent_request\n"));
     return status;
 }
 
-static int fault_get(const cell_request_t* cell)
+static int proc_cell(netsnmp_variable_list* var, netsnmp_table_request_info* table_reqinfo,
+                     netsnmp_table_request_info* iterator_reqinfo,
+                     netsnmp_agent_request_info* agent_reqinfo, jsonmib_table_info_t* table)
 {
-    const jsonmib_table_param_info_t* param = cell->param;
-    if ((param->flags & JSONMIB_PARAM_INDEX) != 0) {
-        return get_index_column(cell);
-    }
-    debug_param(param);
-    switch (fault_column_kind(param)) {
-    case fault_column::state:
-        return fault_get_integer(cell, true);
-    case fault_column::send_trap:
-        return fault_get_switch(cell);
-    case fault_column::regular:
-        break;
-    }
-    DEBUGMSGTL(("jsonmib", "regular trap table param var_id %d range[%d:%d]\n", param->var_id,
-                param->range[0], param->range[1]));
-    TPG_ERROR(cell->ctx, "regular trap table param var_id %d range[%d:%d] ,type=%d", param->var_id,
-              param->range[0], param->range[1], param->type);
-    if (!is_integer_param(param)) {
-        return fault_get_string(cell);
-    }
-    return fault_get_integer(cell, param->type == JSONMIB_TYPE_INT_SHIFTED);
-}
-
-static int fault_get_failed(const cell_request_t* cell)
-{
-    TPG_ERROR(cell->ctx, "jsonmib_ctrl_get failed, instance %d, var_id %d, index 0x%x",
-              cell->instance, cell->param->var_id, cell->index);
-    return SNMP_ERR_GENERR;
-}
-
-static int fault_get_integer(const cell_request_t* cell, bool shifted)
-{
-    int32_t value = 0;
-    if (jsonmib_ctrl_get(cell->ctx, cell->instance, cell->param->var_id, cell->index, &value,
-                         sizeof(value)) != 0) {
-        return fault_get_failed(cell);
-    }
-    const uint32_t shift = shifted ? 1 : 0;
-    return serve_integer(cell, static_cast<int32_t>(static_cast<uint32_t>(value) + shift));
-}
-
-static int fault_get_string(const cell_request_t* cell)
-{
-    char text[CELL_BUF] = {};
-    const uint32_t length = string_length(cell->param->range[1]);
-    if (jsonmib_ctrl_get(cell->ctx, cell->instance, cell->param->var_id, cell->index, text,
-                         length) != 0) {
-        return fault_get_failed(cell);
-    }
-    return serve_string(cell, text, length);
-}
-
-/*
- * The flat position of the row's send-trap switch. Out of the slot's row it is
- * refused with tooBig, a status that managers of these cards have come to know.
- */
-static int switch_position(const cell_request_t* cell, uint32_t* position)
-{
-    const uint32_t index1 = cell->index & 0xffU;
-    const uint32_t index2 = (cell->index >> 8U) & 0xffU;
-    uint64_t flat = 0;
-    if (cell->row->number_indexes == 2) {
-        flat = index1;
-    } else if (cell->row->number_indexes == 3) {
-        flat = static_cast<uint64_t>(index2) * cell->index2_max + index1;
-    }
-    if (flat >= JSONMIB_SENDTRAP_POSITIONS) {
-        TPG_ERROR(cell->ctx,
-                  "xxxSendTrap index Out of range. index2(%d)*index2_max(%d)+index1(%d) >= (%d)",
-                  index2, cell->index2_max, index1, JSONMIB_SENDTRAP_POSITIONS);
-        return SNMP_ERR_TOOBIG;
-    }
-    *position = static_cast<uint32_t>(flat);
-    return SNMP_ERR_NOERROR;
-}
-
-bool jsonmib_sendtrap_test(const uint8_t* row, uint32_t position)
-{
-    const unsigned bits = row[position / JSONMIB_SENDTRAP_PER_BYTE];
-    return (bits & (1U << (position % JSONMIB_SENDTRAP_PER_BYTE))) != 0;
-}
-
-void jsonmib_sendtrap_store(uint8_t* row, uint32_t position, bool on)
-{
-    uint8_t* bits = &row[position / JSONMIB_SENDTRAP_PER_BYTE];
-    const auto bit = static_cast<uint8_t>(1U << (position % JSONMIB_SENDTRAP_PER_BYTE));
-    *bits = static_cast<uint8_t>(on ? *bits | bit : *bits & ~bit);
-}
-
-constexpr int32_t SWITCH_OFF = 1; /* SNMP values of a send-trap switch */
-constexpr int32_t SWITCH_ON = 2;
-
-static int fault_get_switch(const cell_request_t* cell)
-{
-    uint32_t position = 0;
-    const int status = switch_position(cell, &position);
+    jsonmib_cell_t cell = {};
+    cell.ctx = table->tpg_context;
+    cell.table = table;
+    cell.var = var;
+    cell.row = iterator_reqinfo;
+    cell.mode = agent_reqinfo->mode;
+    const int status = locate_cell(&cell, table_reqinfo);
     if (status != SNMP_ERR_NOERROR) {
         return status;
     }
-    const uint8_t* row = jsonmib_sendtrap_row(cell->table, cell->instance);
-    return serve_integer(cell, jsonmib_sendtrap_test(row, position) ? SWITCH_ON : SWITCH_OFF);
+    if ((table->flags & JSONMIB_TABLE_FAULT) == 0) {
+        TPG_DEBUG(cell.ctx, "mode %d, colnum %d, instance %d, index 0x%x, MOD_GET=%d", cell.mode,
+                  cell.colnum, cell.instance, cell.index, MODE_GET);
+    }
+    return cell.mode == MODE_GET ? read_cell(&cell, agent_reqinfo) : set_phase(&cell);
 }
 
-static int fault_set_switch(const cell_request_t* cell)
+static int read_cell(const jsonmib_cell_t* cell, const netsnmp_agent_request_info* agent_reqinfo)
 {
-    uint32_t position = 0;
-    const int status = switch_position(cell, &position);
-    if (status != SNMP_ERR_NOERROR) {
-        return status;
+    netsnmp_request_info* request = request_of(agent_reqinfo, cell->var);
+    if (request != nullptr && jsonmib_cell_is_beyond(agent_reqinfo, request)) {
+        return SNMP_ERR_NOERROR;
     }
-    uint8_t* row = jsonmib_sendtrap_row(cell->table, cell->instance);
-    jsonmib_sendtrap_store(row, position, written_integer(cell->var) != SWITCH_OFF);
-    tpg_db_update_sendtrap_persistence(cell->ctx, cell->table, static_cast<int>(cell->instance));
-    return SNMP_ERR_NOERROR;
+    jsonmib_ask_t ask = {};
+    bool asks = false;
+    const int status = (cell->table->flags & JSONMIB_TABLE_FAULT) != 0
+                           ? jsonmib_fault_get(cell, &ask, &asks)
+                           : jsonmib_gen_get(cell, &ask, &asks);
+    return asks ? jsonmib_cell_read(cell->ctx, agent_reqinfo, request, cell->var, &ask) : status;
 }
 
-static int fault_set_action(const cell_request_t* cell)
+/* The library's record of the request for var; null when there is none to be answered later. */
+static netsnmp_request_info* request_of(const netsnmp_agent_request_info* agent_reqinfo,
+                                        const netsnmp_variable_list* var)
 {
-    const jsonmib_table_param_info_t* param = cell->param;
-    const fault_column kind = fault_column_kind(param);
-    if (kind == fault_column::state) {
-        const auto written = static_cast<uint32_t>(written_integer(cell->var));
-        return fault_set_integer(cell, static_cast<int32_t>(written - 1));
+    const netsnmp_agent_session* asp = agent_reqinfo->asp;
+    for (int i = 0; asp != nullptr && asp->requests != nullptr && i < asp->vbcount; i++) {
+        if (asp->requests[i].requestvb == var) {
+            return &asp->requests[i];
+        }
     }
-    if (kind == fault_column::send_trap) {
-        return fault_set_switch(cell);
-    }
-    DEBUGMSGTL(("jsonmib", "regular trap table param var_id %d range[%d:%d]\n", param->var_id,
-                param->range[0], param->range[1]));
-    if (is_integer_param(param)) {
-        return fault_set_integer(cell, to_card_value(param, written_integer(cell->var)));
-    }
-    return fault_set_string(cell);
-}
-
-static int fault_set_integer(const cell_request_t* cell, int32_t value)
-{
-    if (jsonmib_ctrl_set(cell->ctx, cell->instance, cell->param->var_id, cell->index, &value,
-                         sizeof(value)) != 0) {
-        TPG_ERROR(cell->ctx,
-                  "jsonmib_ctrl_set failed, instance %d, var_id %d, index 0x%x, value %d",
-                  cell->instance, cell->param->var_id, cell->index, value);
-        return SNMP_ERR_GENERR;
-    }
-    return SNMP_ERR_NOERROR;
-}
-
-static int fault_set_string(const cell_request_t* cell)
-{
-    char text[CELL_BUF] = {};
-    const uint32_t length = written_string(cell->var, &text);
-    if (jsonmib_ctrl_set(cell->ctx, cell->instance, cell->param->var_id, cell->index, text,
-                         length) != 0) {
-        TPG_ERROR(
-            cell->ctx, "jsonmib_ctrl_set failed, instance %d, var_id %d, index 0x%x, value %.*s",
-            cell->instance, cell->param->var_id, cell->index, static_cast<int>(CELL_BUF), text);
-        return SNMP_ERR_GENERR;
-    }
-    return SNMP_ERR_NOERROR;
+    return nullptr;
 }

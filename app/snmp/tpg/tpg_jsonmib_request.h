@@ -23,7 +23,8 @@ int jsonmib_fault_table_helper_handler(netsnmp_mib_handler* handler,
 /*
  * One request of a generic or fault table: var is answered or written.
  * table_reqinfo tells the column, iterator_reqinfo the row's index values.
- * Returns an SNMP error status, 0 for success.
+ * Returns an SNMP error status, 0 for success; a request of the library's may
+ * have been marked as answered later.
  */
 int jsonmib_gen_table_proc_agent_request(netsnmp_variable_list* var,
                                          netsnmp_table_request_info* table_reqinfo,
@@ -35,11 +36,5 @@ int jsonmib_fault_table_proc_agent_request(netsnmp_variable_list* var,
                                            netsnmp_table_request_info* iterator_reqinfo,
                                            netsnmp_agent_request_info* agent_reqinfo,
                                            jsonmib_table_info_t* jsonmib_table_info);
-
-/* True when the send-trap switch at a flat row position of a slot's row is on (bit set). */
-bool jsonmib_sendtrap_test(const uint8_t* row, uint32_t position);
-
-/* Turns the send-trap switch at a flat row position (below 4096) on or off. */
-void jsonmib_sendtrap_store(uint8_t* row, uint32_t position, bool on);
 
 #endif

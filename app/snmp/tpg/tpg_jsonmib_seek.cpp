@@ -1,23 +1,30 @@
 #include "tpg_jsonmib_seek.h"
 
+#include "tpg_jsonmib_cell.h"
+#include "tpg_jsonmib_fault.h"
+#include "tpg_jsonmib_queue.h"
 #include "tpg_jsonmib_rows.h"
 
 #include <algorithm>
 
 /* A request for a cell, by name. */
 struct named_cell_t {
-    oid column;
+    uint32_t column;
     const oid* suffix; /* behind the column */
     size_t len;
+    bool exact; /* the very row that it names answers */
 };
 
 static bool name_cell(const jsonmib_table_info_t*, const netsnmp_handler_registration*, int,
                       const netsnmp_request_info*, named_cell_t*);
+static bool may_pass_helpers(int, const named_cell_t*);
+static bool find_row(jsonmib_table_info_t*, int, const netsnmp_request_info*, named_cell_t*);
+static uint32_t passed_slots(const jsonmib_table_info_t*, uint32_t);
 static netsnmp_table_request_info row_context(const jsonmib_table_info_t*);
 static int serve_row(netsnmp_mib_handler*, netsnmp_handler_registration*,
-                     netsnmp_agent_request_info*, netsnmp_request_info*, oid,
+                     netsnmp_agent_request_info*, netsnmp_request_info*, uint32_t,
                      netsnmp_table_request_info*);
-static void name_row(const netsnmp_handler_registration*, const jsonmib_table_info_t*,
+static void name_row(const netsnmp_handler_registration*, const jsonmib_table_info_t*, uint32_t,
                      netsnmp_variable_list*);
 static void aim(jsonmib_table_info_t*, const netsnmp_handler_registration*, int,
                 netsnmp_request_info*);
@@ -37,12 +44,18 @@ int jsonmib_row_helper_handler(netsnmp_mib_handler* handler, netsnmp_handler_reg
                                netsnmp_agent_request_info* reqinfo, netsnmp_request_info* requests)
 {
     auto* jsonmib_table = static_cast<jsonmib_table_info_t*>(handler->myvoid);
-    jsonmib_seek_t* seek = &jsonmib_table->seek;
+    if (jsonmib_cell_is_first_look(reqinfo)) {
+        return SNMP_ERR_NOERROR;
+    }
     named_cell_t cell = {};
-    if (!name_cell(jsonmib_table, reginfo, reqinfo->mode, requests, &cell) ||
-        !(reqinfo->mode == MODE_GET
-              ? jsonmib_seek_exact(jsonmib_table, cell.suffix, cell.len, seek)
-              : jsonmib_seek_next(jsonmib_table, cell.suffix, cell.len, seek))) {
+    if (!name_cell(jsonmib_table, reginfo, reqinfo->mode, requests, &cell)) {
+        return netsnmp_call_next_handler(handler, reginfo, reqinfo, requests);
+    }
+    const bool found = find_row(jsonmib_table, reqinfo->mode, requests, &cell);
+    if (!found && reqinfo->mode == MODE_GETNEXT && passed_slots(jsonmib_table, cell.column) != 0) {
+        return SNMP_ERR_NOERROR; /* the search goes on behind the table */
+    }
+    if (!found || !may_pass_helpers(reqinfo->mode, &cell)) {
         return netsnmp_call_next_handler(handler, reginfo, reqinfo, requests);
     }
     const netsnmp_mib_handler* above = handler;
@@ -50,16 +63,15 @@ int jsonmib_row_helper_handler(netsnmp_mib_handler* handler, netsnmp_handler_reg
         above = above->next;
     }
     if (reqinfo->mode == MODE_GETNEXT) {
-        name_row(reginfo, jsonmib_table, requests->requestvb);
+        name_row(reginfo, jsonmib_table, cell.column, requests->requestvb);
     }
     netsnmp_table_request_info row = row_context(jsonmib_table);
     return serve_row(above->next, reginfo, reqinfo, requests, cell.column, &row);
 }
 
 /*
- * True when one GET or GETNEXT begins with the name of a column of the table.
- * Whoever reads debug texts shall read those of the table helper, the iterator
- * and its callbacks too: everything goes their way then.
+ * True when one GET or GETNEXT begins with the name of a column of the table,
+ * or comes before its first column while walks go past unreadable cells.
  */
 static bool name_cell(const jsonmib_table_info_t* jsonmib_table,
                       const netsnmp_handler_registration* reginfo, int mode,
@@ -67,15 +79,70 @@ static bool name_cell(const jsonmib_table_info_t* jsonmib_table,
 {
     const netsnmp_variable_list* var = request->requestvb;
     const size_t root_len = reginfo->rootoid_len;
-    if (snmp_get_do_debugging() != 0 || (mode != MODE_GET && mode != MODE_GETNEXT) ||
-        request->processed != 0 || request->next != nullptr || request->parent_data != nullptr ||
-        (mode == MODE_GET && var->type != ASN_NULL) || var->name_length < root_len + INDEX_OFS ||
-        !std::equal(var->name, var->name + root_len, reginfo->rootoid)) {
+    if ((mode != MODE_GET && mode != MODE_GETNEXT) || request->processed != 0 ||
+        request->next != nullptr || request->parent_data != nullptr ||
+        (mode == MODE_GET && var->type != ASN_NULL)) {
         return false;
     }
-    const oid* behind = var->name + root_len;
-    *cell = {behind[1], behind + INDEX_OFS, var->name_length - root_len - INDEX_OFS};
-    return behind[0] == ENTRY && cell->column >= 1 && cell->column <= jsonmib_table->param_total;
+    const size_t common = std::min<size_t>(var->name_length, root_len);
+    const bool inside = std::equal(var->name, var->name + common, reginfo->rootoid);
+    if (inside && var->name_length >= root_len + INDEX_OFS && var->name[root_len] == ENTRY &&
+        var->name[root_len + 1] >= 1 && var->name[root_len + 1] <= jsonmib_table->param_total) {
+        *cell = {static_cast<uint32_t>(var->name[root_len + 1]), var->name + root_len + INDEX_OFS,
+                 var->name_length - root_len - INDEX_OFS, false};
+        return true;
+    }
+    *cell = {1, nullptr, 0, false};
+    return mode == MODE_GETNEXT && jsonmib_table->tpg_context->jsonmib_later.skip_unreadable &&
+           (inside ? var->name_length <= root_len + 1 &&
+                         (var->name_length <= root_len || var->name[root_len] <= ENTRY)
+                   : snmp_oid_compare(var->name, var->name_length, reginfo->rootoid, root_len) < 0);
+}
+
+/*
+ * Whoever reads debug texts shall read those of the table helper, the iterator
+ * and its callbacks too. They cannot serve the very row that a GETNEXT names.
+ */
+static bool may_pass_helpers(int mode, const named_cell_t* cell)
+{
+    return snmp_get_do_debugging() == 0 || (mode == MODE_GETNEXT && cell->exact);
+}
+
+/* Finds the row that answers, in this column or the next that has one, which is put in *cell. */
+static bool find_row(jsonmib_table_info_t* jsonmib_table, int mode,
+                     const netsnmp_request_info* request, named_cell_t* cell)
+{
+    jsonmib_seek_t* seek = &jsonmib_table->seek;
+    seek->passed_slots = mode == MODE_GET ? 0 : passed_slots(jsonmib_table, cell->column);
+    if ((mode == MODE_GET || request->inclusive != 0) &&
+        jsonmib_seek_exact(jsonmib_table, cell->suffix, cell->len, seek)) {
+        cell->exact = true;
+        return true;
+    }
+    while (mode != MODE_GET) {
+        if (jsonmib_seek_next(jsonmib_table, cell->suffix, cell->len, seek)) {
+            return true;
+        }
+        if (cell->column >= jsonmib_table->param_total) {
+            break;
+        }
+        *cell = {cell->column + 1, nullptr, 0, false};
+        seek->passed_slots = passed_slots(jsonmib_table, cell->column);
+    }
+    return false;
+}
+
+/* The slots whose cells of this column a walk goes past; the agent's own values are always there.
+ */
+static uint32_t passed_slots(const jsonmib_table_info_t* jsonmib_table, uint32_t column)
+{
+    tpg_context_t* ctx = jsonmib_table->tpg_context;
+    const jsonmib_table_param_info_t* param = &jsonmib_table->param_info[column - 1];
+    if (!ctx->jsonmib_later.skip_unreadable || (param->flags & JSONMIB_PARAM_INDEX) != 0 ||
+        ((jsonmib_table->flags & JSONMIB_TABLE_FAULT) != 0 && jsonmib_fault_is_switch(param))) {
+        return 0;
+    }
+    return jsonmib_queue_unreadable(ctx);
 }
 
 /* The row that was found, as the iterator's callbacks would hand it out, but without memory. */
@@ -98,13 +165,13 @@ static netsnmp_table_request_info row_context(const jsonmib_table_info_t* jsonmi
  * helper and the iterator would leave beside it.
  */
 static int serve_row(netsnmp_mib_handler* iterator, netsnmp_handler_registration* reginfo,
-                     netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request, oid column,
-                     netsnmp_table_request_info* row)
+                     netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request,
+                     uint32_t column, netsnmp_table_request_info* row)
 {
     static char table_name[] = TABLE_HANDLER_NAME;
     static char iterator_name[] = TABLE_ITERATOR_NAME;
     netsnmp_table_request_info asked = {};
-    asked.colnum = static_cast<unsigned>(column);
+    asked.colnum = column;
     netsnmp_data_list beside_row = {nullptr, iterator_name, row, nullptr};
     netsnmp_data_list beside = {&beside_row, table_name, &asked, nullptr};
     request->parent_data = &beside;
@@ -116,12 +183,15 @@ static int serve_row(netsnmp_mib_handler* iterator, netsnmp_handler_registration
     return status;
 }
 
-/* Gives the variable, which names a column of the table, the name of the row that was found. */
+/* Gives the variable the name of the cell that was found. */
 static void name_row(const netsnmp_handler_registration* reginfo,
-                     const jsonmib_table_info_t* jsonmib_table, netsnmp_variable_list* var)
+                     const jsonmib_table_info_t* jsonmib_table, uint32_t column,
+                     netsnmp_variable_list* var)
 {
     oid name[MAX_OID_LEN];
-    oid* end = std::copy_n(var->name, reginfo->rootoid_len + INDEX_OFS, name);
+    oid* end = std::copy_n(reginfo->rootoid, reginfo->rootoid_len, name);
+    *end++ = ENTRY;
+    *end++ = column;
     end = std::copy_n(jsonmib_table->seek.values, jsonmib_table->index_used, end);
     snmp_set_var_objid(var, name, static_cast<size_t>(end - name));
 }
@@ -152,6 +222,7 @@ static void aim(jsonmib_table_info_t* jsonmib_table, const netsnmp_handler_regis
     const size_t len = var->name_length > fixed ? var->name_length - fixed : 0;
     const oid* suffix = var->name + std::min(fixed, var->name_length);
     seek->active = true;
+    seek->passed_slots = 0;
     if (exact) {
         seek->found = jsonmib_seek_exact(jsonmib_table, suffix, len, seek);
     } else {
@@ -186,8 +257,10 @@ static bool next_slot(const jsonmib_table_info_t* jsonmib_table, const jsonmib_i
         return false;
     }
     const char* family = jsonmib_table->jsonmib_reginfo->libmib_reginfo.prod_family;
-    const auto below = static_cast<uint32_t>(from > 0 ? from - 1 : 0);
-    *value = jsonmib_get_next_instance(jsonmib_table->tpg_context, family, below);
+    *value = static_cast<uint32_t>(from > 0 ? from - 1 : 0);
+    do {
+        *value = jsonmib_get_next_instance(jsonmib_table->tpg_context, family, *value);
+    } while ((jsonmib_table->seek.passed_slots & (1U << *value)) != 0);
     return *value != 0;
 }
 

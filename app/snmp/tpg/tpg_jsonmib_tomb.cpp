@@ -1,5 +1,6 @@
 #include "tpg_jsonmib_tomb.h"
 
+#include "tpg_jsonmib_cell.h"
 #include "tpg_log.h"
 
 #include <algorithm>
@@ -8,14 +9,14 @@
 #include <utility>
 
 static netsnmp_handler_registration* take(jsonmib_tombs_t*, uint32_t);
-static void bury(jsonmib_tombs_t*, uint32_t);
+static void bury(tpg_context_t*, uint32_t);
 static netsnmp_handler_registration* revive(netsnmp_handler_registration*,
                                             netsnmp_handler_registration*);
 static void rename(netsnmp_handler_registration*, netsnmp_handler_registration*);
 static void replace_chain(netsnmp_handler_registration*, netsnmp_mib_handler*);
 static netsnmp_subtree* tree_of(const netsnmp_handler_registration*);
 static bool stands_alone(const netsnmp_handler_registration*);
-static void unregister(netsnmp_handler_registration*);
+static void unregister(tpg_context_t*, netsnmp_handler_registration*);
 static void join_roots(const oid*, const oid*, size_t);
 static bool is_root(const netsnmp_subtree*);
 static void absorb_next(netsnmp_subtree*);
@@ -34,6 +35,7 @@ netsnmp_handler_registration* jsonmib_tomb_register(tpg_context_t* ctx,
                                                     netsnmp_handler_registration* registration)
 {
     jsonmib_tombs_t* tombs = &ctx->jsonmib_tombs;
+    jsonmib_cells_settle(ctx);
     for (uint32_t i = tombs->total; i-- > 0;) {
         const netsnmp_handler_registration* tomb = tombs->registration[i];
         if (snmp_oidtree_compare(tomb->rootoid, tomb->rootoid_len, registration->rootoid,
@@ -43,8 +45,9 @@ netsnmp_handler_registration* jsonmib_tomb_register(tpg_context_t* ctx,
         if (tomb->rootoid_len == registration->rootoid_len) {
             return revive(take(tombs, i), registration);
         }
-        bury(tombs, i);
+        bury(ctx, i);
     }
+    jsonmib_cells_settle(ctx); /* talking to the master brings requests */
     /* The library has released a registration that it could not make, with all that hangs on it. */
     return netsnmp_register_handler(registration) == MIB_REGISTERED_OK ? registration : nullptr;
 }
@@ -78,20 +81,21 @@ static void rename(netsnmp_handler_registration* tomb, netsnmp_handler_registrat
 void jsonmib_tomb_withdraw(tpg_context_t* ctx, netsnmp_handler_registration* registration)
 {
     jsonmib_tombs_t* tombs = &ctx->jsonmib_tombs;
+    jsonmib_cells_settle(ctx);
     if (!stands_alone(registration)) {
-        unregister(registration);
+        unregister(ctx, registration);
         return;
     }
     netsnmp_mib_handler* handler = netsnmp_create_handler(HANDLER_NAME, answer_nothing);
     if (handler == nullptr) {
         TPG_WARN(ctx, "no memory for a tombstone, table %s goes at once",
                  registration->handlerName);
-        unregister(registration);
+        unregister(ctx, registration);
         return;
     }
     replace_chain(registration, handler);
     if (tombs->total == JSONMIB_TOMB_MAX) {
-        bury(tombs, 0);
+        bury(ctx, 0);
     }
     tombs->registration[tombs->total++] = registration;
     start_quiet_time(ctx);
@@ -131,7 +135,7 @@ static void replace_chain(netsnmp_handler_registration* registration, netsnmp_mi
  * when the table goes: without the joining each new OID would leave two of them
  * for ever, and every search would be longer.
  */
-static void unregister(netsnmp_handler_registration* registration)
+static void unregister(tpg_context_t* ctx, netsnmp_handler_registration* registration)
 {
     oid start[MAX_OID_LEN];
     oid end[MAX_OID_LEN];
@@ -139,7 +143,9 @@ static void unregister(netsnmp_handler_registration* registration)
     std::copy_n(registration->rootoid, len, start);
     std::copy_n(registration->rootoid, len, end);
     end[len - 1]++;
+    jsonmib_cells_settle(ctx);
     netsnmp_unregister_handler(registration); /* has emptied the cache of searches */
+    jsonmib_cells_settle(ctx);
     const int cache = netsnmp_get_lookup_cache_size();
     netsnmp_set_lookup_cache_size(0);
     join_roots(start, end, len);
@@ -201,9 +207,9 @@ static netsnmp_handler_registration* take(jsonmib_tombs_t* tombs, uint32_t i)
     return registration;
 }
 
-static void bury(jsonmib_tombs_t* tombs, uint32_t i)
+static void bury(tpg_context_t* ctx, uint32_t i)
 {
-    unregister(take(tombs, i));
+    unregister(ctx, take(&ctx->jsonmib_tombs, i));
 }
 
 /*
@@ -256,7 +262,7 @@ void jsonmib_tomb_sweep(tpg_context_t* ctx)
 {
     jsonmib_tombs_t* tombs = &ctx->jsonmib_tombs;
     while (tombs->total > 0 && requests_served() == tombs->requests) {
-        bury(tombs, 0);
+        bury(ctx, 0);
     }
     tombs->requests = requests_served();
     if (tombs->total == 0) {

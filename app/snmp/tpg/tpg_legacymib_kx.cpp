@@ -1,6 +1,8 @@
 #include "tpg_legacymib_kx.h"
 
-#include "tpg_jsonmib_ctrl.h"
+#include "tpg_jsonmib_cell.h"
+#include "tpg_jsonmib_queue.h"
+#include "tpg_log.h"
 #include "uevgend_msg_i.h"
 
 #include <net-snmp/agent/util_funcs/header_generic.h>
@@ -17,6 +19,13 @@ struct legacymib_write_t;
 union legacymib_value_t;
 
 static int legacymib_register(const tpg_context_t*, const legacymib_group_t&);
+static int legacymib_inject(const oid*, size_t, const variable2&);
+static int legacymib_helper_handler(netsnmp_mib_handler*, netsnmp_handler_registration*,
+                                    netsnmp_agent_request_info*, netsnmp_request_info*);
+static int legacymib_serve(netsnmp_mib_handler*, netsnmp_handler_registration*,
+                           netsnmp_agent_request_info*, netsnmp_request_info*);
+static bool legacymib_find(netsnmp_mib_handler*, netsnmp_handler_registration*,
+                           netsnmp_agent_request_info*, netsnmp_request_info*, int, jsonmib_ask_t*);
 
 static u_char* legacymib_read_mapped(const legacymib_mapped_t&, legacymib_value_t*,
                                      const legacymib_find_t&);
@@ -35,6 +44,7 @@ static bool legacymib_written_integer(const legacymib_write_t&, uint32_t*);
 static int legacymib_set_string(legacymib_var_map_t, uint32_t, const legacymib_write_t&);
 
 constexpr uint32_t LEGACYMIB_SLOT = 1; /* whose daemon holds every value */
+constexpr char LEGACYMIB_HANDLER_NAME[] = "tpg_legacymib";
 constexpr size_t LEGACYMIB_STRING_MAX = 128;
 /* The daemon's messages count their bytes in 16 bits. */
 constexpr size_t LEGACYMIB_SET_MAX = UINT16_MAX - UEVGEND_DATA_OFS;
@@ -247,8 +257,32 @@ static int legacymib_register(const tpg_context_t* ctx, const legacymib_group_t&
     const size_t base_len = tpg_legacymib_kx_oid(ctx, {group.arcs, group.arc_total}, base);
     /* The library takes every width of its records by this pointer. */
     const auto* columns = reinterpret_cast<const variable*>(group.columns.data());
-    return register_mib(group.name, columns, sizeof(variable2), group.columns.size(), base,
-                        base_len);
+    const int result =
+        register_mib(group.name, columns, sizeof(variable2), group.columns.size(), base, base_len);
+    for (const variable2& registered : group.columns) {
+        if (result == MIB_REGISTERED_OK && legacymib_inject(base, base_len, registered) != 0) {
+            TPG_ERROR(&ctx_local, "%s: no memory, its column %u makes the agent wait", group.name,
+                      registered.magic);
+        }
+    }
+    return result;
+}
+
+/* Puts the agent's handler in front of the library's for one column; -1 without memory. */
+static int legacymib_inject(const oid* base, size_t base_len, const variable2& registered)
+{
+    oid name[TPG_OID_MAX];
+    oid* end = std::copy_n(registered.name, registered.namelen, std::copy_n(base, base_len, name));
+    const netsnmp_subtree* tree =
+        netsnmp_subtree_find(name, static_cast<size_t>(end - name), nullptr, nullptr);
+    netsnmp_mib_handler* handler =
+        netsnmp_create_handler(LEGACYMIB_HANDLER_NAME, legacymib_helper_handler);
+    if (tree == nullptr || handler == nullptr ||
+        netsnmp_inject_handler(tree->reginfo, handler) != SNMPERR_SUCCESS) {
+        netsnmp_handler_free(handler);
+        return -1;
+    }
+    return 0;
 }
 
 size_t tpg_legacymib_kx_oid(const tpg_context_t* ctx, std::span<const oid> arcs, oid* name)
@@ -257,6 +291,93 @@ size_t tpg_legacymib_kx_oid(const tpg_context_t* ctx, std::span<const oid> arcs,
     *end++ = ctx->mib_kx_node_oid;
     end = std::copy(arcs.begin(), arcs.end(), end);
     return static_cast<size_t>(end - name);
+}
+
+/* ---- requests ---- */
+
+/*
+ * Where the read functions leave what they would ask the daemon, while the
+ * agent's handler has them called to learn just that; null: they ask it.
+ */
+static jsonmib_ask_t* legacymib_learns;
+
+/* Reads are answered later; a write waits, and what is read for it too. */
+static int legacymib_helper_handler(netsnmp_mib_handler* handler,
+                                    netsnmp_handler_registration* reginfo,
+                                    netsnmp_agent_request_info* reqinfo,
+                                    netsnmp_request_info* requests)
+{
+    if (reqinfo->mode != MODE_GET && reqinfo->mode != MODE_GETNEXT) {
+        return netsnmp_call_next_handler(handler, reginfo, reqinfo, requests);
+    }
+    if (jsonmib_cell_is_first_look(reqinfo)) {
+        return SNMP_ERR_NOERROR;
+    }
+    for (netsnmp_request_info* request = requests; request != nullptr; request = request->next) {
+        netsnmp_request_info* const others = request->next;
+        request->next = nullptr;
+        const int status =
+            request->processed != 0 ? 0 : legacymib_serve(handler, reginfo, reqinfo, request);
+        request->next = others;
+        if (status != SNMP_ERR_NOERROR) {
+            netsnmp_set_request_error(reqinfo, request, status);
+            return status;
+        }
+    }
+    return SNMP_ERR_NOERROR;
+}
+
+static int legacymib_serve(netsnmp_mib_handler* handler, netsnmp_handler_registration* reginfo,
+                           netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request)
+{
+    jsonmib_ask_t ask = {};
+    const bool very_name = reqinfo->mode == MODE_GETNEXT && request->inclusive != 0;
+    if ((!very_name || !legacymib_find(handler, reginfo, reqinfo, request, MODE_GET, &ask)) &&
+        !legacymib_find(handler, reginfo, reqinfo, request, reqinfo->mode, &ask)) {
+        return SNMP_ERR_NOERROR;
+    }
+    if (ask.failed == nullptr || jsonmib_cell_is_beyond(reqinfo, request)) {
+        return SNMP_ERR_NOERROR; /* a value of the agent's own, or one that nobody wants */
+    }
+    return jsonmib_cell_read(&ctx_local, reqinfo, request, request->requestvb, &ask);
+}
+
+/* True when there is such an instance: it has its value then, or *ask tells where that is. */
+static bool legacymib_find(netsnmp_mib_handler* handler, netsnmp_handler_registration* reginfo,
+                           netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request,
+                           int mode, jsonmib_ask_t* ask)
+{
+    const int asked_mode = reqinfo->mode;
+    reqinfo->mode = mode;
+    legacymib_learns = ask;
+    netsnmp_call_next_handler(handler, reginfo, reqinfo, request);
+    legacymib_learns = nullptr;
+    reqinfo->mode = asked_mode;
+    return ask->failed != nullptr || request->requestvb->type != ASN_NULL;
+}
+
+/* A board that does not answer has no such instance, as the library would say of a read function
+ * that gives nothing. */
+static int legacymib_absent(tpg_context_t* ctx, const jsonmib_ask_t* ask, int result)
+{
+    (void)ctx;
+    (void)ask;
+    (void)result;
+    return JSONMIB_CELL_ABSENT;
+}
+
+static jsonmib_ask_t legacymib_ask(legacymib_var_map_t var, uint32_t index, u_char type,
+                                   uint32_t length)
+{
+    jsonmib_ask_t ask = {};
+    ask.slot_no = LEGACYMIB_SLOT;
+    ask.var_id = var.varid;
+    ask.index = index;
+    ask.length = length;
+    ask.type = type;
+    ask.shift = type == ASN_INTEGER ? var.is_enum : 0;
+    ask.failed = legacymib_absent;
+    return ask;
 }
 
 /* ---- reading ---- */
@@ -413,6 +534,10 @@ static u_char* legacymib_get_integer(const legacymib_find_t& find, legacymib_val
                                      legacymib_var_map_t var, uint32_t index)
 {
     uint32_t integer = 0;
+    if (legacymib_learns != nullptr) {
+        *legacymib_learns = legacymib_ask(var, index, ASN_INTEGER, sizeof(integer));
+        return nullptr;
+    }
     if (jsonmib_ctrl_get(&ctx_local, LEGACYMIB_SLOT, var.varid, index, &integer, sizeof(integer)) !=
         0) {
         return nullptr;
@@ -423,6 +548,10 @@ static u_char* legacymib_get_integer(const legacymib_find_t& find, legacymib_val
 static u_char* legacymib_get_string(const legacymib_find_t& find, legacymib_value_t* value,
                                     legacymib_var_map_t var, uint32_t index)
 {
+    if (legacymib_learns != nullptr) {
+        *legacymib_learns = legacymib_ask(var, index, ASN_OCTET_STR, LEGACYMIB_STRING_MAX);
+        return nullptr;
+    }
     memset(value->string, 0, sizeof(value->string));
     if (jsonmib_ctrl_get(&ctx_local, LEGACYMIB_SLOT, var.varid, index, value->string,
                          sizeof(value->string)) != 0) {

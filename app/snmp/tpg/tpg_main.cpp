@@ -1,5 +1,6 @@
 #include "tpg_main.h"
 
+#include "tpg_jsonmib_cell.h"
 #include "tpg_legacymib_kx.h"
 #include "tpg_log.h"
 #include "tpg_main_cardmib.h"
@@ -164,6 +165,7 @@ static int attach_to_master(tpg_context_t* ctx)
         TPG_ERROR(ctx, "init_agent failed!");
         return -1;
     }
+    jsonmib_cells_read_config(AGENT_NAME);
     init_snmp(AGENT_NAME);
     netsnmp_set_lookup_cache_size(LOOKUP_CACHE_DEFAULT);
     return 0;
@@ -212,7 +214,7 @@ static void tpg_levent_init(tpg_context_t* ctx)
     list_init(&ctx->ipc_clnt_list);
     levent_snmp_watch_sessions(ctx);
     tpg_create_svr_listener(ctx);
-    ctx->lev_snmp_timeout = event_new(ctx->levent_base, -1, 0, levent_snmp_timeout, ctx);
+    ctx->lev_snmp_timeout = event_new(ctx->levent_base, -1, 0, levent_snmp_timer_ran_out, ctx);
     assert((ctx->lev_snmp_timeout));
     for (const int sig : {SIGINT, SIGTERM, SIGSEGV, SIGQUIT}) {
         add_signal(ctx, sig);
@@ -236,9 +238,14 @@ static void run_loop(tpg_context_t* ctx)
 {
     while (event_base_got_break(ctx->levent_base) == 0 &&
            event_base_got_exit(ctx->levent_base) == 0) {
-        if (event_base_loop(ctx->levent_base, EVLOOP_ONCE) != 0) {
+        ctx->jsonmib_later.loop_busy = true;
+        const int ended = event_base_loop(ctx->levent_base, EVLOOP_ONCE);
+        ctx->jsonmib_later.loop_busy = false;
+        if (ended != 0) {
             break;
         }
+        levent_snmp_serve(ctx);
+        tpg_svr_serve_held(ctx);
     }
 }
 

@@ -1,5 +1,6 @@
 #include "tpg_main_levent.h"
 
+#include "tpg_jsonmib_cell.h"
 #include "tpg_log.h"
 #include "tpg_snmp.h"
 
@@ -17,6 +18,10 @@
 static int keep_wanted(tpg_context_t*, int, fd_set*, int*);
 static int add_unwatched(tpg_context_t*, int, const fd_set*);
 static void watch(tpg_context_t*, int);
+static void readable_cb(int, short, void*);
+static tpg_lev_snmpfd_t* next_ready(const tpg_context_t*);
+static void read_pipes(const tpg_context_t*, int);
+static void resume(tpg_lev_snmpfd_t*);
 static bool is_pipe(tpg_context_t*, int);
 static void arm_timer(tpg_context_t*, int, const timeval*);
 static void read_session(int);
@@ -105,13 +110,14 @@ static void watch(tpg_context_t* ctx, int fd)
         TPG_ERROR(ctx, "unable to allocate memory for new SNMP event, %s", strerror(errno));
         return;
     }
+    entry->ctx = ctx;
     entry->pipe = is_pipe(ctx, fd);
     evutil_make_socket_nonblocking(fd);
     if (!entry->pipe) {
         /* A registration or trap behind an answer would wait for the answer's acknowledgement. */
         set_tcp_option(fd, TCP_NODELAY);
     }
-    entry->ev = event_new(ctx->levent_base, fd, EV_READ | EV_PERSIST, levent_snmp_read, ctx);
+    entry->ev = event_new(ctx->levent_base, fd, EV_READ | EV_PERSIST, readable_cb, entry);
     if (entry->ev == nullptr) {
         TPG_ERROR(ctx, "unable to allocate a new SNMP event for FD %d", fd);
         free(entry);
@@ -181,12 +187,92 @@ static void acknowledge(tpg_context_t* ctx)
     }
 }
 
+/* ---- the loop's turn ---- */
+
+/*
+ * What comes for the library is read behind the turn of the event loop, not in
+ * it: a SET, which waits for its card, can then let the loop go on. While one
+ * waits, no other request is read.
+ */
+static void readable_cb(int fd, short what, void* arg)
+{
+    (void)fd;
+    (void)what;
+    auto* entry = static_cast<tpg_lev_snmpfd_t*>(arg);
+    entry->ready = true;
+    if (entry->ctx->jsonmib_later.waiting > 0) {
+        event_del(entry->ev); /* or the loop would report it again and again */
+        entry->paused = true;
+    }
+}
+
+void levent_snmp_timer_ran_out(int fd, short what, void* arg)
+{
+    (void)fd;
+    (void)what;
+    static_cast<tpg_context_t*>(arg)->snmp_timer_due = true;
+}
+
+/* Null when none is. */
+static tpg_lev_snmpfd_t* next_ready(const tpg_context_t* ctx)
+{
+    const list_head* end = &ctx->lev_snmp_fd_list;
+    for (list_head* node = end->next; node != end; node = node->next) {
+        tpg_lev_snmpfd_t* entry = list_entry(node, tpg_lev_snmpfd_t, ev_node);
+        if (entry->ready) {
+            return entry;
+        }
+    }
+    return nullptr;
+}
+
+/* Reading may end the session and with it any entry. */
+void levent_snmp_serve(tpg_context_t* ctx)
+{
+    for (tpg_lev_snmpfd_t* entry = next_ready(ctx); entry != nullptr; entry = next_ready(ctx)) {
+        entry->ready = false;
+        if (entry->paused) {
+            resume(entry);
+        }
+        levent_snmp_read(event_get_fd(entry->ev), EV_READ, ctx);
+    }
+    if (ctx->snmp_timer_due) {
+        ctx->snmp_timer_due = false;
+        ctx->jsonmib_later.loop_busy = true; /* tombstones may be swept */
+        levent_snmp_timeout(-1, EV_TIMEOUT, ctx);
+        ctx->jsonmib_later.loop_busy = false;
+    }
+    if (jsonmib_cells_answer(ctx)) {
+        read_pipes(ctx, -1);
+        levent_snmp_update(ctx);
+    }
+    jsonmib_cells_turn_over(ctx);
+}
+
+static void resume(tpg_lev_snmpfd_t* entry)
+{
+    entry->paused = false;
+    if (event_add(entry->ev, nullptr) == -1) {
+        TPG_ERROR(entry->ctx, "unable to schedule new SNMP event for FD %d",
+                  event_get_fd(entry->ev));
+    }
+}
+
 /*
  * The library hands a request from its AgentX session to its agent, and the
  * answer back, through two pipes. Reading them at once, in that order (that of
  * their making), saves two turns of the event loop a request; an empty one is
  * left at once, since it does not block.
  */
+static void read_pipes(const tpg_context_t* ctx, int but)
+{
+    for (int pipe = next_pipe(ctx, -1); pipe != -1; pipe = next_pipe(ctx, pipe)) {
+        if (pipe != but) {
+            read_session(pipe);
+        }
+    }
+}
+
 void levent_snmp_read(int fd, short what, void* arg)
 {
     (void)what;
@@ -194,13 +280,9 @@ void levent_snmp_read(int fd, short what, void* arg)
     TPG_TRACE(ctx, "snmpread", "%s(): enter", __func__);
     const u_int answers = snmp_get_statistic(STAT_SNMPOUTPKTS);
     read_session(fd);
-    for (int pipe = next_pipe(ctx, -1); pipe != -1; pipe = next_pipe(ctx, pipe)) {
-        if (pipe != fd) {
-            read_session(pipe);
-        }
-    }
+    read_pipes(ctx, fd);
     if (snmp_get_statistic(STAT_SNMPOUTPKTS) == answers) {
-        acknowledge(ctx); /* what has come was no request */
+        acknowledge(ctx); /* nothing has been answered yet */
     }
     levent_snmp_update(ctx);
     TPG_TRACE(ctx, "snmpread", "%s(): exit", __func__);

@@ -15,9 +15,18 @@ void levent_snmp_update(tpg_context_t* ctx);
  */
 void levent_snmp_settle(tpg_context_t* ctx);
 
-/* Event callbacks of a descriptor and of the timer; arg is the context. */
+/*
+ * To be called behind every turn of the event loop: reads what has come for the
+ * library, runs its timers, and answers the requests whose cards have answered.
+ */
+void levent_snmp_serve(tpg_context_t* ctx);
+
+/* A descriptor has something to read; the timer has run out. arg is the context. */
 void levent_snmp_read(int fd, short what, void* arg);
 void levent_snmp_timeout(int fd, short what, void* arg);
+
+/* Event callback of the timer: its work is done behind the loop's turn. */
+void levent_snmp_timer_ran_out(int fd, short what, void* arg);
 
 /*
  * To be called once, when the list of descriptors is set up: from then on a

@@ -1,6 +1,6 @@
 #include "tpg_main_server.h"
 
-#include "tpg_jsonmib_ctrl.h"
+#include "tpg_jsonmib_queue.h"
 #include "tpg_log.h"
 #include "tpg_main_levent.h"
 #include "tpg_main_registry.h"
@@ -35,7 +35,13 @@ static void dispatch(tpg_context_t*, tpg_ipc_clnt_t*);
 static void dispatch_libmib_update(tpg_context_t*, tpg_ipc_clnt_t*, const com_msg_head_t*);
 static void dispatch_trap_notify(tpg_context_t*, tpg_ipc_clnt_t*, const com_msg_head_t*);
 static int send_update_ack(tpg_context_t*, tpg_ipc_clnt_t*);
+static void carry_out_update(tpg_context_t*, tpg_msg_libmib_update_t*, tpg_ipc_clnt_t*);
 static void withdraw_slot(tpg_context_t*, uint32_t);
+static void end_connection(tpg_ipc_clnt_t*, short, int);
+static bool must_hold(const tpg_context_t*);
+static void hold(tpg_ipc_clnt_t*);
+static void serve_held(tpg_ipc_clnt_t*);
+static void watch_again(tpg_ipc_clnt_t*);
 
 constexpr int32_t HEAD_LEN = sizeof(com_msg_head_t);
 constexpr timeval REREAD_DELAY = {0, 5000};
@@ -182,9 +188,15 @@ void tpg_svr_accept_cb(evconnlistener* listener, int fd, sockaddr* address, int 
     TPG_INFO(ctx, "Accepted Connection FD %d", fd);
 }
 
+static bool is_held(const tpg_ipc_clnt_t* client)
+{
+    return client->held.message || client->held.events != 0;
+}
+
 static void free_client(tpg_ipc_clnt_t* client)
 {
     tpg_context_t* ctx = client->ctx;
+    ctx->ipc_clnt_held -= is_held(client) ? 1 : 0;
     tpg_log_settle(ctx, &client->log_budget);
     bufferevent_free(client->bev);
     client->bev = nullptr;
@@ -214,7 +226,7 @@ static void withdraw_slot(tpg_context_t* ctx, uint32_t slot)
         return;
     }
     tpg_proc_libmib_unregister(ctx, &ctx->jsonmib_reg_info[slot - 1].libmib_reginfo);
-    jsonmib_ipc_disconnect(ctx, slot);
+    jsonmib_queue_disconnect(ctx, slot);
     levent_snmp_settle(ctx);
 }
 
@@ -222,18 +234,89 @@ void tpg_svr_conn_eventcb(bufferevent* bev, short events, void* arg)
 {
     (void)bev;
     auto* client = static_cast<tpg_ipc_clnt_t*>(arg);
-    tpg_context_t* ctx = client->ctx;
     const int error = errno;
-    TPG_ERROR(ctx, "got event 0x%x", static_cast<unsigned>(events));
+    TPG_ERROR(client->ctx, "got event 0x%x", static_cast<unsigned>(events));
+    if ((events & (BEV_EVENT_EOF | BEV_EVENT_ERROR)) == 0) {
+        return;
+    }
+    if (must_hold(client->ctx)) {
+        hold(client);
+        client->held.events = events;
+        client->held.error = error;
+        return;
+    }
+    end_connection(client, events, error);
+}
+
+static void end_connection(tpg_ipc_clnt_t* client, short events, int error)
+{
+    tpg_context_t* ctx = client->ctx;
     if ((events & BEV_EVENT_EOF) != 0) {
         TPG_INFO(ctx, "Connection FD %d to client PID %d closed", client->acc_fd, client->clnt_pid);
-    } else if ((events & BEV_EVENT_ERROR) != 0) {
-        TPG_ERROR(ctx, "Got an error on the connection: %s", strerror(error));
     } else {
-        return;
+        TPG_ERROR(ctx, "Got an error on the connection: %s", strerror(error));
     }
     withdraw_slot(ctx, client->libmib_reg_slot);
     free_client(client);
+}
+
+/* ---- held back ---- */
+
+/* While a SET is being carried out its table must not go, and no other come. */
+static bool must_hold(const tpg_context_t* ctx)
+{
+    return ctx->jsonmib_later.waiting > 0;
+}
+
+/* Nothing more is read of the client until what it did has been seen to. */
+static void hold(tpg_ipc_clnt_t* client)
+{
+    if (!is_held(client)) {
+        client->ctx->ipc_clnt_held++;
+        bufferevent_disable(client->bev, EV_READ);
+        event_del(client->rdcb_timer);
+    }
+}
+
+void tpg_svr_serve_held(tpg_context_t* ctx)
+{
+    list_head* next = nullptr;
+    ctx->jsonmib_later.loop_busy = true;
+    for (list_head* node = ctx->ipc_clnt_list.next;
+         ctx->ipc_clnt_held > 0 && node != &ctx->ipc_clnt_list; node = next) {
+        next = node->next;
+        tpg_ipc_clnt_t* client = list_entry(node, tpg_ipc_clnt_t, node);
+        if (is_held(client)) {
+            serve_held(client);
+        }
+    }
+    ctx->jsonmib_later.loop_busy = false;
+}
+
+static void serve_held(tpg_ipc_clnt_t* client)
+{
+    tpg_context_t* ctx = client->ctx;
+    const tpg_held_t held = client->held;
+    client->held = {};
+    ctx->ipc_clnt_held--;
+    if (held.message) {
+        tpg_msg_libmib_update_t update = held.update;
+        carry_out_update(ctx, &update, client);
+        levent_snmp_settle(ctx);
+    }
+    if (held.events != 0) {
+        end_connection(client, held.events, held.error);
+    } else {
+        watch_again(client);
+    }
+}
+
+static void watch_again(tpg_ipc_clnt_t* client)
+{
+    if (bufferevent_enable(client->bev, EV_READ) != 0 ||
+        event_add(client->rdcb_timer, &REREAD_DELAY) != 0) {
+        TPG_ERROR(client->ctx, "cannot watch connection FD %d", client->acc_fd);
+    }
 }
 
 /* ---- reader ---- */
@@ -248,9 +331,9 @@ void tpg_svr_conn_readcb(bufferevent* bev, void* arg)
     tpg_context_t* ctx = client->ctx;
     tpg_log_charge(ctx, &client->log_budget);
     TPG_TRACE(ctx, TRACE_READCB, "%s(): enter, state=%d", READCB_NAME, ctx->read_proc.state);
-    const bool whole = read_message(ctx, client, bev);
+    const bool whole = !is_held(client) && read_message(ctx, client, bev);
     tpg_log_charge(ctx, nullptr);
-    if (whole && event_add(client->rdcb_timer, &REREAD_DELAY) != 0) {
+    if (whole && !is_held(client) && event_add(client->rdcb_timer, &REREAD_DELAY) != 0) {
         TPG_WARN(ctx, "FD %d: what else it has sent waits for its next message", client->acc_fd);
     }
 }
@@ -416,7 +499,9 @@ static void dispatch_libmib_update(tpg_context_t* ctx, tpg_ipc_clnt_t* client,
     }
     memcpy(&message, ctx->read_proc.buf, sizeof(message));
     tpg_msg_libmib_update(ctx, &message, client);
-    levent_snmp_settle(ctx);
+    if (!is_held(client)) {
+        levent_snmp_settle(ctx);
+    }
 }
 
 /* Only what the client sent in this message is handed on. */
@@ -465,10 +550,25 @@ void tpg_msg_libmib_update(tpg_context_t* ctx, tpg_msg_libmib_update_t* message,
     if (send_update_ack(ctx, client) < 0) {
         return;
     }
+    if (must_hold(ctx)) {
+        hold(client);
+        client->held.message = true;
+        client->held.update = *message;
+        return;
+    }
+    carry_out_update(ctx, message, client);
+}
+
+static void carry_out_update(tpg_context_t* ctx, tpg_msg_libmib_update_t* message,
+                             tpg_ipc_clnt_t* client)
+{
     const uint32_t slot = message->libmib_update.slot_no;
     switch (message->head.usMsgType) {
     case TPG_MSG_LIBMIB_REGISTER:
         tpg_proc_libmib_register(ctx, &message->libmib_update);
+        if (slot >= 1 && slot <= TPG_SLOT_MAX) {
+            jsonmib_queue_card_came(ctx, slot);
+        }
         if (client->libmib_reg_slot == 0) {
             client->libmib_reg_slot = slot;
         }
@@ -476,7 +576,7 @@ void tpg_msg_libmib_update(tpg_context_t* ctx, tpg_msg_libmib_update_t* message,
     case TPG_MSG_LIBMIB_UNREGISTER:
         tpg_proc_libmib_unregister(ctx, &message->libmib_update);
         if (slot >= 1 && slot <= TPG_SLOT_MAX) {
-            jsonmib_ipc_disconnect(ctx, slot);
+            jsonmib_queue_disconnect(ctx, slot);
         }
         break;
     default:

@@ -1,5 +1,6 @@
 #include "tpg_main_trap.h"
 
+#include "tpg_jsonmib_fault.h"
 #include "tpg_jsonmib_request.h"
 #include "tpg_jsonmib_table.h"
 #include "tpg_legacymib_kx.h"

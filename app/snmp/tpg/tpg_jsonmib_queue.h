@@ -1,0 +1,59 @@
+#ifndef TPG_JSONMIB_QUEUE_H
+#define TPG_JSONMIB_QUEUE_H
+
+/*
+ * Exchanges with the slots' daemons: per slot one is out and the others wait,
+ * all slots side by side. Nothing here waits for a daemon but
+ * jsonmib_ctrl_get, jsonmib_ctrl_set and jsonmib_queue_drive.
+ */
+
+#include "tpg_jsonmib_ctrl.h"
+
+/* What a manager's request has in all, in microseconds: the master gives up after 12 s. */
+constexpr int64_t JSONMIB_CELL_US = 10000000;
+
+/* Microseconds of the monotonic clock. */
+int64_t jsonmib_now();
+
+/*
+ * Starts an exchange, or queues it. True when it is complete already, its
+ * complete function not called; false when that will be called later. The
+ * record, and what it points to, stay in place until then.
+ */
+bool jsonmib_queue_start(tpg_context_t* ctx, jsonmib_exchange_t* exchange);
+
+/* True while some exchange's owner waits for it. */
+bool jsonmib_queue_busy(const tpg_context_t* ctx);
+
+/* Serves the daemons of all slots until then (a time) or until something was complete. */
+void jsonmib_queue_drive(tpg_context_t* ctx, int64_t until);
+
+/* Completes every exchange as failed. */
+void jsonmib_queue_fail_all(tpg_context_t* ctx);
+
+/* Fails what waits in the slot and closes its connection. */
+void jsonmib_queue_disconnect(tpg_context_t* ctx, uint32_t slot_no);
+
+/* The slot has a new card: its daemon gets the full time again. */
+void jsonmib_queue_card_came(tpg_context_t* ctx, uint32_t slot_no);
+
+/* The slots (bit n for slot n) whose cells a walk now goes past: nobody would answer. */
+uint32_t jsonmib_queue_unreadable(const tpg_context_t* ctx);
+
+/* Fails what waits, and lets go of all connections and timers. */
+void jsonmib_queue_release(tpg_context_t* ctx);
+
+/*
+ * Asks the slot's daemon for a variable and waits for the answer; the other
+ * slots are served meanwhile. data (length bytes) is zeroed, and filled only on
+ * success. Returns the daemon's code (0 is success), JSONMIB_CTRL_NOMEM or
+ * JSONMIB_CTRL_TRANSPORT.
+ */
+int jsonmib_ctrl_get(tpg_context_t* ctx, uint32_t slot_no, uint32_t var_id, uint32_t index,
+                     void* data, uint32_t length);
+
+/* Writes length bytes of data to a variable; the rest as for jsonmib_ctrl_get. */
+int jsonmib_ctrl_set(tpg_context_t* ctx, uint32_t slot_no, uint32_t var_id, uint32_t index,
+                     const void* data, uint32_t length);
+
+#endif
