@@ -393,15 +393,15 @@ static int64_t next_deadline(const jsonmib_queue_t* queue)
     return deadline;
 }
 
+/* The loop's clock may stand a little behind: what has run out is what is not pending any more. */
 static void timer_cb(int fd, short what, void* arg)
 {
     (void)fd;
     (void)what;
     auto* ctx = static_cast<tpg_context_t*>(arg);
-    const int64_t now = jsonmib_now();
     for (uint32_t slot_no = 1; slot_no <= TPG_SLOT_MAX; slot_no++) {
         jsonmib_queue_t* queue = queue_of(ctx, slot_no);
-        if (queue->timer_at != 0 && queue->timer_at <= now) {
+        if (queue->timer_at != 0 && event_pending(queue->timer, EV_TIMEOUT, nullptr) == 0) {
             queue->timer_at = 0;
             check_time(ctx, slot_no);
             arm(ctx, slot_no);
@@ -537,27 +537,37 @@ static void complete(tpg_context_t* ctx, jsonmib_exchange_t* exchange, int resul
     }
 }
 
-static void fail_slot(tpg_context_t* ctx, uint32_t slot_no)
+static void give_up(tpg_context_t* ctx, jsonmib_exchange_t* exchange, const char* why)
+{
+    TPG_ERROR(ctx, "gave up a request to slot_no %u: %s", exchange->slot_no, why);
+    complete(ctx, exchange, JSONMIB_CTRL_TRANSPORT);
+}
+
+static void give_up_slot(tpg_context_t* ctx, uint32_t slot_no, const char* why)
 {
     jsonmib_queue_t* queue = queue_of(ctx, slot_no);
     jsonmib_exchange_t* owner = queue->owner;
     if (owner != nullptr) {
         queue->owner = nullptr;
-        timed_out(ctx, owner);
+        give_up(ctx, owner, why);
     }
-    fail_waiting(ctx, slot_no);
+    while (queue->first != nullptr) {
+        jsonmib_exchange_t* waiting = queue->first;
+        take_out(queue, waiting);
+        give_up(ctx, waiting, why);
+    }
 }
 
 void jsonmib_queue_fail_all(tpg_context_t* ctx)
 {
     for (uint32_t slot_no = 1; slot_no <= TPG_SLOT_MAX; slot_no++) {
-        fail_slot(ctx, slot_no);
+        give_up_slot(ctx, slot_no, "tables are about to change");
     }
 }
 
 void jsonmib_queue_disconnect(tpg_context_t* ctx, uint32_t slot_no)
 {
-    fail_slot(ctx, slot_no);
+    give_up_slot(ctx, slot_no, "its card has gone");
     jsonmib_ipc_disconnect(ctx, slot_no);
     forget_connection(queue_of(ctx, slot_no));
 }
@@ -680,6 +690,18 @@ static void abandon(tpg_context_t* ctx, jsonmib_exchange_t* exchange)
     complete(ctx, exchange, JSONMIB_CTRL_TRANSPORT);
 }
 
+/* One turn of the event loop; false when it is to end, and that it must not forget. */
+static bool loop_goes_on(tpg_context_t* ctx)
+{
+    if (event_base_got_break(ctx->levent_base) != 0) {
+        return false;
+    }
+    ctx->jsonmib_later.loop_busy = true;
+    const int ended = event_base_loop(ctx->levent_base, EVLOOP_ONCE);
+    ctx->jsonmib_later.loop_busy = false;
+    return ended == 0 && event_base_got_break(ctx->levent_base) == 0;
+}
+
 /*
  * The event loop goes on, but for requests of the master and changes of the
  * registry, which wait. Where it cannot, in a callback of its own, only the
@@ -694,13 +716,8 @@ static int run_in_place(tpg_context_t* ctx, jsonmib_exchange_t* exchange)
     while (!done) {
         if (ctx->levent_base == nullptr || later->loop_busy) {
             jsonmib_queue_drive(ctx, NEVER);
-        } else {
-            later->loop_busy = true;
-            const int ended = event_base_loop(ctx->levent_base, EVLOOP_ONCE);
-            later->loop_busy = false;
-            if (!exchange->done && (ended != 0 || event_base_got_break(ctx->levent_base) != 0)) {
-                abandon(ctx, exchange);
-            }
+        } else if (!loop_goes_on(ctx) && !exchange->done) {
+            abandon(ctx, exchange);
         }
         done = exchange->done;
     }
