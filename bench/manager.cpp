@@ -1,6 +1,7 @@
 /*
  * Measures all subjects side by side, in interleaved rounds, and prints the
- * table: walks, single requests, several managers at once, traps, registration.
+ * tables: walks, single requests, several managers at once, traps,
+ * registration; and what slow and hung cards cost the others (slow.cpp).
  */
 
 #include "manager.h"
@@ -516,6 +517,8 @@ static void measure_all(void* session, int rounds)
     for (int subject = 1; subject <= SUBJECTS; subject++) {
         row("resident memory, MB")->samples[subject].push_back(resident_mb(pids[subject]));
     }
+    measure_slow(session, cards, fewer);
+    row("resident memory at the end, MB")->samples[BENCH_TPG] = {resident_mb(pids[BENCH_TPG])};
 }
 
 /*
@@ -539,5 +542,6 @@ int main(int argc, char** argv)
     pids[BENCH_PASS] = helper_pid(atoi(argv[6]));
     measure_all(session, rounds);
     print_table();
+    print_slow();
     return incomplete ? EXIT_FAILURE : EXIT_SUCCESS;
 }

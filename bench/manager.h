@@ -53,4 +53,8 @@ void notify(int card, uint32_t slot);
 bool trap_came(int sink, int limit_ms);
 void measure_traps(void* session, const std::vector<int>& cards, int rounds);
 
+/* Requests, SETs and traps beside slow and hung cards; cards[i] is the one in slot i + 1. */
+void measure_slow(void* session, const std::vector<int>& cards, int rounds);
+void print_slow();
+
 #endif
