@@ -72,20 +72,6 @@ static double cpu_time(pid_t pid)
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
 }
 
-/* Managers that ask for the cards, each with its tool, again and again. */
-static std::vector<proc_t> managers_start(const words_t& tools)
-{
-    std::vector<proc_t> managers;
-    for (const std::string& tool : tools) {
-        const std::string oid = tool == "snmpget" ? SPEED + "3" : CARD;
-        managers.push_back(proc_start("manager" + std::to_string(managers.size()),
-                                      {"sh", "-c",
-                                       "while :; do " + tool + " -v2c -c ro -t 1 -r 0 " + SNMPD +
-                                           " " + oid + " >/dev/null 2>&1; done"}));
-    }
-    return managers;
-}
-
 static long number_of_descriptors(pid_t pid)
 {
     const auto fds = fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd");
@@ -217,26 +203,6 @@ TEST_F(World, SwitchesSurvivePowerCutsAndFullFlash)
     ASSERT_EQ(umount(folder.c_str()), 0);
 }
 
-/* The manager's time-out is one stall and what else there is to do. */
-TEST_F(World, OneHungCardDelaysTheOthersByOneStall)
-{
-    shipped_start(&w);
-    tpg_start(&w);
-    cards_start(&w, {3, 4, 5});
-    chassis(&w, "hang 4");
-    for (const std::string& cell : words_t{SPEED + "3", SPEED + "5", PORT + "2.2.3"}) {
-        proc_t hung = proc_start(
-            "hung", {"snmpget", "-v2c", "-c", "ro", "-r0", "-t", "12", SNMPD, SPEED + "4"});
-        const snmp_t reply = snmp("snmpget", {"-t", "8", SNMPD, cell});
-        EXPECT_EQ(reply.vars.size(), 1U) << cell << reply.error;
-        proc_end(&hung, 0);
-        EXPECT_NE(read_file(hung.log).find("genError"), std::string::npos) << read_file(hung.log);
-    }
-    EXPECT_EQ(log_count(w, "ipc timeout on slot_no 4"), 3);
-    chassis(&w, "resume 4");
-    EXPECT_EQ(get(SPEED + "4"), "INTEGER: 40");
-}
-
 TEST_F(World, AfterTheMastersDeathUnderLoadAllIsBackInFiveSeconds)
 {
     shipped_start(&w);
@@ -245,7 +211,7 @@ TEST_F(World, AfterTheMastersDeathUnderLoadAllIsBackInFiveSeconds)
     EXPECT_EQ(set(ALARM + "2.2.4", "i", "1"), "");
     const std::string ports = cells(PORT + "2"), switches = cells(ALARM + "2");
     EXPECT_NE(switches.find("2.4=1"), std::string::npos);
-    std::vector<proc_t> managers = managers_start({"snmpbulkwalk", "snmpbulkwalk", "snmpbulkwalk"});
+    std::vector<proc_t> managers = managers_start(words_t(3, "snmpbulkwalk " + CARD));
     for (int round = 0; round < 3; round++) {
         EXPECT_TRUE(wait_for([&] { return cells(PORT + "2") == ports; }));
         proc_end(&w.snmpd, SIGKILL);
@@ -253,9 +219,7 @@ TEST_F(World, AfterTheMastersDeathUnderLoadAllIsBackInFiveSeconds)
         EXPECT_TRUE(wait_for(
             [&] { return cells(PORT + "2") == ports && cells(ALARM + "2") == switches; }, 5));
     }
-    for (proc_t& manager : managers) {
-        proc_end(&manager, SIGKILL);
-    }
+    managers_end(&managers);
 }
 
 TEST_F(World, CardsComeAndGoUnderManagersWithoutHarmToTheMaster)
@@ -264,7 +228,8 @@ TEST_F(World, CardsComeAndGoUnderManagersWithoutHarmToTheMaster)
     tpg_start(&w);
     cards_start(&w, {3});
     const std::string ports = cells(PORT + "2");
-    std::vector<proc_t> managers = managers_start({"snmpbulkwalk", "snmpwalk", "snmpget"});
+    std::vector<proc_t> managers =
+        managers_start({"snmpbulkwalk " + CARD, "snmpwalk " + CARD, "snmpget " + SPEED + "3"});
     const auto gone = [] {
         return get(SPEED + "3") == "No Such Object available on this agent at this OID";
     };
@@ -275,9 +240,7 @@ TEST_F(World, CardsComeAndGoUnderManagersWithoutHarmToTheMaster)
         ASSERT_TRUE(wait_for([] { return get(SPEED + "3") == "INTEGER: 30"; }));
     }
     EXPECT_EQ(cells(PORT + "2"), ports);
-    for (proc_t& manager : managers) {
-        proc_end(&manager, SIGKILL);
-    }
+    managers_end(&managers);
     EXPECT_EQ(log_count(w, "AgentX master disconnected us"), 0);
 
     chassis(&w, "unplug 3");

@@ -73,13 +73,15 @@ proc_t proc_start(const std::string& name, const words_t& command, bool piped)
     fs::remove(proc.output);
     int in[2] = {-1, -1};
     EXPECT_EQ(piped ? pipe2(in, O_CLOEXEC) : 0, 0) << strerror(errno);
+    const std::vector<char*> argv = argv_of(command);
     proc.pid = fork();
-    if (proc.pid == 0) {
+    if (proc.pid == 0) { /* where nothing is allocated: another thread may hold the allocator */
         const int mode = O_WRONLY | O_CREAT | O_CLOEXEC | O_APPEND;
         dup2(piped ? in[0] : open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
         dup2(open(proc.output.c_str(), mode, 0644), STDOUT_FILENO);
         dup2(open(proc.log.c_str(), mode, 0644), STDERR_FILENO);
-        become(command);
+        execvp(argv[0], argv.data());
+        _exit(127);
     }
     close(in[0]);
     proc.in = in[1];
@@ -104,6 +106,13 @@ int proc_end(proc_t* proc, int signal_no)
         EXPECT_FALSE(has(text, word)) << text;
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+bool running(const proc_t& proc)
+{
+    siginfo_t info = {};
+    return waitid(P_PID, static_cast<id_t>(proc.pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+           info.si_pid == 0;
 }
 
 std::string run(const words_t& command)
@@ -232,12 +241,21 @@ bool log_has(const world_t& world, std::string_view text, int count)
 
 /* --- the command line tools --- */
 
-snmp_t snmp(const std::string& tool, const words_t& args)
+proc_t snmp_start(const std::string& tool, const words_t& args)
+{
+    static int number = 0;
+    return proc_start("tool" + std::to_string(++number),
+                      words_t{tool, "-v2c", "-c", "rw", "-One", "-t", "15", "-r", "0"} + args);
+}
+
+snmp_t snmp_end(proc_t* tool)
 {
     static const std::regex VAR("(\\S+) = (?:([\\w-]+): )?(.*)");
     static const std::regex ERROR("Reason: \\(?(\\w+)|(Timeout)");
-    const std::string text =
-        run(words_t{tool, "-v2c", "-c", "rw", "-One", "-t", "15", "-r", "0"} + args);
+    proc_end(tool, 0);
+    const std::string text = read_file(tool->output) + read_file(tool->log);
+    fs::remove(tool->output);
+    fs::remove(tool->log);
     snmp_t result;
     std::smatch part;
     std::istringstream in(text);
@@ -252,13 +270,25 @@ snmp_t snmp(const std::string& tool, const words_t& args)
     return result;
 }
 
+snmp_t snmp(const std::string& tool, const words_t& args)
+{
+    proc_t proc = snmp_start(tool, args);
+    return snmp_end(&proc);
+}
+
+std::string said(const snmp_t& answer)
+{
+    std::string text;
+    for (const auto& [oid, type, value] : answer.vars) {
+        text.append(text.empty() ? "" : ", ").append(type).append(type.empty() ? "" : ": ");
+        text += value;
+    }
+    return answer.error.empty() ? text : answer.error;
+}
+
 std::string get(const std::string& oid)
 {
-    const auto [vars, error] = snmp("snmpget", {SNMPD, oid});
-    if (!error.empty() || vars.size() != 1) {
-        return error;
-    }
-    return vars[0].type + (vars[0].type.empty() ? "" : ": ") + vars[0].value;
+    return said(snmp("snmpget", {SNMPD, oid}));
 }
 
 std::string gets(const std::string& base, const std::string& ends)
@@ -292,6 +322,27 @@ void expect_cells(const std::string& oid, const std::string& expected)
 {
     wait_for([&] { return cells(oid) == expected; });
     EXPECT_EQ(cells(oid), expected);
+}
+
+std::vector<proc_t> managers_start(const words_t& requests)
+{
+    std::vector<proc_t> managers;
+    for (const std::string& request : requests) {
+        const size_t space = request.find(' ');
+        managers.push_back(
+            proc_start("manager" + std::to_string(managers.size()),
+                       {"sh", "-c",
+                        "while :; do " + request.substr(0, space) + " -v2c -c ro -t 1 -r 0 " +
+                            SNMPD + request.substr(space) + " >/dev/null 2>&1; done"}));
+    }
+    return managers;
+}
+
+void managers_end(std::vector<proc_t>* managers)
+{
+    for (proc_t& manager : *managers) {
+        proc_end(&manager, SIGKILL);
+    }
 }
 
 /* --- files --- */

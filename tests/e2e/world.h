@@ -62,6 +62,7 @@ proc_t proc_start(const std::string& name, const words_t& command, bool piped = 
 /* Sends a signal unless it is 0, waits for the end, checks the log for sanitizer reports. Returns
  * the exit status, or minus the signal that ended the program. */
 int proc_end(proc_t* proc, int signal_no = SIGTERM);
+bool running(const proc_t& proc);
 /* Runs a program to its end; returns both of its outputs. */
 std::string run(const words_t& command);
 
@@ -91,7 +92,12 @@ bool log_has(const world_t& world, std::string_view text, int count = 1);
 
 /* snmpget, snmpset, snmpwalk and so on with words after the address. */
 snmp_t snmp(const std::string& tool, const words_t& args);
-/* One variable: "TYPE: VALUE", an exception or the name of the error. */
+/* The same in two steps. */
+proc_t snmp_start(const std::string& tool, const words_t& args);
+snmp_t snmp_end(proc_t* tool);
+/* What was said: each variable as "TYPE: VALUE" or an exception, with commas, or the error. */
+std::string said(const snmp_t& answer);
+/* One variable. */
 std::string get(const std::string& oid);
 /* Several of them, one request each: the cells' ends in words, the answers with commas. */
 std::string gets(const std::string& base, const std::string& ends);
@@ -100,6 +106,10 @@ std::string set(const std::string& oid, const std::string& type, const std::stri
 /* What is below an OID, as "REST=VALUE REST=VALUE"; the second waits until it is as expected. */
 std::string cells(const std::string& oid);
 void expect_cells(const std::string& oid, const std::string& expected);
+
+/* Managers that ask again and again; a request is a tool and an OID. */
+std::vector<proc_t> managers_start(const words_t& requests);
+void managers_end(std::vector<proc_t>* managers);
 
 /* more: further members in front of the tables, each with a comma behind it. */
 std::string document(const std::vector<table_t>& gen, const std::vector<table_t>& fault = {},

@@ -33,14 +33,21 @@ inline words_t runner()
     return words_of(text == nullptr ? "" : text);
 }
 
-/* Runs the program in place of this one. */
-[[noreturn]] inline void become(const words_t& command)
+/* The words as execvp takes them. */
+inline std::vector<char*> argv_of(const words_t& command)
 {
     std::vector<char*> argv;
     for (const std::string& word : command) {
         argv.push_back(const_cast<char*>(word.c_str()));
     }
     argv.push_back(nullptr);
+    return argv;
+}
+
+/* Runs the program in place of this one. */
+[[noreturn]] inline void become(const words_t& command)
+{
+    const std::vector<char*> argv = argv_of(command);
     execvp(argv[0], argv.data());
     perror(argv[0]);
     _exit(127);

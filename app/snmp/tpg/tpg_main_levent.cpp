@@ -12,6 +12,7 @@
 #include <event2/event.h>
 #include <event2/util.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/select.h>
 #include <sys/stat.h>
 
@@ -226,6 +227,16 @@ static tpg_lev_snmpfd_t* next_ready(const tpg_context_t* ctx)
     return nullptr;
 }
 
+/*
+ * A client's message of the same turn may have had the library talk to the master, and read what
+ * had been reported; a read that finds nothing would end the session.
+ */
+static bool has_input(int fd)
+{
+    pollfd input = {fd, POLLIN, 0};
+    return poll(&input, 1, 0) == 1;
+}
+
 /* Reading may end the session and with it any entry. */
 void levent_snmp_serve(tpg_context_t* ctx)
 {
@@ -234,7 +245,9 @@ void levent_snmp_serve(tpg_context_t* ctx)
         if (entry->paused) {
             resume(entry);
         }
-        levent_snmp_read(event_get_fd(entry->ev), EV_READ, ctx);
+        if (has_input(event_get_fd(entry->ev))) {
+            levent_snmp_read(event_get_fd(entry->ev), EV_READ, ctx);
+        }
     }
     if (ctx->snmp_timer_due) {
         ctx->snmp_timer_due = false;
