@@ -14,12 +14,22 @@
 #include <unistd.h>
 
 constexpr uint32_t BENCH_SLOTS = 15;
+constexpr uint32_t BENCH_CONTROL = 0; /* in a slot's place: where the daemons are told their pace */
+
+/* How long a slot's daemon takes for each answer; what comes back says that it holds. */
+struct bench_pace_t {
+    uint32_t slot;
+    uint32_t delay_us;
+};
+constexpr uint32_t BENCH_HUNG = UINT32_MAX; /* it reads and answers nothing */
 
 inline sockaddr_un exchange_address(uint32_t slot)
 {
     sockaddr_un addr = {};
     addr.sun_family = AF_UNIX;
-    if (slot == 1) {
+    if (slot == BENCH_CONTROL) {
+        snprintf(addr.sun_path, sizeof(addr.sun_path), "/tmp/.bench_daemon");
+    } else if (slot == 1) {
         snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", UEVGEND_SVR_PATH_SLOT1);
     } else {
         snprintf(addr.sun_path, sizeof(addr.sun_path), UEVGEND_SVR_PATH_FMT,
@@ -43,6 +53,18 @@ inline int exchange_connection(uint32_t slot)
         connections[slot] = fd;
     }
     return connections[slot];
+}
+
+/* Sets the slot's pace; a hung daemon that wakes up answers what it owes. 0 or -1. */
+inline int exchange_pace(uint32_t slot, uint32_t delay_us)
+{
+    const int fd = exchange_connection(BENCH_CONTROL);
+    bench_pace_t pace = {slot, delay_us};
+    if (fd < 0 || send(fd, &pace, sizeof(pace), MSG_NOSIGNAL) != sizeof(pace) ||
+        recv(fd, &pace, sizeof(pace), MSG_WAITALL) != sizeof(pace)) {
+        return -1;
+    }
+    return 0;
 }
 
 /* Asks the slot for one variable; 0 and its value, or -1. */

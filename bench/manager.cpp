@@ -1,50 +1,39 @@
 /*
  * Measures all subjects side by side, in interleaved rounds, and prints the
- * table: walks, single requests, four managers at once, traps, registration.
+ * tables: walks, single requests, several managers at once, traps,
+ * registration; and what slow and hung cards cost the others (slow.cpp).
  */
 
-#include "table.h"
-#include "tpg_msg_i.h"
+#include "manager.h"
 
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
-#include <map>
-#include <net-snmp/net-snmp-config.h>
-#include <net-snmp/net-snmp-includes.h>
-#include <netinet/in.h>
-#include <poll.h>
+#include <functional>
 #include <random>
-#include <string>
-#include <sys/un.h>
+#include <signal.h>
 #include <sys/wait.h>
-#include <vector>
+#include <unistd.h>
 
-using samples_t = std::vector<double>;
+/* Some work for a subject; 0, or -1 when not all of it came. */
+using work_t = std::function<int(int subject)>;
 
-/* The result: one row a measure, one column a subject. */
-struct row_t {
-    std::string name;
-    std::map<int, samples_t> samples;
-    samples_t ratios; /* how many times as fast as the other subject, the live limit mostly */
-};
-
-static row_t* row(const std::string& name);
-static double now_us();
-static double percentile(samples_t samples, double part);
 static void print_table();
 
-constexpr int SUBJECTS = BENCH_PASS;
+constexpr int SUBJECTS = BENCH_PASS; /* with a column of the table */
 constexpr uint32_t LARGE_CARD_SLOTS = 15, SMALL_CARD_SLOTS = 3;
+constexpr size_t COLUMNS_TABLE = 4;
 constexpr double STEP_LIMIT_US = 30e6;
 static std::vector<row_t> rows;
-static int pids[SUBJECTS + 1];
+static int pids[BENCH_OTHER + 1]; /* 0: there is no such subject */
+static bool quick;                /* one round: fewer cells */
+static bool incomplete;
 
 /* ---- SNMP ---- */
 
-static netsnmp_session* open_session(long timeout_us)
+netsnmp_session* open_session(long timeout_us, int retries)
 {
     static char peer[] = "udp:127.0.0.1:1161", community[] = "public";
     netsnmp_session session;
@@ -54,17 +43,12 @@ static netsnmp_session* open_session(long timeout_us)
     session.community = reinterpret_cast<u_char*>(community);
     session.community_len = strlen(community);
     session.timeout = timeout_us;
-    session.retries = 0;
+    session.retries = retries;
     return static_cast<netsnmp_session*>(snmp_sess_open(&session));
 }
 
-/* The answer to a request for one name, to be freed; null on a time-out or an error status. */
-static netsnmp_pdu* ask(void* session, int type, const oid* name, size_t len, long repetitions = 0)
+netsnmp_pdu* ask(void* session, netsnmp_pdu* request)
 {
-    netsnmp_pdu* request = snmp_pdu_create(type);
-    request->non_repeaters = 0;
-    request->max_repetitions = repetitions;
-    snmp_add_null_var(request, name, len);
     netsnmp_pdu* answer = nullptr;
     snmp_sess_synch_response(session, request, &answer);
     if (answer != nullptr && answer->errstat == 0 && answer->variables != nullptr) {
@@ -74,7 +58,16 @@ static netsnmp_pdu* ask(void* session, int type, const oid* name, size_t len, lo
     return nullptr;
 }
 
-static bool is_cell(const netsnmp_variable_list* var, int subject, size_t table, uint32_t cell)
+netsnmp_pdu* ask(void* session, int type, const oid* name, size_t len, long repetitions)
+{
+    netsnmp_pdu* request = snmp_pdu_create(type);
+    request->non_repeaters = 0;
+    request->max_repetitions = repetitions;
+    snmp_add_null_var(request, name, len);
+    return ask(session, request);
+}
+
+bool is_cell(const netsnmp_variable_list* var, int subject, size_t table, uint32_t cell)
 {
     oid name[BENCH_OID_MAX];
     const size_t len = bench_cell_oid(subject, table, cell, name);
@@ -83,8 +76,17 @@ static bool is_cell(const netsnmp_variable_list* var, int subject, size_t table,
            snmp_oid_compare(var->name, var->name_length, name, len) == 0;
 }
 
-/* Walks the first cells of a table, each one checked; 0, or -1 when not all of them came in time.
- */
+bool get_cell(void* session, int subject, size_t table, uint32_t cell)
+{
+    oid name[BENCH_OID_MAX];
+    const size_t len = bench_cell_oid(subject, table, cell, name);
+    netsnmp_pdu* answer = ask(session, SNMP_MSG_GET, name, len);
+    const bool right = answer != nullptr && is_cell(answer->variables, subject, table, cell);
+    snmp_free_pdu(answer);
+    return right;
+}
+
+/* Walks the first cells of a table, each one checked; 0, or -1 when not all came in time. */
 static int walk(void* session, int subject, size_t table, uint32_t cells, uint32_t repetitions)
 {
     oid name[MAX_OID_LEN];
@@ -112,7 +114,64 @@ static int walk(void* session, int subject, size_t table, uint32_t cells, uint32
     return 0;
 }
 
+/* Columns of one table, asked for side by side. */
+struct columns_t {
+    const char* name;
+    uint32_t columns;
+    uint32_t repetitions; /* of a GETBULK; 0: a GETNEXT */
+};
+
+constexpr columns_t COLUMNS[] = {
+    {"GETNEXT of 8 columns", 8, 0},
+    {"GETBULK of 3 columns", 3, 10},
+};
+
+/* Asks for what is behind the row before this one, in each of the columns. */
+static netsnmp_pdu* ask_columns(void* session, int subject, const columns_t* what, uint32_t at)
+{
+    const bench_table_t* table = &BENCH_TABLES[COLUMNS_TABLE];
+    netsnmp_pdu* request =
+        snmp_pdu_create(what->repetitions > 0 ? SNMP_MSG_GETBULK : SNMP_MSG_GETNEXT);
+    request->non_repeaters = 0;
+    request->max_repetitions = what->repetitions;
+    for (uint32_t column = 0; column < what->columns; column++) {
+        oid name[BENCH_OID_MAX];
+        const uint32_t cell = column * bench_block(table, 2) + (at > 0 ? at - 1 : 0);
+        const size_t len = bench_cell_oid(subject, COLUMNS_TABLE, cell, name);
+        snmp_add_null_var(request, name, at > 0 ? len : len - (table->digits - 2));
+    }
+    return ask(session, request);
+}
+
+/* Walks the first rows of some columns, each cell checked; 0, or -1 when not all came. */
+static int walk_columns(void* session, int subject, const columns_t* what, uint32_t count)
+{
+    const uint32_t block = bench_block(&BENCH_TABLES[COLUMNS_TABLE], 2);
+    const uint32_t step = std::max<uint32_t>(1, what->repetitions);
+    for (uint32_t at = 0; at < count; at += step) {
+        netsnmp_pdu* answer = ask_columns(session, subject, what, at);
+        const netsnmp_variable_list* var = answer != nullptr ? answer->variables : nullptr;
+        uint32_t right = 0;
+        while (var != nullptr &&
+               is_cell(var, subject, COLUMNS_TABLE,
+                       right % what->columns * block + at + right / what->columns)) {
+            right++;
+            var = var->next_variable;
+        }
+        snmp_free_pdu(answer);
+        if (right != what->columns * step) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
 /* ---- tables ---- */
+
+static std::string of_subject(const std::string& name, int subject)
+{
+    return name + ", subject " + std::to_string(subject) + ": ";
+}
 
 static double cpu_us(int pid)
 {
@@ -137,8 +196,7 @@ static void measure_walk(const std::string& name, void* session, int subject, si
     const double cpu = cpu_us(pids[subject]), start = now_us();
     for (uint32_t i = 0; i < times; i++) {
         if (walk(session, subject, table, cells, repetitions) != 0) {
-            fprintf(stderr, "%s, subject %d: not complete\n", name.c_str(), subject);
-            row(name + ", us/cell")->samples[subject] = {};
+            miss(of_subject(name, subject) + "not complete");
             return;
         }
     }
@@ -153,25 +211,53 @@ static void measure_walk(const std::string& name, void* session, int subject, si
  * The agent against another subject, in turns of a few milliseconds: what the
  * machine does meanwhile meets both alike.
  */
-static void measure_ratio(const std::string& name, void* session, int other, size_t table,
-                          uint32_t repetitions)
+static void measure_ratio(const std::string& name, int other, const work_t& work)
 {
-    constexpr int PAIRS = 10;
-    constexpr uint32_t CELLS = 360;
-    const uint32_t cells = std::min(CELLS, bench_block(&BENCH_TABLES[table], 0));
-    for (int i = 0; i < 2 * PAIRS; i++) {
-        double spent[SUBJECTS + 1] = {};
+    const int turns = quick ? 6 : 20;
+    for (int i = 0; i < turns; i++) {
+        double spent[BENCH_OTHER + 1] = {};
         for (const int subject : {other, int{BENCH_TPG}, int{BENCH_TPG}, other}) {
             const double start = now_us();
-            for (uint32_t done = 0; done < CELLS; done += cells) {
-                if (walk(session, subject, table, cells, repetitions) != 0) {
-                    return;
-                }
+            if (work(subject) != 0) {
+                miss(of_subject(name, subject) + "not complete");
+                return;
             }
             spent[subject] += now_us() - start;
         }
         row(name)->ratios.push_back(spent[other] / spent[BENCH_TPG]);
     }
+}
+
+constexpr uint32_t TURN_CELLS = 360;
+
+static work_t walks(void* session, size_t table, uint32_t repetitions)
+{
+    const uint32_t cells = std::min(TURN_CELLS, bench_block(&BENCH_TABLES[table], 0));
+    return [=](int subject) {
+        int status = 0;
+        for (uint32_t done = 0; done < TURN_CELLS && status == 0; done += cells) {
+            status = walk(session, subject, table, cells, repetitions);
+        }
+        return status;
+    };
+}
+
+static work_t gets(void* session, size_t table)
+{
+    return [=](int subject) {
+        int status = 0;
+        for (uint32_t cell = 0; cell < TURN_CELLS && status == 0; cell++) {
+            status = get_cell(session, subject, table, cell) ? 0 : -1;
+        }
+        return status;
+    };
+}
+
+static work_t column_walks(void* session, const columns_t* what)
+{
+    return [=](int subject) {
+        return walk_columns(session, subject, what, TURN_CELLS / what->columns);
+    };
 }
 
 static void measure_single(const std::string& name, void* session, int subject, size_t table,
@@ -190,7 +276,7 @@ static void measure_single(const std::string& name, void* session, int subject, 
         times_us.push_back(now_us() - start);
         if (answer == nullptr ||
             !is_cell(answer->variables, subject, table, type == SNMP_MSG_GET ? cell : cell + 1)) {
-            fprintf(stderr, "%s, subject %d: wrong answer\n", name.c_str(), subject);
+            miss(of_subject(name, subject) + "wrong answer");
             snmp_free_pdu(answer);
             return;
         }
@@ -201,10 +287,9 @@ static void measure_single(const std::string& name, void* session, int subject, 
 }
 
 /* Four processes walk one table at once. */
-static void measure_four(const std::string& name, int subject, size_t table)
+static void measure_four(const std::string& name, int subject, size_t table, uint32_t cells)
 {
     constexpr int MANAGERS = 4;
-    const uint32_t cells = bench_block(&BENCH_TABLES[table], 0);
     const double start = now_us();
     for (int i = 0; i < MANAGERS; i++) {
         if (fork() == 0) {
@@ -216,257 +301,140 @@ static void measure_four(const std::string& name, int subject, size_t table)
         failed += status != 0 ? 1 : 0;
     }
     if (failed != 0) {
-        fprintf(stderr, "%s, subject %d: %d walks not complete\n", name.c_str(), subject, failed);
+        miss(of_subject(name, subject) + std::to_string(failed) + " walks not complete");
         return;
     }
     row(name + ", us/cell")->samples[subject].push_back((now_us() - start) / MANAGERS / cells);
 }
 
+/* How much of a table is walked: all of it, or one column of it, if that does not take minutes. */
+static uint32_t walked_cells(int subject, size_t table)
+{
+    constexpr uint32_t QUICK_CELLS = 3000;
+    const uint32_t cells = bench_block(&BENCH_TABLES[table], 0);
+    const bool part = table == 3 || (table == 2 && subject == BENCH_ITERATOR);
+    const uint32_t walked = part ? cells / BENCH_COLUMNS : cells;
+    return quick ? std::min(walked, QUICK_CELLS) : walked;
+}
+
+static void measure_subject(const std::string& name, void* session, int subject, size_t table)
+{
+    const bool large = table == 3;
+    const uint32_t cells = walked_cells(subject, table);
+    if (!large) {
+        measure_walk(name + "walk", session, subject, table, cells, 0);
+    }
+    measure_walk(name + "bulk walk", session, subject, table, cells, 50);
+    if (table == 1 || large) {
+        measure_single(name + "GET", session, subject, table, SNMP_MSG_GET, 2000);
+        measure_single(name + "GETNEXT", session, subject, table, SNMP_MSG_GETNEXT,
+                       subject == BENCH_ITERATOR ? 500 : 2000);
+    }
+    if (table == 1) {
+        measure_four(name + "4 managers walk", subject, table, cells);
+    }
+}
+
 static void measure_table(void* session, size_t table, int rounds)
 {
-    const uint32_t cells = bench_block(&BENCH_TABLES[table], 0);
-    const uint32_t count = cells / BENCH_COLUMNS;
+    const uint32_t count = bench_block(&BENCH_TABLES[table], 0) / BENCH_COLUMNS;
     const std::string name = std::to_string(count) + " rows: ";
-    const bool large = table == 3;
     for (int round = 0; round < rounds; round++) {
         fprintf(stderr, "%sround %d of %d\n", name.c_str(), round + 1, rounds);
-        measure_ratio(name + "walk, us/cell", session, BENCH_LIVE, table, 0);
-        measure_ratio(name + "bulk walk, us/cell", session, BENCH_LIVE, table, 50);
+        measure_ratio(name + "walk, us/cell", BENCH_LIVE, walks(session, table, 0));
+        measure_ratio(name + "bulk walk, us/cell", BENCH_LIVE, walks(session, table, 50));
         if (table == 0) {
-            measure_ratio(name + "walk, against the iterator", session, BENCH_ITERATOR, table, 0);
-            measure_ratio(name + "bulk walk, against it", session, BENCH_ITERATOR, table, 50);
+            measure_ratio(name + "walk, against the iterator", BENCH_ITERATOR,
+                          walks(session, table, 0));
+            measure_ratio(name + "bulk walk, against it", BENCH_ITERATOR,
+                          walks(session, table, 50));
         }
         for (int subject = 1; subject <= SUBJECTS; subject++) {
-            if (large && subject == BENCH_ITERATOR) {
-                continue; /* minutes a walk */
-            }
-            const bool part = large || (table == 2 && subject == BENCH_ITERATOR);
-            if (!large) {
-                measure_walk(name + "walk", session, subject, table, part ? count : cells, 0);
-            }
-            measure_walk(name + "bulk walk", session, subject, table, part ? count : cells, 50);
-            if (table == 1 || large) {
-                measure_single(name + "GET", session, subject, table, SNMP_MSG_GET, 2000);
-                measure_single(name + "GETNEXT", session, subject, table, SNMP_MSG_GETNEXT,
-                               subject == BENCH_ITERATOR ? 500 : 2000);
-            }
-            if (table == 1) {
-                measure_four(name + "4 managers walk", subject, table);
+            if (table != 3 || subject != BENCH_ITERATOR) { /* minutes a walk */
+                measure_subject(name, session, subject, table);
             }
         }
     }
 }
 
-/* ---- cards ---- */
-
-template <typename message_t> static void seal(message_t* message, uint16_t type, size_t length)
+static void measure_columns(void* session, int rounds)
 {
-    message->head = {type, static_cast<uint16_t>(length), 0, 0, static_cast<uint32_t>(getpid())};
-    message->head.usReserved = com_msg_parity(&message->head, TPG_PARITY_KEY);
-}
-
-/* Sends an update over a connection and takes its acknowledgement. */
-static void send_update(int fd, uint16_t type, uint32_t slot, const char* product)
-{
-    tpg_msg_libmib_update_t message = {};
-    tpg_libmib_update_t* card = &message.libmib_update;
-    seal(&message, type, sizeof(message));
-    snprintf(card->prod_string, sizeof(card->prod_string), "%s", product);
-    snprintf(card->prod_family, sizeof(card->prod_family), "%s", product);
-    card->major_rev = 1;
-    card->slot_no = static_cast<uint8_t>(slot);
-    snprintf(card->libmib_path, sizeof(card->libmib_path), "/tmp/libbench-card-%s.so", product);
-    tpg_msg_libmib_update_ack_t ack = {};
-    send(fd, &message, sizeof(message), MSG_NOSIGNAL);
-    recv(fd, &ack, sizeof(ack), MSG_WAITALL);
-}
-
-static int connect_card()
-{
-    sockaddr_un addr = {AF_UNIX, {}};
-    snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", TPG_SVR_PATH);
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const timeval limit = {10, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-    (void)connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr));
-    return fd;
+    for (int round = 0; round < rounds; round++) {
+        fprintf(stderr, "columns: round %d of %d\n", round + 1, rounds);
+        for (const columns_t& what : COLUMNS) {
+            const std::string name = std::string(what.name) + ", us/cell";
+            const work_t work = column_walks(session, &what);
+            measure_ratio(name, BENCH_LIVE, work);
+            for (int subject = 1; subject <= SUBJECTS; subject++) {
+                const double start = now_us();
+                if (work(subject) != 0) {
+                    miss(of_subject(name, subject) + "not complete");
+                    return;
+                }
+                row(name)->samples[subject].push_back((now_us() - start) / TURN_CELLS);
+            }
+        }
+    }
 }
 
 /*
- * Registers a card and waits until its first cell is answered. The agent acknowledges a message
- * before it acts on it; so the acknowledgement of another one, that does nothing, is awaited too.
+ * The agent against another build of it that has the same cards, before anything else is asked of
+ * either: what a process has lived through shows in its figures.
  */
-static int plug(void* session, uint32_t slot, const char* product, size_t table)
+static void measure_other(void* session, int rounds)
 {
-    static const int idle = connect_card();
-    const int card = connect_card();
-    send_update(card, TPG_MSG_LIBMIB_REGISTER, slot, product);
-    send_update(idle, TPG_MSG_LIBMIB_UNREGISTER, UINT8_MAX, "none");
-    oid name[BENCH_OID_MAX];
-    const size_t len = bench_cell_oid(BENCH_TPG, table, slot - 1, name);
-    netsnmp_pdu* answer = ask(session, SNMP_MSG_GET, name, len);
-    if (answer == nullptr || !is_cell(answer->variables, BENCH_TPG, table, slot - 1)) {
-        fprintf(stderr, "bench-manager: no answer of the card in slot %u\n", slot);
-        exit(EXIT_FAILURE);
+    const std::string suffix = ", against the other build";
+    std::vector<int> cards;
+    for (uint32_t slot = 1; slot <= LARGE_CARD_SLOTS; slot++) {
+        cards.push_back(plug(session, BENCH_TPG, slot, "big", 1));
+        plug(session, BENCH_OTHER, slot, "other", 1);
     }
-    snmp_free_pdu(answer);
-    return card;
-}
-
-/* The agent closes a connection when it has withdrawn what came over it. */
-static void unplug(int card)
-{
-    char byte = 0;
-    shutdown(card, SHUT_WR);
-    recv(card, &byte, sizeof(byte), 0);
-    close(card);
-}
-
-/* A manager that watches the chassis: TCP delays acknowledgements on a connection in use. */
-static void keep_busy(void* session)
-{
-    constexpr oid LED[] = {1, 3, 6, 1, 4, 1, 32473, 10, 232, 4, 7, 1, 1, 1};
-    for (int i = 0; i < 20; i++) {
-        snmp_free_pdu(ask(session, SNMP_MSG_GET, LED, std::size(LED)));
-    }
-}
-
-/* Beside it, the tools by themselves that find the document in the card's library. */
-static void measure_registration(void* session, int rounds)
-{
-    static constexpr char SYMBOL[] =
-        "objdump -t /tmp/libbench-card-small.so | grep jsonmib_small | "
-        "sed -e 's/l//' -e 's/O//' -e 's/.data//' > /tmp/symbol";
-    static constexpr char DATA[] =
-        "objdump -s -j .data --start-address=0x4008 /tmp/libbench-card-small.so > /tmp/data";
-    static constexpr char HEAD[] = "objdump -h /tmp/libbench-card-small.so > /tmp/head";
-    constexpr int TOMBSTONE_MS = 2500;
-    for (int round = 0; round < 2 * rounds; round++) {
-        keep_busy(session);
-        double start = now_us();
-        const int card = plug(session, 1, "small", 0);
-        row("register to answer, ms")->samples[BENCH_TPG].push_back((now_us() - start) / 1000);
-        unplug(card);
-        poll(nullptr, 0, TOMBSTONE_MS); /* the next one is to be registered with the master, too */
-        start = now_us();
-        for (const char* tool : {SYMBOL, DATA, HEAD}) {
-            if (system(tool) != 0) {
-                fprintf(stderr, "failed: %s\n", tool);
-            }
-        }
-        row("its external commands alone, ms")
-            ->samples[BENCH_TPG]
-            .push_back((now_us() - start) / 1000);
-    }
-}
-
-/* ---- traps ---- */
-
-static void notify(int card, uint32_t slot)
-{
-    static uint32_t count;
-    tpg_msg_trap_notify_t message = {};
-    message.trap_notify.data_len = 4;
-    const size_t length = TPG_TRAP_HEAD_LEN + message.trap_notify.data_len;
-    seal(&message, TPG_MSG_TRAP_NOTIFY, length);
-    message.trap_notify.var_id = 200;
-    message.trap_notify.index = count++ % 64;
-    message.trap_notify.slot_no = static_cast<uint8_t>(slot);
-    send(card, &message, length, MSG_NOSIGNAL);
-}
-
-static bool trap_came(int sink)
-{
-    char bytes[1500];
-    pollfd wanted = {sink, POLLIN, 0};
-    return poll(&wanted, 1, 2000) == 1 && recv(sink, bytes, sizeof(bytes), 0) > 0;
-}
-
-/* Notifies with some traps still to come, the cards in turn; returns how many got lost. */
-static int measure_burst(const std::string& name, int sink, const std::vector<int>& cards, int many)
-{
-    constexpr int WINDOW = 30;
-    const double start = now_us();
-    int sent = 0, came = 0, lost = 0;
-    while (came < many && lost < 10) {
-        for (; sent < many && sent < came + WINDOW; sent++) {
-            const auto card = static_cast<uint32_t>(sent) % static_cast<uint32_t>(cards.size());
-            notify(cards[card], card + 1);
-        }
-        (trap_came(sink) ? came : lost)++;
-    }
-    row(name)->samples[BENCH_TPG].push_back(came / (now_us() - start) * 1e6);
-    return lost;
-}
-
-/* What a manager does that got a trap: it asks. */
-static void measure_get_behind_trap(void* session, int sink, int card)
-{
-    oid name[BENCH_OID_MAX];
-    const size_t len = bench_cell_oid(BENCH_TPG, 1, 0, name);
-    samples_t times;
-    for (int i = 0; i < 20; i++) {
-        notify(card, 5);
-        (void)trap_came(sink);
-        const double start = now_us();
-        snmp_free_pdu(ask(session, SNMP_MSG_GET, name, len));
-        times.push_back(now_us() - start);
-    }
-    row("GET behind a trap p50, us")->samples[BENCH_TPG].push_back(percentile(times, 0.5));
-}
-
-static void measure_traps(void* session, const std::vector<int>& cards, int rounds)
-{
-    constexpr int SINGLE = 300;
-    sockaddr_in addr = {};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(1162);
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const int sink = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    (void)bind(sink, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr));
     for (int round = 0; round < rounds; round++) {
-        samples_t times;
-        int lost = 0;
-        for (int i = 0; i < SINGLE && lost < 10; i++) {
-            const double start = now_us();
-            notify(cards[4], 5);
-            lost += trap_came(sink) ? 0 : 1;
-            times.push_back(now_us() - start);
-        }
-        row("notify to trap p50, us")->samples[BENCH_TPG].push_back(percentile(times, 0.5));
-        row("notify to trap p99, us")->samples[BENCH_TPG].push_back(percentile(times, 0.99));
-        measure_get_behind_trap(session, sink, cards[4]);
-        lost += measure_burst("traps per second, 15 cards", sink, cards, 2000);
-        lost += measure_burst("traps per second, 1 card", sink, {cards[0]}, 300);
-        if (lost != 0) {
-            fprintf(stderr, "%d traps lost\n", lost);
+        fprintf(stderr, "other build: round %d of %d\n", round + 1, rounds);
+        measure_ratio("960 rows: walk" + suffix, BENCH_OTHER, walks(session, 1, 0));
+        measure_ratio("960 rows: bulk walk" + suffix, BENCH_OTHER, walks(session, 1, 50));
+        measure_ratio("960 rows: GET" + suffix, BENCH_OTHER, gets(session, 1));
+        for (const columns_t& what : COLUMNS) {
+            measure_ratio(what.name + suffix, BENCH_OTHER, column_walks(session, &what));
         }
     }
-    close(sink);
+    row("resident memory by then, MB")->samples[BENCH_TPG] = {resident_mb(pids[BENCH_TPG])};
+    row("the other build's, MB")->samples[BENCH_TPG] = {resident_mb(pids[BENCH_OTHER])};
+    kill(pids[BENCH_OTHER], SIGTERM);
+    for (const int card : cards) {
+        unplug(card);
+    }
 }
 
 /* ---- the result ---- */
 
-static double now_us()
+void miss(const std::string& what)
+{
+    fprintf(stderr, "%s\n", what.c_str());
+    incomplete = true;
+}
+
+double now_us()
 {
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
     return std::chrono::duration<double, std::micro>(now).count();
 }
 
-static row_t* row(const std::string& name)
+row_t* row(const std::string& name)
 {
     auto it =
         std::find_if(rows.begin(), rows.end(), [&](const row_t& r) { return r.name == name; });
     return it != rows.end() ? &*it : &rows.emplace_back(row_t{name, {}, {}});
 }
 
-static double percentile(samples_t samples, double part)
+double percentile(samples_t samples, double part)
 {
     std::sort(samples.begin(), samples.end());
-    return samples.empty() ? 0 : samples[static_cast<size_t>(part * double(samples.size() - 1))];
+    const auto rank = static_cast<size_t>(std::ceil(part * double(samples.size())));
+    return samples.empty() ? 0 : samples[std::max<size_t>(rank, 1) - 1];
 }
 
-static std::string cell_text(const samples_t& samples)
+std::string cell_text(const samples_t& samples)
 {
     char text[64] = "";
     if (!samples.empty()) {
@@ -502,6 +470,9 @@ static void print_table()
            "median (lowest-highest)", "tpg", "limit", "live limit", "iterator", "pass_persist");
     printf("|---|---|---|---|---|---|---|\n");
     for (row_t& r : rows) {
+        if (r.samples[BENCH_TPG].empty() && r.ratios.empty()) {
+            miss(r.name + ": no figure");
+        }
         printf("| %-40s |", r.name.c_str());
         for (int subject = 1; subject <= SUBJECTS; subject++) {
             printf(" %-19s |", cell_text(r.samples[subject]).c_str());
@@ -519,25 +490,16 @@ static int helper_pid(int master)
     return pid;
 }
 
-/* Arguments: rounds, the process ids of tpg, limit, live limit and iterator, and of the master. */
-int main(int argc, char** argv)
+static void measure_all(void* session, int rounds)
 {
-    if (argc != 7) {
-        return EXIT_FAILURE;
+    const int fewer = (rounds + 1) / 2;
+    if (pids[BENCH_OTHER] != 0) {
+        measure_other(session, rounds);
     }
-    const int rounds = atoi(argv[1]);
-    for (int subject = 1; subject <= BENCH_ITERATOR; subject++) {
-        pids[subject] = atoi(argv[subject + 1]);
-    }
-    init_snmp("bench_manager");
-    void* session = open_session(5000000);
-    walk(session, BENCH_PASS, 0, 1, 0); /* starts the helper */
-    pids[BENCH_PASS] = helper_pid(atoi(argv[6]));
-
     measure_registration(session, rounds);
     std::vector<int> cards;
     for (uint32_t slot = 1; slot <= SMALL_CARD_SLOTS; slot++) {
-        cards.push_back(plug(session, slot, "small", 0));
+        cards.push_back(plug(session, BENCH_TPG, slot, "small", 0));
     }
     measure_table(session, 0, rounds);
     for (const int card : cards) {
@@ -545,15 +507,41 @@ int main(int argc, char** argv)
     }
     cards.clear();
     for (uint32_t slot = 1; slot <= LARGE_CARD_SLOTS; slot++) {
-        cards.push_back(plug(session, slot, "big", 1));
+        cards.push_back(plug(session, BENCH_TPG, slot, "big", 1));
     }
     measure_table(session, 1, rounds);
-    measure_table(session, 2, (rounds + 1) / 2);
-    measure_table(session, 3, (rounds + 1) / 2);
+    measure_table(session, 2, fewer);
+    measure_table(session, 3, fewer);
+    measure_columns(session, rounds);
     measure_traps(session, cards, rounds);
     for (int subject = 1; subject <= SUBJECTS; subject++) {
         row("resident memory, MB")->samples[subject].push_back(resident_mb(pids[subject]));
     }
+    measure_slow(session, cards, fewer);
+    row("resident memory at the end, MB")->samples[BENCH_TPG] = {resident_mb(pids[BENCH_TPG])};
+}
+
+/*
+ * Arguments: rounds, the process ids of tpg, limit, live limit and iterator, of the master, and of
+ * another build of tpg if there is one. Ends as failed when a figure is missing.
+ */
+int main(int argc, char** argv)
+{
+    if (argc != 7 && argc != 8) {
+        return EXIT_FAILURE;
+    }
+    const int rounds = atoi(argv[1]);
+    quick = rounds == 1;
+    for (int subject = 1; subject <= BENCH_ITERATOR; subject++) {
+        pids[subject] = atoi(argv[subject + 1]);
+    }
+    pids[BENCH_OTHER] = argc == 8 ? atoi(argv[7]) : 0;
+    init_snmp("bench_manager");
+    void* session = open_session(5000000);
+    walk(session, BENCH_PASS, 0, 1, 0); /* starts the helper */
+    pids[BENCH_PASS] = helper_pid(atoi(argv[6]));
+    measure_all(session, rounds);
     print_table();
-    return EXIT_SUCCESS;
+    print_slow();
+    return incomplete ? EXIT_FAILURE : EXIT_SUCCESS;
 }

@@ -111,7 +111,7 @@ static void register_iterator(size_t table)
         netsnmp_table_helper_add_index(columns, ASN_INTEGER);
     }
     columns->min_column = 1;
-    columns->max_column = BENCH_COLUMNS;
+    columns->max_column = BENCH_TABLES[table].radix[1];
     rows->get_first_data_point = first_row;
     rows->get_next_data_point = next_row;
     rows->table_reginfo = columns;

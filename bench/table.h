@@ -19,6 +19,7 @@ enum bench_subject { /* also the arc behind BENCH_ROOT */
                      BENCH_LIVE,
                      BENCH_ITERATOR,
                      BENCH_PASS,
+                     BENCH_OTHER, /* another build of the agent */
 };
 
 constexpr bench_oid BENCH_ROOT[] = {1, 3, 6, 1, 4, 1, 32473, 100};
@@ -38,6 +39,7 @@ constexpr bench_table_t BENCH_TABLES[] = {
     {4, {1, BENCH_COLUMNS, 64, 15}},
     {4, {1, BENCH_COLUMNS, 255, 15}},
     {5, {1, BENCH_COLUMNS, 64, 64, 15}},
+    {4, {1, 8, 64, 15}},
 };
 
 /* What a cell is asked of a slot's daemon as. */

@@ -154,7 +154,7 @@ static void prepare(late_cell_t* cell, netsnmp_request_info* request, const json
     cell->exchange.length = ask->length;
     cell->exchange.value = cell->value;
     cell->exchange.walk = next;
-    cell->exchange.born = history == nullptr ? jsonmib_now() : history->born;
+    cell->exchange.born = history == nullptr ? 0 : history->born;
     cell->exchange.patient = history != nullptr && history->passed > PASSED_IN_PLACE_MAX;
     cell->exchange.complete = cell_is_complete;
 }

@@ -25,7 +25,7 @@ struct jsonmib_exchange_t {
     const void* written; /* a SET's data */
     uint8_t* value;      /* where a reply's data goes: as long as the reply behind its head; null:
                             nobody wants it */
-    int64_t born;        /* when the manager's request for it came, in microseconds */
+    int64_t born;        /* when the manager's request for it came, in microseconds; 0: now */
     int64_t queued;      /* when it was put in the queue, and then when it was sent */
     bool walk;           /* it serves a GETNEXT */
     bool patient;        /* it is not served at once even if the daemon is quick */

@@ -16,12 +16,12 @@
 #include <sched.h>
 
 static jsonmib_queue_t* queue_of(tpg_context_t*, uint32_t);
-static void start_next(tpg_context_t*, uint32_t);
+static void start_next(tpg_context_t*, uint32_t, int64_t);
 static int connect_slot(tpg_context_t*, uint32_t);
 static int send_first(tpg_context_t*, uint32_t);
 static int watch(tpg_context_t*, uint32_t);
 static void wait_shortly(tpg_context_t*, uint32_t);
-static void receive(tpg_context_t*, uint32_t);
+static void receive(tpg_context_t*, uint32_t, bool);
 static ssize_t take_bytes(tpg_context_t*, uint32_t);
 static const jsonmib_asked_t* being_read(const jsonmib_queue_t*);
 static void reply_is_whole(tpg_context_t*, uint32_t);
@@ -98,6 +98,7 @@ bool jsonmib_queue_start(tpg_context_t* ctx, jsonmib_exchange_t* exchange)
     jsonmib_queue_t* queue = queue_of(ctx, slot_no);
     const bool idle = !queue->in_flight && queue->first == nullptr;
     exchange->queued = jsonmib_now();
+    exchange->born = exchange->born == 0 ? exchange->queued : exchange->born;
     exchange->done = false;
     if (exchange->walk && (queue->silent || queue->down)) {
         queue->walked_at = exchange->queued;
@@ -111,7 +112,7 @@ bool jsonmib_queue_start(tpg_context_t* ctx, jsonmib_exchange_t* exchange)
     if (idle) {
         void (*const later)(tpg_context_t*, jsonmib_exchange_t*) = exchange->complete;
         exchange->complete = nullptr;
-        start_next(ctx, slot_no);
+        start_next(ctx, slot_no, exchange->queued);
         if (queue->owner == exchange && queue->quick && !exchange->patient) {
             wait_shortly(ctx, slot_no);
         }
@@ -125,7 +126,7 @@ bool jsonmib_queue_start(tpg_context_t* ctx, jsonmib_exchange_t* exchange)
 }
 
 /* Sends what waits first, as long as nothing is out. */
-static void start_next(tpg_context_t* ctx, uint32_t slot_no)
+static void start_next(tpg_context_t* ctx, uint32_t slot_no, int64_t now)
 {
     jsonmib_queue_t* queue = queue_of(ctx, slot_no);
     while (!queue->in_flight && queue->first != nullptr) {
@@ -135,7 +136,6 @@ static void start_next(tpg_context_t* ctx, uint32_t slot_no)
             return;
         }
         take_out(queue, exchange);
-        exchange->queued = jsonmib_now();
         if (result != 0) {
             complete(ctx, exchange, result);
             continue;
@@ -143,7 +143,8 @@ static void start_next(tpg_context_t* ctx, uint32_t slot_no)
         queue->in_flight = true;
         queue->flight = exchange->asked;
         queue->owner = exchange;
-        queue->sent_at = exchange->queued;
+        queue->sent_at = now;
+        exchange->queued = now;
         queue->heard = false;
         queue->ate_dead = false;
     }
@@ -203,7 +204,7 @@ static void readable_cb(int fd, short what, void* arg)
     auto* ctx = static_cast<tpg_context_t*>(arg);
     for (uint32_t slot_no = 1; slot_no <= TPG_SLOT_MAX; slot_no++) {
         if (ipc_of(ctx, slot_no)->fd == fd) {
-            receive(ctx, slot_no);
+            receive(ctx, slot_no, false);
             arm(ctx, slot_no);
             return;
         }
@@ -231,22 +232,27 @@ static int watch(tpg_context_t* ctx, uint32_t slot_no)
     return 0;
 }
 
-/* A daemon that runs on the agent's processor mostly answers when it is let to. */
+/* A daemon that runs on the agent's processor has often answered before the request's send
+ * returns, and mostly does when it is let to. */
 static void wait_shortly(tpg_context_t* ctx, uint32_t slot_no)
 {
     constexpr timespec SHORT_WAIT = {0, SHORT_WAIT_US * 1000};
     jsonmib_queue_t* queue = queue_of(ctx, slot_no);
-    sched_yield();
-    receive(ctx, slot_no);
+    receive(ctx, slot_no, true);
+    if (queue->in_flight) {
+        sched_yield();
+        receive(ctx, slot_no, false);
+    }
     pollfd reply = {ipc_of(ctx, slot_no)->fd, POLLIN, 0};
     if (queue->in_flight && ppoll(&reply, 1, &SHORT_WAIT, nullptr) == 1) {
-        receive(ctx, slot_no);
+        receive(ctx, slot_no, false);
     }
     queue->quick = queue->quick && !queue->in_flight;
 }
 
-/* Takes what has come, as long as some request has yet to be answered. */
-static void receive(tpg_context_t* ctx, uint32_t slot_no)
+/* Takes what has come, as long as some request has yet to be answered; at_once: right behind the
+ * request. */
+static void receive(tpg_context_t* ctx, uint32_t slot_no, bool at_once)
 {
     jsonmib_queue_t* queue = queue_of(ctx, slot_no);
     while (ipc_of(ctx, slot_no)->connected != 0 &&
@@ -264,7 +270,7 @@ static void receive(tpg_context_t* ctx, uint32_t slot_no)
             return;
         }
         queue->got += static_cast<uint32_t>(n);
-        queue->heard_at = jsonmib_now();
+        queue->heard_at = at_once ? queue->sent_at : jsonmib_now();
         queue->heard = true;
         queue->silent = false;
         if (queue->reading == JSONMIB_READS_UNKNOWN && queue->got == UEVGEND_DATA_OFS) {
@@ -334,7 +340,9 @@ static void reply_is_whole(tpg_context_t* ctx, uint32_t slot_no)
     if (owner != nullptr) {
         complete(ctx, owner, result);
     }
-    start_next(ctx, slot_no);
+    if (queue->first != nullptr) {
+        start_next(ctx, slot_no, jsonmib_now());
+    }
 }
 
 /* The one request that was out fails, the others go out on the next connection. */
@@ -347,7 +355,7 @@ static void connection_lost(tpg_context_t* ctx, uint32_t slot_no)
         TPG_ERROR(ctx, "jsonmib_ipc_recv failed");
         complete(ctx, owner, JSONMIB_CTRL_TRANSPORT);
     }
-    start_next(ctx, slot_no);
+    start_next(ctx, slot_no, jsonmib_now());
 }
 
 /* What is known of a connection ends with it; silence does not. */
@@ -393,15 +401,15 @@ static int64_t next_deadline(const jsonmib_queue_t* queue)
     return deadline;
 }
 
+/* The loop's clock may stand a little behind: what has run out is what is not pending any more. */
 static void timer_cb(int fd, short what, void* arg)
 {
     (void)fd;
     (void)what;
     auto* ctx = static_cast<tpg_context_t*>(arg);
-    const int64_t now = jsonmib_now();
     for (uint32_t slot_no = 1; slot_no <= TPG_SLOT_MAX; slot_no++) {
         jsonmib_queue_t* queue = queue_of(ctx, slot_no);
-        if (queue->timer_at != 0 && queue->timer_at <= now) {
+        if (queue->timer_at != 0 && event_pending(queue->timer, EV_TIMEOUT, nullptr) == 0) {
             queue->timer_at = 0;
             check_time(ctx, slot_no);
             arm(ctx, slot_no);
@@ -452,7 +460,7 @@ static void check_time(tpg_context_t* ctx, uint32_t slot_no)
         }
     }
     check_connecting(ctx, slot_no, now);
-    start_next(ctx, slot_no);
+    start_next(ctx, slot_no, now);
 }
 
 /* A daemon that accepts nobody for as long as it has for a reply is as good as silent. */
@@ -537,27 +545,37 @@ static void complete(tpg_context_t* ctx, jsonmib_exchange_t* exchange, int resul
     }
 }
 
-static void fail_slot(tpg_context_t* ctx, uint32_t slot_no)
+static void give_up(tpg_context_t* ctx, jsonmib_exchange_t* exchange, const char* why)
+{
+    TPG_ERROR(ctx, "gave up a request to slot_no %u: %s", exchange->slot_no, why);
+    complete(ctx, exchange, JSONMIB_CTRL_TRANSPORT);
+}
+
+static void give_up_slot(tpg_context_t* ctx, uint32_t slot_no, const char* why)
 {
     jsonmib_queue_t* queue = queue_of(ctx, slot_no);
     jsonmib_exchange_t* owner = queue->owner;
     if (owner != nullptr) {
         queue->owner = nullptr;
-        timed_out(ctx, owner);
+        give_up(ctx, owner, why);
     }
-    fail_waiting(ctx, slot_no);
+    while (queue->first != nullptr) {
+        jsonmib_exchange_t* waiting = queue->first;
+        take_out(queue, waiting);
+        give_up(ctx, waiting, why);
+    }
 }
 
 void jsonmib_queue_fail_all(tpg_context_t* ctx)
 {
     for (uint32_t slot_no = 1; slot_no <= TPG_SLOT_MAX; slot_no++) {
-        fail_slot(ctx, slot_no);
+        give_up_slot(ctx, slot_no, "tables are about to change");
     }
 }
 
 void jsonmib_queue_disconnect(tpg_context_t* ctx, uint32_t slot_no)
 {
-    fail_slot(ctx, slot_no);
+    give_up_slot(ctx, slot_no, "its card has gone");
     jsonmib_ipc_disconnect(ctx, slot_no);
     forget_connection(queue_of(ctx, slot_no));
 }
@@ -601,7 +619,7 @@ void jsonmib_queue_drive(tpg_context_t* ctx, int64_t until)
     const int ready = ppoll(fds, TPG_SLOT_MAX, &wait, nullptr);
     for (uint32_t slot_no = 1; slot_no <= TPG_SLOT_MAX; slot_no++) {
         if (ready > 0 && fds[slot_no - 1].revents != 0) {
-            receive(ctx, slot_no);
+            receive(ctx, slot_no, false);
         }
         check_time(ctx, slot_no);
         arm(ctx, slot_no);
@@ -680,6 +698,18 @@ static void abandon(tpg_context_t* ctx, jsonmib_exchange_t* exchange)
     complete(ctx, exchange, JSONMIB_CTRL_TRANSPORT);
 }
 
+/* One turn of the event loop; false when it is to end, and that it must not forget. */
+static bool loop_goes_on(tpg_context_t* ctx)
+{
+    if (event_base_got_break(ctx->levent_base) != 0) {
+        return false;
+    }
+    ctx->jsonmib_later.loop_busy = true;
+    const int ended = event_base_loop(ctx->levent_base, EVLOOP_ONCE);
+    ctx->jsonmib_later.loop_busy = false;
+    return ended == 0 && event_base_got_break(ctx->levent_base) == 0;
+}
+
 /*
  * The event loop goes on, but for requests of the master and changes of the
  * registry, which wait. Where it cannot, in a callback of its own, only the
@@ -694,13 +724,8 @@ static int run_in_place(tpg_context_t* ctx, jsonmib_exchange_t* exchange)
     while (!done) {
         if (ctx->levent_base == nullptr || later->loop_busy) {
             jsonmib_queue_drive(ctx, NEVER);
-        } else {
-            later->loop_busy = true;
-            const int ended = event_base_loop(ctx->levent_base, EVLOOP_ONCE);
-            later->loop_busy = false;
-            if (!exchange->done && (ended != 0 || event_base_got_break(ctx->levent_base) != 0)) {
-                abandon(ctx, exchange);
-            }
+        } else if (!loop_goes_on(ctx) && !exchange->done) {
+            abandon(ctx, exchange);
         }
         done = exchange->done;
     }
