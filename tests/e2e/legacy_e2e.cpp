@@ -91,6 +91,9 @@ static void expect_columns(world_t* w, const std::string& base)
         chassis(w, "set 1 " + place + " " + value(cell, cell.var + cell.read_index, 0));
     }
     expect_all(cells, 0);
+    for (const char* tool : {"snmpwalk", "snmpbulkwalk"}) {
+        EXPECT_EQ(snmp(tool, {SNMPD, base.substr(0, base.size() - 1)}).vars.size(), 264U) << tool;
+    }
     chassis(w, "requests 1 clear");
     gets(base, "2.1.0 2.13.0");
     EXPECT_TRUE(chassis(w, "requests 1")

@@ -1,52 +1,135 @@
-/* The control channel against a daemon whose replies are written in advance. */
+/* The control channel and its queue, against a daemon that does what a text says. */
 
 #include "golden.h"
+#include "tpg_jsonmib_late.h"
 #include "tpg_jsonmib_queue.h"
 #include "uevgend_msg_i.h"
 #include "unit.h"
 
+#include <deque>
+#include <fcntl.h>
 #include <sys/socket.h>
-#include <thread>
 
-/* Both ends of the connection of slot 3. A read that has nothing to come fails in the end. */
+/*
+ * Requests and replies are words: g for a GET or its reply, s for a SET's, n for a walk's GET, r
+ * for a reply whose type tells nothing; then the variable, 0 in a reply that names none; in a
+ * reply also its data, x for a refusal.
+ */
+static jsonmib_asked_t asked_of(const std::string& word)
+{
+    return {word[0] == 's' ? UEVGEND_MSG_SET : UEVGEND_MSG_GET,
+            static_cast<uint32_t>(std::stoul(word.substr(1))), 0x203, 152};
+}
+
+static std::string reply_of(const std::string& word, size_t size = 152)
+{
+    const jsonmib_asked_t asked = asked_of(word);
+    uevgend_get_reply_msg_t reply = {};
+    reply.head.usMsgType = word[0] == 'r' ? 0 : asked.type;
+    reply.ctrl_get_reply.ulVarId = asked.var_id;
+    reply.ctrl_get_reply.ulIndex = asked.var_id == 0 ? 0 : asked.index;
+    reply.ctrl_get_reply.scErrCode = word.back() == 'x' ? -3 : 0;
+    return bytes_of(reply).substr(0, UEVGEND_DATA_OFS) +
+           std::string(size - UEVGEND_DATA_OFS, word.back());
+}
+
+/*
+ * Slot 3 and its daemon. What happens is written down: a connection (+), what the daemon reads
+ * (>g7) and what becomes of it (g7=a; g7! when it fails).
+ */
 struct ctrl : testing::Test {
-    std::unique_ptr<tpg_context_t> ctx = new_context();
-    jsonmib_ipc_info_t* slot = &ctx->jsonmib_ipc_info[2];
+    struct request_t {
+        jsonmib_exchange_t exchange;
+        std::string word;
+        uint8_t value[UEVGEND_DATA_FIXED];
+    };
+    std::unique_ptr<tpg_context_t> ctx = new_context(0);
+    jsonmib_queue_t* queue = &ctx->jsonmib_queue[2];
+    int listener = (unlink("/tmp/.uevgend_svr3"), unix_socket("/tmp/.uevgend_svr3", true));
     int peer = -1;
+    std::deque<request_t> requests;
+    std::string rest; /* of a reply that was sent in part */
+    std::string told;
 
-    void SetUp() override
-    {
-        constexpr timeval DEADLINE = {60, 0};
-        int ends[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-        for (const int fd : ends) {
-            ASSERT_EQ(setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &DEADLINE, sizeof(DEADLINE)), 0);
-        }
-        peer = ends[0];
-        *slot = {1, 0, ends[1], nullptr};
-    }
     void TearDown() override
     {
-        close(peer);
         jsonmib_queue_release(ctx.get());
+        close(peer);
+        close(listener);
     }
-    /* A reply of size bytes for the variable and index 0x203, filled with data. */
-    void answer_for(uint32_t variable, size_t size, char data, int8_t code = 0) const
+    void ask(const std::string& word)
     {
-        std::string bytes(size, data);
-        uevgend_get_reply_msg_t reply = {};
-        reply.ctrl_get_reply.ulVarId = variable;
-        reply.ctrl_get_reply.ulIndex = variable == 0 ? 0 : 0x203;
-        reply.ctrl_get_reply.scErrCode = code;
-        memcpy(bytes.data(), &reply, UEVGEND_DATA_OFS);
-        EXPECT_EQ(send(peer, bytes.data(), size, MSG_NOSIGNAL), static_cast<ssize_t>(size));
+        request_t* request = &requests.emplace_back(request_t{{}, word, {}});
+        request->exchange.slot_no = 3;
+        request->exchange.asked = asked_of(word);
+        request->exchange.length = 1;
+        request->exchange.written = "w";
+        request->exchange.value = request->value;
+        request->exchange.born = jsonmib_now();
+        request->exchange.walk = word[0] == 'n';
+        jsonmib_queue_start(ctx.get(), &request->exchange);
     }
-    /* "RESULT DATA" of a get of variable 101. */
-    std::string get(uint32_t length)
+    void say(const std::string& bytes) const
     {
-        std::string data(length, 'x');
-        const int ret = jsonmib_ctrl_get(ctx.get(), 3, 101, 0x203, data.data(), length);
-        return std::to_string(ret) + " " + data;
+        EXPECT_EQ(send(peer, bytes.data(), bytes.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(bytes.size()));
+    }
+    void time_passes(double seconds)
+    {
+        const auto us = static_cast<int64_t>(seconds * 1e6);
+        queue->sent_at -= us;
+        queue->heard_at -= us;
+        for (request_t& request : requests) {
+            request.exchange.born -= us;
+            request.exchange.queued -= us;
+        }
+    }
+    void observe()
+    {
+        for (auto& [exchange, word, value] : requests) {
+            if (exchange.done && !word.empty()) {
+                const std::string data = {exchange.result == 0 ? '=' : '~', char(value[0])};
+                told += word + (exchange.result == JSONMIB_CTRL_TRANSPORT ? "!" : data) + " ";
+                word.clear();
+            }
+        }
+        fcntl(listener, F_SETFL, O_NONBLOCK);
+        if (const int fd = accept(listener, nullptr, nullptr); fd >= 0) {
+            close(std::exchange(peer, fd));
+            rest.clear();
+            told += "+ ";
+        }
+        uevgend_set_msg_t request;
+        while (recv(peer, &request, sizeof(uevgend_get_msg_t), MSG_DONTWAIT) > 0) {
+            const bool set = request.head.usMsgType == UEVGEND_MSG_SET;
+            recv(peer, &request.ctrl_set.ucData, set ? UEVGEND_DATA_FIXED : 0, MSG_DONTWAIT);
+            told += (set ? ">s" : ">g") + std::to_string(request.ctrl_set.ulVarId) + " ";
+        }
+    }
+    /* ?g7 is a request, !g7a a reply, /g7a the first 10 bytes of one and ! its rest, 5s time that
+     * passes, x the end of the connection. */
+    std::string story(const std::string& text)
+    {
+        std::istringstream words(text);
+        for (std::string word; words >> word;) {
+            const std::string what = word.substr(1);
+            if (word[0] == '?') {
+                ask(what);
+            } else if (word[0] == '!' || word[0] == '/') {
+                rest += what.empty() ? "" : reply_of(what);
+                say(rest.substr(0, word[0] == '/' ? 10 : rest.size()));
+                rest.erase(0, word[0] == '/' ? 10 : rest.size());
+            } else if (word == "x") {
+                close(std::exchange(peer, -1));
+            } else {
+                time_passes(std::stod(word));
+            }
+            jsonmib_queue_drive(ctx.get(), jsonmib_now());
+            observe();
+        }
+        jsonmib_queue_release(ctx.get());
+        requests.clear();
+        return std::exchange(told, "");
     }
     /* The bytes waiting at one end. */
     static std::string pending(int fd)
@@ -70,58 +153,74 @@ static std::string sent(std::array<uint8_t, size> bytes, size_t length_at, size_
 
 TEST_F(ctrl, sizes)
 {
+    ASSERT_EQ(jsonmib_ipc_connect(ctx.get(), 3), 0);
+    observe();
     for (const uint32_t length : {0U, 128U, 129U, 200U}) {
         const auto size = static_cast<uint16_t>(length > 128 ? length + 24 : 152);
-        answer_for(101, size, 'y');
-        EXPECT_EQ(send(peer, "!", 1, MSG_NOSIGNAL), 1);
-        EXPECT_EQ(get(length), "0 " + std::string(length, 'y'));
-        EXPECT_EQ(pending(slot->fd), "!");
+        say(reply_of("g101y", size) + "!");
+        std::string data(length, 'd');
+        EXPECT_EQ(jsonmib_ctrl_get(ctx.get(), 3, 101, 0x203, data.data(), length), 0);
+        EXPECT_EQ(data, std::string(length, 'y'));
+        EXPECT_EQ(pending(ctx->jsonmib_ipc_info[2].fd), "!");
         EXPECT_EQ(pending(peer), sent(GOLDEN_GET[HOST], 20, length));
-
-        const std::string data(length, 'd');
-        answer_for(101, 152, 0);
+        say(reply_of("s101y"));
         EXPECT_EQ(jsonmib_ctrl_set(ctx.get(), 3, 101, 0x203, data.data(), length), 0);
         std::string expected = sent(GOLDEN_SET[HOST], 22, length).substr(0, 24) + data;
         expected.resize(size);
         memcpy(&expected[offsetof(com_msg_head_t, usMsgLen)], &size, sizeof(size));
         EXPECT_EQ(pending(peer), expected);
     }
-    answer_for(101, 224, 'y', -7);
-    EXPECT_EQ(get(200), "-7 " + std::string(200, '\0'));
+    say(reply_of("g101x", 224));
+    std::string data(200, 'd');
+    EXPECT_EQ(jsonmib_ctrl_get(ctx.get(), 3, 101, 0x203, data.data(), 200), -3);
+    EXPECT_EQ(data, std::string(200, '\0'));
 }
 
-/* After a time-out the reply may still come: before the next request or behind it. */
-TEST_F(ctrl, late_replies)
+TEST_F(ctrl, stories)
 {
-    const jsonmib_asked_t never_answered = {UEVGEND_MSG_GET, 98, 0x203, 152};
-    const jsonmib_asked_t text = {UEVGEND_MSG_GET, 99, 0x203, 280};
-    const jsonmib_asked_t nameless = {UEVGEND_MSG_GET, 0, 0, 152};
-    const jsonmib_asked_t again = {UEVGEND_MSG_GET, 101, 0x203, 152};
-    jsonmib_replies_t* replies = &ctx->jsonmib_queue[2].replies;
-    for (const bool before : {true, false}) {
-        for (const jsonmib_asked_t& dead : {text, nameless, again}) {
-            replies->dead[0] = never_answered;
-            replies->dead[1] = dead;
-            replies->dead_total = 2;
-            const bool either = dead.var_id == again.var_id;
-            std::thread daemon([this, dead, before] {
-                if (before) {
-                    answer_for(dead.var_id, dead.reply_len, 'y');
-                }
-                char request[24];
-                recv(peer, request, sizeof(request), MSG_WAITALL);
-                if (!before) {
-                    answer_for(dead.var_id, dead.reply_len, 'y');
-                }
-                answer_for(101, 152, 'y');
-            });
-            EXPECT_EQ(get(1), "0 y");
-            daemon.join();
-            EXPECT_LE(replies->dead_total, either ? 2U : 1U);
-            *replies = {};
-            (void)pending(slot->fd);
-        }
+    const std::string types = "?g1 !g1a ?s1 !s1k ", typed = "+ >g1 g1=a >s1 s1=k ";
+    const struct {
+        std::string steps, expected;
+    } stories[] = {
+        {"?g7 ?s8 ?g9 !g7a !s8k !g9x", "+ >g7 g7=a >s8 s8=k >g9 g9~x "},
+        {"?g7 /g7a / / ?g8 ! /g8b !", "+ >g7 g7=a >g8 g8=b "},
+        /* Without a time-out the echo is not looked at. */
+        {"?g7 !g5a", "+ >g7 g7=a "},
+        /* A late answer, before the next request and behind it, and a lost one. */
+        {"?g7 5s /g7a / / ?g8 ! !g8b", "+ >g7 g7! >g8 g8=b "},
+        {"?s7 5s ?s8 !s7x !s8k 5s ?s9 !s9x", "+ >s7 s7! >s8 s8=k >s9 s9~x "},
+        {"?g7 5s ?g8 !g8b 5s ?s9 !s9x", "+ >g7 g7! >g8 g8=b >s9 s9~x "},
+        /* The same cell: one read is worth the other; else the types tell, once they are known. */
+        {"?g7 5s ?g7 !g7a ?g8 !g7b !g8c", "+ >g7 g7! >g7 g7=a >g8 g8=c "},
+        {"?g7 5s ?s7 !s7k", "+ >g7 g7! + >s7 s7=k "},
+        {"?g1 !r1a ?s1 !r1k ?g7 5s ?s7 !s7k", typed + ">g7 g7! + >s7 s7=k "},
+        {types + "?s7 5s ?s7 !s7x", typed + ">s7 s7! + >s7 s7~x "},
+        {types + "?g7 5s ?s7 !g7x !s7k", typed + ">g7 g7! >s7 s7=k "},
+        {types + "?g7 5s ?s7 !s7x", typed + ">g7 g7! >s7 s7~x "},
+        {types + "?g7 5s ?s8 !s7x !s8k", typed + ">g7 g7! >s8 s8=k "},
+        {types + "?s7 5s ?g7 !s7x !g7a", typed + ">s7 s7! >g7 g7=a "},
+        /* A daemon that names no variable: known to, or not yet. */
+        {"?g1 !g0a ?g7 5s ?g8 !g0b", "+ >g1 g1=a >g7 g7! + >g8 g8=b "},
+        {"?g7 5s ?g8 !g0a !g0b", "+ >g7 g7! >g8 g8=b "},
+        {"?g7 5s ?g8 !g0b 5s ?g9 4s !g0c", "+ >g7 g7! >g8 g8! + >g9 g9=c "},
+        /* The end of a connection costs the one request that was out. */
+        {"?g7 ?g8 ?s9 x !g8b !s9k", "+ >g7 g7! + >g8 g8=b >s9 s9=k "},
+        {"?g7 !g7a x ?g8 ?g9 !g9c", "+ >g7 g7=a g8! + >g9 g9=c "},
+        {"?g7 /g7a / / 5s ?g8 !g8b", "+ >g7 g7! + >g8 g8=b "},
+        {"?g7 5s /g7a 5s ?g8 !g8b", "+ >g7 g7! + >g8 g8=b "},
+        /* A silent daemon has 200 ms, and no second request before its 5 s are over. */
+        {"?g7 ?s8 5s ?g9 ?n2 0.2s ?g3 0.2s ?n4", "+ >g7 g7! s8! >g9 n2! g9! g3! n4! "},
+        {"?g7 5s ?g8 0.2s ?g9 !g8b 4s !g9c", "+ >g7 g7! >g8 g8! >g9 g9=c "},
+        {"?g7 ?g8 ?g9 4.9s !g7a 4.9s !g8b 0.2s", "+ >g7 g7=a >g8 g8=b >g9 g9! "},
+    };
+    for (const auto& [steps, expected] : stories) {
+        EXPECT_EQ(story(steps), expected) << steps;
     }
-    answer_for(99, 152, 'n'); /* without a time-out the echo is not looked at */
-    EXPECT_EQ(get(1), "0 n");
+    std::string steps, expected = "+ ";
+    for (uint32_t i = 0; i <= JSONMIB_DEAD_MAX; i++) {
+        const std::string request = "g" + std::to_string(10 + i);
+        steps += "?" + request + " 5s ";
+        expected += ">" + request + " " + request + "! ";
+    }
+    EXPECT_EQ(story(steps + "?g7 !g7a"), expected + "+ >g7 g7=a ");
 }

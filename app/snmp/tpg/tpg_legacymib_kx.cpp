@@ -297,7 +297,8 @@ size_t tpg_legacymib_kx_oid(const tpg_context_t* ctx, std::span<const oid> arcs,
 
 /*
  * Where the read functions leave what they would ask the daemon, while the
- * agent's handler has them called to learn just that; null: they ask it.
+ * agent's handler has them called to learn just that; null: they ask it. They
+ * give some value then, or the library would forget the name that they found.
  */
 static jsonmib_ask_t* legacymib_learns;
 
@@ -353,6 +354,9 @@ static bool legacymib_find(netsnmp_mib_handler* handler, netsnmp_handler_registr
     netsnmp_call_next_handler(handler, reginfo, reqinfo, request);
     legacymib_learns = nullptr;
     reqinfo->mode = asked_mode;
+    if (ask->failed != nullptr) {
+        request->requestvb->type = ASN_NULL; /* only the name counts so far */
+    }
     return ask->failed != nullptr || request->requestvb->type != ASN_NULL;
 }
 
@@ -536,7 +540,7 @@ static u_char* legacymib_get_integer(const legacymib_find_t& find, legacymib_val
     uint32_t integer = 0;
     if (legacymib_learns != nullptr) {
         *legacymib_learns = legacymib_ask(var, index, ASN_INTEGER, sizeof(integer));
-        return nullptr;
+        return legacymib_give_integer(find, value, 0);
     }
     if (jsonmib_ctrl_get(&ctx_local, LEGACYMIB_SLOT, var.varid, index, &integer, sizeof(integer)) !=
         0) {
@@ -550,7 +554,8 @@ static u_char* legacymib_get_string(const legacymib_find_t& find, legacymib_valu
 {
     if (legacymib_learns != nullptr) {
         *legacymib_learns = legacymib_ask(var, index, ASN_OCTET_STR, LEGACYMIB_STRING_MAX);
-        return nullptr;
+        *find.var_len = 0;
+        return reinterpret_cast<u_char*>(value->string);
     }
     memset(value->string, 0, sizeof(value->string));
     if (jsonmib_ctrl_get(&ctx_local, LEGACYMIB_SLOT, var.varid, index, value->string,
