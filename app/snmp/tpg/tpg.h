@@ -320,6 +320,7 @@ struct tpg_context_t {
     tpg_jsonmib_register_info_t jsonmib_reg_info[TPG_SLOT_MAX]; /* slot - 1 */
     jsonmib_tombs_t jsonmib_tombs;
     tpg_read_st read_proc;
+    bool snmp_talked;             /* to the master, in this turn of the loop, unasked */
     bool snmp_timer_due;          /* the SNMP timer has run out and waits for the loop's turn */
     uint32_t ipc_clnt_total;      /* entries of ipc_clnt_list */
     uint32_t ipc_clnt_held;       /* those among them with something held */

@@ -228,13 +228,14 @@ static tpg_lev_snmpfd_t* next_ready(const tpg_context_t* ctx)
 }
 
 /*
- * A client's message of the same turn may have had the library talk to the master, and read what
- * had been reported; a read that finds nothing would end the session.
+ * A client's message of the same turn may have had the library talk to the
+ * master, and read what had been reported; a read that finds nothing would end
+ * the session.
  */
-static bool has_input(int fd)
+static bool may_read(const tpg_context_t* ctx, int fd)
 {
     pollfd input = {fd, POLLIN, 0};
-    return poll(&input, 1, 0) == 1;
+    return !ctx->snmp_talked || poll(&input, 1, 0) == 1;
 }
 
 /* Reading may end the session and with it any entry. */
@@ -245,7 +246,7 @@ void levent_snmp_serve(tpg_context_t* ctx)
         if (entry->paused) {
             resume(entry);
         }
-        if (has_input(event_get_fd(entry->ev))) {
+        if (may_read(ctx, event_get_fd(entry->ev))) {
             levent_snmp_read(event_get_fd(entry->ev), EV_READ, ctx);
         }
     }
@@ -260,6 +261,7 @@ void levent_snmp_serve(tpg_context_t* ctx)
         levent_snmp_update(ctx);
     }
     jsonmib_cells_turn_over(ctx);
+    ctx->snmp_talked = false;
 }
 
 static void resume(tpg_lev_snmpfd_t* entry)
@@ -315,6 +317,7 @@ void levent_snmp_timeout(int fd, short what, void* arg)
 
 void levent_snmp_settle(tpg_context_t* ctx)
 {
+    ctx->snmp_talked = true;
     acknowledge(ctx);
     levent_snmp_update(ctx);
 }
