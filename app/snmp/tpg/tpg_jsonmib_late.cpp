@@ -62,15 +62,17 @@ int32_t jsonmib_late_whose(const jsonmib_replies_t* replies, const jsonmib_asked
                            const uint8_t* head)
 {
     const bool mine = flight != nullptr && names(head, flight);
-    const auto* end = replies->dead + replies->dead_total;
-    const bool theirs = std::any_of(
-        replies->dead, end, [head](const jsonmib_asked_t& dead) { return names(head, &dead); });
+    bool theirs = false;
+    bool only_reads = true;
+    for (uint32_t i = 0; i < replies->dead_total; i++) {
+        if (names(head, &replies->dead[i])) {
+            theirs = true;
+            only_reads = only_reads && replies->dead[i].type == UEVGEND_MSG_GET;
+        }
+    }
     if (mine && !theirs) {
         return JSONMIB_READS_FLIGHT;
     }
-    const bool only_reads = std::none_of(replies->dead, end, [head](const jsonmib_asked_t& dead) {
-        return names(head, &dead) && dead.type != UEVGEND_MSG_GET;
-    });
     if (mine && flight->type == UEVGEND_MSG_GET &&
         (only_reads || (types_differ(replies) && of_type(replies, flight, head)))) {
         return JSONMIB_READS_FLIGHT; /* whoever asked, the value is the one that is wanted */
@@ -109,18 +111,17 @@ void jsonmib_late_learn(jsonmib_replies_t* replies, const jsonmib_asked_t* asked
 
 bool jsonmib_late_confusable(const jsonmib_replies_t* replies, const jsonmib_asked_t* asked)
 {
-    if (replies->dead_total == 0) {
-        return false;
+    for (uint32_t i = 0; i < replies->dead_total; i++) {
+        const jsonmib_asked_t* dead = &replies->dead[i];
+        const bool both_read = dead->type == UEVGEND_MSG_GET && asked->type == UEVGEND_MSG_GET;
+        const bool told_by_type = dead->type != asked->type && types_differ(replies);
+        if (replies->astray || replies->no_echo ||
+            (same_cell(dead, asked) &&
+             (both_read ? dead->reply_len != asked->reply_len : !told_by_type))) {
+            return true;
+        }
     }
-    const auto* end = replies->dead + replies->dead_total;
-    return replies->astray || replies->no_echo ||
-           std::any_of(replies->dead, end, [replies, asked](const jsonmib_asked_t& dead) {
-               const bool both_read =
-                   dead.type == UEVGEND_MSG_GET && asked->type == UEVGEND_MSG_GET;
-               const bool told_by_type = dead.type != asked->type && types_differ(replies);
-               return same_cell(&dead, asked) &&
-                      (both_read ? dead.reply_len != asked->reply_len : !told_by_type);
-           });
+    return false;
 }
 
 int jsonmib_late_add(jsonmib_replies_t* replies, const jsonmib_asked_t* asked)

@@ -596,10 +596,12 @@ void jsonmib_queue_release(tpg_context_t* ctx)
 
 bool jsonmib_queue_busy(const tpg_context_t* ctx)
 {
-    return std::any_of(ctx->jsonmib_queue, ctx->jsonmib_queue + TPG_SLOT_MAX,
-                       [](const jsonmib_queue_t& queue) {
-                           return queue.owner != nullptr || queue.first != nullptr;
-                       });
+    for (const jsonmib_queue_t& queue : ctx->jsonmib_queue) {
+        if (queue.owner != nullptr || queue.first != nullptr) {
+            return true;
+        }
+    }
+    return false;
 }
 
 void jsonmib_queue_drive(tpg_context_t* ctx, int64_t until)
