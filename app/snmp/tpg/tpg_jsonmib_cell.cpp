@@ -20,6 +20,8 @@ static int serve_value(tpg_context_t*, const jsonmib_ask_t*, const uint8_t*,
                        netsnmp_variable_list*);
 static request_history_t* history_of(netsnmp_request_info*);
 static request_history_t* note_age(netsnmp_request_info*, int64_t);
+static void set_transaction_aside(netsnmp_request_info*, request_history_t*);
+static void bring_transaction_back(netsnmp_request_info*, request_history_t*);
 static int pass_by(netsnmp_request_info*, int64_t);
 
 constexpr int64_t SETTLE_US = 250000;
@@ -41,7 +43,9 @@ static_assert(JSONMIB_CELL_MAX >= UEVGEND_DATA_FIXED);
 /* What a manager's request has been through; belongs to the library's record of it. */
 struct request_history_t {
     int64_t born;
-    uint32_t passed; /* cells that could not be read, in place */
+    uint32_t passed;  /* cells that could not be read, in place */
+    uint32_t waiting; /* of a GETNEXT: cells whose cards have been asked */
+    long transaction; /* the master's number of it, set aside meanwhile */
 };
 
 /* ---- configuration ---- */
@@ -131,7 +135,10 @@ int jsonmib_cell_read(tpg_context_t* ctx, const netsnmp_agent_request_info* reqi
     prepare(cell, request, ask, is_getnext(reqinfo));
     request->delegated = 1;
     if (!jsonmib_queue_start(ctx, &cell->exchange)) {
-        note_age(request, cell->exchange.born);
+        request_history_t* history = note_age(request, cell->exchange.born);
+        if (cell->next && history != nullptr) {
+            set_transaction_aside(request, history);
+        }
         return SNMP_ERR_NOERROR;
     }
     request->delegated = 0;
@@ -163,6 +170,10 @@ static void cell_is_complete(tpg_context_t* ctx, jsonmib_exchange_t* exchange)
 {
     auto* cell = reinterpret_cast<late_cell_t*>(exchange);
     cell->request->delegated = 0;
+    request_history_t* history = history_of(cell->request);
+    if (cell->next && history != nullptr) {
+        bring_transaction_back(cell->request, history);
+    }
     const int status = conclude(ctx, cell);
     if (status > SNMP_ERR_NOERROR) {
         netsnmp_request_set_error(cell->request, status);
@@ -238,6 +249,28 @@ static request_history_t* note_age(netsnmp_request_info* request, int64_t born)
     history->born = born;
     netsnmp_agent_add_list_data(request->agent_req_info, node);
     return history;
+}
+
+/*
+ * A request that the master repeats is of the same transaction. Of those the
+ * library goes on with one search only and forgets the others, which are never
+ * answered: while cards are asked, each has a number that no master gives.
+ */
+static void set_transaction_aside(netsnmp_request_info* request, request_history_t* history)
+{
+    static long last = 0;
+    netsnmp_pdu* pdu = request->agent_req_info->asp->pdu;
+    if (history->waiting++ == 0) {
+        history->transaction = pdu->transid;
+        pdu->transid = --last;
+    }
+}
+
+static void bring_transaction_back(netsnmp_request_info* request, request_history_t* history)
+{
+    if (history->waiting > 0 && --history->waiting == 0) {
+        request->agent_req_info->asp->pdu->transid = history->transaction;
+    }
 }
 
 /* Has the library ask for what follows the cell that could not be read; -1 without memory. */
