@@ -13,8 +13,12 @@
 #include <span>
 #include <sys/statfs.h>
 
-/* The library's own step from a received PDU to its answer; no header declares it. */
-extern "C" int handle_pdu(netsnmp_agent_session* asp);
+/* Where the library's agent takes what sessions of the same process send; no header declares it. */
+extern "C" int callback_master_num;
+
+static int answered(int, netsnmp_session*, int, netsnmp_pdu*, void*);
+
+static netsnmp_session* master;
 
 int (*fuzz_system)(const char* command);
 
@@ -44,8 +48,10 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
     init_snmp("fuzz");
     ctx_local.levent_base = event_base_new();
     ctx_local.lev_snmp_timeout =
-        event_new(ctx_local.levent_base, -1, 0, levent_snmp_timeout, &ctx_local);
+        event_new(ctx_local.levent_base, -1, 0, levent_snmp_timer_ran_out, &ctx_local);
     FUZZ_REQUIRE(ctx_local.lev_snmp_timeout != nullptr);
+    master = netsnmp_callback_open(callback_master_num, answered, nullptr, nullptr);
+    FUZZ_REQUIRE(master != nullptr);
     return 0;
 }
 
@@ -69,6 +75,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     std::string tokens = (flags & 4U) != 0 ? "readcb,snmpread,mibregister,trap" : "";
     tpg_debug_tokens_set(tokens.data());
     snmp_set_do_debugging(flags >> 5U == 7 ? 1 : 0);
+    levent_snmp_update(ctx);
     fuzz_one(ctx, {reinterpret_cast<const char*>(data), size});
     tpg_free_clients(ctx);
     levent_snmp_free_list(ctx);
@@ -77,7 +84,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         jsonmib_release(ctx, &ctx->jsonmib_reg_info[slot - 1]);
     }
     jsonmib_queue_release(ctx);
-    jsonmib_tomb_sweep(ctx);
+    while (ctx->jsonmib_tombs.total > 0) {
+        jsonmib_tomb_sweep(ctx);
+    }
     return 0;
 }
 
@@ -118,29 +127,52 @@ std::string fuzz_seed(const std::string& name)
 
 /* ---- requests ---- */
 
+static int answered(int operation, netsnmp_session*, int, netsnmp_pdu* pdu, void* arg)
+{
+    auto* request = static_cast<fuzz_request_t*>(arg);
+    FUZZ_REQUIRE(operation == NETSNMP_CALLBACK_OP_RECEIVED_MESSAGE);
+    FUZZ_REQUIRE(request->answer == nullptr);
+    request->answer.reset(snmp_clone_pdu(pdu));
+    return 1;
+}
+
+void fuzz_send(netsnmp_pdu* pdu, fuzz_request_t* request)
+{
+    constexpr long AGENTX_VERSION = 0xc1; /* the requests of other versions need a community */
+    pdu->version = AGENTX_VERSION;
+    pdu->flags |= UCD_MSG_FLAG_ALWAYS_IN_VIEW;
+    pdu->transid = pdu->transid == 0 ? snmp_get_next_transid() : pdu->transid;
+    FUZZ_REQUIRE(snmp_async_send(master, pdu, answered, request) != 0);
+}
+
+void fuzz_turn(tpg_context_t* ctx, int flags)
+{
+    ctx->jsonmib_later.loop_busy = true;
+    event_base_loop(ctx->levent_base, flags);
+    ctx->jsonmib_later.loop_busy = false;
+    levent_snmp_serve(ctx);
+    tpg_svr_serve_held(ctx);
+}
+
 name_t fuzz_ask(int command, const name_t& name, const name_t& other, u_char type,
                 std::string_view value)
 {
-    netsnmp_session session;
-    snmp_sess_init(&session);
-    session.version = SNMP_VERSION_2c;
     netsnmp_pdu* pdu = snmp_pdu_create(command);
     snmp_pdu_add_variable(pdu, name.data(), name.size(), type, value.data(), value.size());
     if (command != SNMP_MSG_SET) {
         snmp_add_null_var(pdu, other.data(), other.size());
     }
-    pdu->version = SNMP_VERSION_2c;
-    pdu->flags |= UCD_MSG_FLAG_ALWAYS_IN_VIEW;
-    netsnmp_agent_session* asp = init_agent_snmp_session(&session, pdu);
-    snmp_free_pdu(pdu);
-    handle_pdu(asp);
-    const netsnmp_variable_list* answer = asp->pdu->variables;
-    name_t answered;
-    if (asp->status == SNMP_ERR_NOERROR && answer->type != SNMP_ENDOFMIBVIEW) {
-        answered.assign(answer->name, answer->name + answer->name_length);
+    fuzz_request_t request;
+    fuzz_send(pdu, &request);
+    while (request.answer == nullptr) {
+        fuzz_turn(&ctx_local, EVLOOP_ONCE);
     }
-    free_agent_snmp_session(asp);
-    return answered;
+    const netsnmp_variable_list* answer = request.answer->variables;
+    name_t answered_name;
+    if (request.answer->errstat == SNMP_ERR_NOERROR && answer->type != SNMP_ENDOFMIBVIEW) {
+        answered_name.assign(answer->name, answer->name + answer->name_length);
+    }
+    return answered_name;
 }
 
 void fuzz_walk(const name_t& root, name_t name, int steps)

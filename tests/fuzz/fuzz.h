@@ -11,6 +11,7 @@
 #include "tpg.h"
 #include "tpg_snmp.h"
 
+#include <memory>
 #include <vector>
 
 using name_t = std::vector<oid>;
@@ -33,6 +34,17 @@ extern int (*fuzz_system)(const char* command);
 
 /* A file of the source tree's seeds, as "document/card.json"; ends the program when unreadable. */
 std::string fuzz_seed(const std::string& name);
+
+/* A PDU of the master's, and what the agent has answered; it stays in place until then. */
+struct fuzz_request_t {
+    std::unique_ptr<netsnmp_pdu, decltype(&snmp_free_pdu)> answer = {nullptr, snmp_free_pdu};
+};
+
+/* Hands the PDU to the library, on the way that a sub-agent's requests take. */
+void fuzz_send(netsnmp_pdu* pdu, fuzz_request_t* request);
+
+/* One turn of the agent's loop; flags are those of event_base_loop. */
+void fuzz_turn(tpg_context_t* ctx, int flags);
 
 /* Serves a request for a cell and, but for a SET, for another one; the name that answers the first,
  * which is empty when none does. */

@@ -33,7 +33,7 @@ static void pump(tpg_context_t* ctx)
     constexpr int ROUNDS_MAX = 32;
     bool again = true;
     for (int round = 0; again && round < ROUNDS_MAX; round++) {
-        event_base_loop(ctx->levent_base, EVLOOP_NONBLOCK);
+        fuzz_turn(ctx, EVLOOP_NONBLOCK);
         again = false;
         for (list_head* node = ctx->ipc_clnt_list.next; node != &ctx->ipc_clnt_list;
              node = node->next) {

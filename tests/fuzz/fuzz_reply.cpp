@@ -1,101 +1,579 @@
-/* A control daemon's replies through GET and SET; it has sent them all, and hangs up. */
+/*
+ * Control daemons that answer as they like, late, in pieces or not at all, while managers ask and
+ * cards come and go. The managers' steps are read from the front of the input, the daemons' from
+ * its end. The daemons act, and time passes, only where the agent waits.
+ */
 
 #include "fuzz.h"
 
 #include "tpg_jsonmib.h"
+#include "tpg_jsonmib_cell.h"
 #include "tpg_jsonmib_queue.h"
+#include "tpg_jsonmib_tomb.h"
 #include "tpg_legacymib_kx.h"
+#include "tpg_main_levent.h"
 #include "uevgend_msg_i.h"
 
 #include <algorithm>
-#include <memory>
+#include <climits>
+#include <deque>
+#include <event2/event.h>
+#include <fcntl.h>
+#include <list>
+#include <map>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/syscall.h>
 
-/* What one step asks for: the channel itself, or cells of the board's tables and a card's. */
-enum kind : uint32_t { CTRL_GET, CTRL_SET, BOARD_CELL, GEN_CELL, FAULT_CELL, KINDS };
+/* A request as its daemon sees it. */
+struct question_t {
+    bool set;
+    uint32_t var;
+    uint32_t index;
+    uint32_t length;
+    uint32_t written; /* which SET it is */
+};
 
+struct daemon_t {
+    std::string path;
+    int listener = -1; /* none: the daemon is away */
+    int fd = -1;
+    bool deaf = false;            /* it accepts and reads nothing */
+    bool owes = false;            /* the last request has not had its answer */
+    int64_t asked_at = 0;         /* when that came */
+    bool satisfies = false;       /* what is being sent may be that */
+    std::deque<question_t> asked; /* to be answered */
+    std::string unsent;           /* of answers that were begun */
+};
+
+/* A PDU that is outstanding. */
+struct outstanding_t {
+    fuzz_request_t request;
+    std::vector<name_t> ends; /* of the ranges that are asked for; empty: none */
+    int64_t since;
+    int64_t blocked; /* blocked_us then */
+};
+
+constexpr uint32_t CARD_SLOT = 2; /* and the next one has a card of the same family */
 constexpr uint32_t LENGTH_MAX = 600;
-constexpr size_t STEP = 10; /* bytes of an input that describe one step */
-constexpr uint32_t CARD_SLOT = 2;
+constexpr int64_t SECOND = 1000000;
+constexpr int64_t NEVER = INT64_MAX;
+constexpr int UNANSWERED = INT_MAX;
+static const name_t GEN_ROOT = {1, 3, 6, 1, 4, 1, 32473, 8, 1, 1};
+static const name_t FAULT_ROOT = {1, 3, 6, 1, 4, 1, 32473, 8, 2, 1};
+/* The variable of each column of these tables; 0: the agent knows the value itself. */
+constexpr uint32_t GEN_VARS[] = {1, 2, 3, 4, 5, 6, 7, 8, 18, 9, 0};
+constexpr uint32_t FAULT_VARS[] = {10, 0, 2, 6, 8};
 
-static void request_value(tpg_context_t* ctx, uint32_t slot, bool writes, std::string_view in)
+static std::string_view input;
+static bool running; /* an input is being worked on */
+static int64_t now_us = SECOND;
+static int64_t blocked_us;            /* what waiting in place has taken */
+static daemon_t daemons[3];           /* of the slots 1 to 3 */
+static bool echoes;                   /* the daemons' answers name the variable */
+static bool types_tell;               /* answers to GETs and to SETs differ in type */
+static bool honest;                   /* each answer, if it comes, is that to its request */
+static bool ends_well;                /* at the end of the input all daemons answer */
+static std::map<uint32_t, int> codes; /* what SETs were answered with */
+static uint32_t sets;
+static std::list<outstanding_t> outstanding;
+
+/* ---- daemons ---- */
+
+/* A cell's value, again and again. */
+static char truth(uint32_t slot, uint32_t var, uint32_t index, size_t place)
 {
-    const uint32_t length = fuzz_number(&in, 2) % (LENGTH_MAX + 1);
-    const uint32_t var = fuzz_number(&in);
-    const uint32_t index = fuzz_number(&in, 4);
-    const std::unique_ptr<uint8_t[]> value(new uint8_t[length]);
-    memset(value.get(), 0xa5, length);
-    if (writes) {
-        jsonmib_ctrl_set(ctx, slot, var, index, value.get(), length);
-    } else if (jsonmib_ctrl_get(ctx, slot, var, index, value.get(), length) != 0) {
-        FUZZ_REQUIRE(std::count(value.get(), value.get() + length, 0) == length);
+    uint32_t hash = slot * 0x9e3779b1U ^ var * 0x85ebca6bU ^ index * 0xc2b2ae35U;
+    hash ^= hash >> 15U;
+    return static_cast<char>('a' + (hash >> (place % 4 * 4) & 15U));
+}
+
+static std::string answer_to(const daemon_t* daemon, const question_t& asked, int8_t code)
+{
+    uevgend_get_reply_msg_t reply = {};
+    reply.head.usMsgType = types_tell && asked.set ? UEVGEND_MSG_SET : UEVGEND_MSG_GET;
+    reply.ctrl_get_reply.ulVarId = echoes ? asked.var : 0;
+    reply.ctrl_get_reply.ulIndex = echoes ? asked.index : 0;
+    reply.ctrl_get_reply.scErrCode = code;
+    std::string bytes = bytes_of(reply).substr(0, UEVGEND_DATA_OFS);
+    const size_t length = asked.set ? 0 : asked.length;
+    for (size_t i = 0; i < std::max(length, UEVGEND_DATA_FIXED); i++) {
+        bytes += truth(static_cast<uint32_t>(daemon - daemons) + 1, asked.var, asked.index, i);
+    }
+    return bytes;
+}
+
+static void hang_up(daemon_t* daemon, int next = -1)
+{
+    close(daemon->fd);
+    daemon->fd = next;
+    daemon->owes = false;
+    daemon->asked.clear();
+    daemon->unsent.clear();
+}
+
+static void go(daemon_t* daemon)
+{
+    hang_up(daemon);
+    close(daemon->listener);
+    unlink(daemon->path.c_str());
+    daemon->listener = -1;
+}
+
+static void come(daemon_t* daemon)
+{
+    daemon->listener = unix_socket(daemon->path, true);
+    FUZZ_REQUIRE(listen(daemon->listener, 0) == 0);
+    FUZZ_REQUIRE(fcntl(daemon->listener, F_SETFL, O_NONBLOCK) == 0);
+    daemon->deaf = false;
+}
+
+/* It gets a second request when it has answered the first or 5 s have passed. */
+static void listen_to_agent(daemon_t* daemon, bool always_did = true)
+{
+    if (daemon->deaf) {
+        return;
+    }
+    const int fd = accept4(daemon->listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (fd >= 0) {
+        hang_up(daemon, fd);
+    }
+    uint8_t bytes[UEVGEND_DATA_OFS + LENGTH_MAX];
+    while (recv(daemon->fd, bytes, UEVGEND_DATA_OFS, 0) > 0) {
+        uevgend_set_msg_t request = {};
+        memcpy(&request, bytes, UEVGEND_DATA_OFS);
+        const bool set = request.head.usMsgType == UEVGEND_MSG_SET;
+        const size_t left = request.head.usMsgLen - UEVGEND_DATA_OFS;
+        FUZZ_REQUIRE(left <= LENGTH_MAX && (set || left == 0));
+        FUZZ_REQUIRE(left == 0 || recv(daemon->fd, bytes, left, 0) == static_cast<ssize_t>(left));
+        uint32_t written = 0;
+        memcpy(&written, bytes, set ? sizeof(written) : 0);
+        FUZZ_REQUIRE(!honest || !always_did || !daemon->owes ||
+                     now_us >= daemon->asked_at + 5 * SECOND);
+        const uint32_t length = set ? request.ctrl_set.usLength : request.ctrl_set.usFlags;
+        daemon->asked.push_back(
+            {set, request.ctrl_set.ulVarId, request.ctrl_set.ulIndex, length, (written + 1) / 2});
+        daemon->owes = true;
+        daemon->asked_at = now_us;
+        if (set) {
+            codes[(written + 1) / 2] = UNANSWERED;
+        }
     }
 }
 
-/* Command, a number (or so many bytes), and what stands behind the root in the cell's name. */
-static void request_cell(const name_t& root, std::string_view in)
+static void send_bytes(daemon_t* daemon, size_t count)
 {
-    const uint32_t command = fuzz_number(&in);
-    const auto number = static_cast<long>(fuzz_number(&in));
-    name_t name = root;
-    for (uint32_t arcs = fuzz_number(&in) % 7; arcs > 0; arcs--) {
-        name.push_back(fuzz_number(&in));
+    const std::string bytes = daemon->unsent.substr(0, count);
+    daemon->unsent.erase(0, count);
+    if (!bytes.empty()) {
+        send(daemon->fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        daemon->owes = daemon->owes && !(daemon->unsent.empty() && daemon->satisfies);
     }
-    switch (command % 4) {
+}
+
+/* A late answer to a GET may be taken for the one to its repetition. */
+static void answer(daemon_t* daemon, int8_t code, size_t count)
+{
+    if (!daemon->asked.empty()) {
+        const question_t asked = daemon->asked.front();
+        daemon->asked.pop_front();
+        daemon->unsent += answer_to(daemon, asked, code);
+        daemon->satisfies = daemon->asked.empty() ||
+                            (!asked.set && std::any_of(daemon->asked.begin(), daemon->asked.end(),
+                                                       [asked](const question_t& other) {
+                                                           return !other.set &&
+                                                                  other.var == asked.var &&
+                                                                  other.index == asked.index;
+                                                       }));
+        if (asked.set) {
+            codes[asked.written] = code;
+        }
+    }
+    send_bytes(daemon, count);
+}
+
+/* Anything may come twice, unasked, or name another cell. */
+static void lie(daemon_t* daemon, uint32_t how)
+{
+    question_t other = {how % 2 != 0, how / 2 % 12, how / 24, 1, 0};
+    if (how < 128 && !daemon->asked.empty()) {
+        other = daemon->asked.front();
+    }
+    daemon->unsent += answer_to(daemon, other, 0);
+    send_bytes(daemon, daemon->unsent.size());
+}
+
+static uint32_t next_byte()
+{
+    const uint32_t byte = input.empty() ? 0 : static_cast<uint8_t>(input.back());
+    input.remove_suffix(input.empty() ? 0 : 1);
+    return byte;
+}
+
+/* What one of the daemons does next; how long it then takes until anything else happens. */
+static int64_t daemon_acts()
+{
+    const uint32_t what = next_byte();
+    daemon_t* daemon = &daemons[what % std::size(daemons)];
+    switch (what / std::size(daemons) % 16) {
     case 0:
-        fuzz_walk(root, name, 8);
-        break;
+        return int64_t{1} << next_byte() % 24;
     case 1:
-        fuzz_ask(SNMP_MSG_GET, name, name);
+        answer(daemon, 0, next_byte());
         break;
     case 2:
-        fuzz_ask(SNMP_MSG_SET, name, {}, ASN_INTEGER, bytes_of(number));
+        answer(daemon, -3, LENGTH_MAX * 2);
+        break;
+    case 3:
+        send_bytes(daemon, next_byte());
+        break;
+    case 4:
+        if (!daemon->asked.empty()) {
+            daemon->asked.pop_front();
+        }
+        break;
+    case 5:
+        hang_up(daemon);
+        break;
+    case 6:
+        daemon->listener < 0 ? come(daemon) : go(daemon);
+        break;
+    case 7: /* what it reads then, it may have been sent before */
+        daemon->deaf = !daemon->deaf;
+        listen_to_agent(daemon, false);
+        break;
+    case 8:
+        if (!honest) {
+            lie(daemon, next_byte());
+            break;
+        }
+        [[fallthrough]];
+    default:
+        answer(daemon, 0, LENGTH_MAX * 2);
+    }
+    return 1;
+}
+
+static int64_t daemons_act()
+{
+    std::for_each(std::begin(daemons), std::end(daemons), [](daemon_t& d) { listen_to_agent(&d); });
+    if (!input.empty()) {
+        return daemon_acts();
+    }
+    int64_t pause = NEVER;
+    for (daemon_t& daemon : daemons) {
+        while (ends_well && !(daemon.asked.empty() && daemon.unsent.empty())) {
+            answer(&daemon, 0, SIZE_MAX);
+            pause = 1;
+        }
+    }
+    return pause;
+}
+
+/* ---- where the agent waits ---- */
+
+/* A wait without an end, for what will never come, is a finding. */
+template <typename look_t> static int wait_for(int64_t timeout, look_t look)
+{
+    int ready = look();
+    while (ready == 0 && timeout != 0) {
+        const int64_t pause = daemons_act();
+        ready = look();
+        FUZZ_REQUIRE(ready != 0 || std::min(pause, timeout) < NEVER);
+        const int64_t passed = ready != 0 ? 0 : std::min(pause, timeout);
+        now_us += passed;
+        timeout -= timeout == NEVER ? 0 : passed;
+    }
+    return ready;
+}
+
+extern "C" int ppoll(pollfd* fds, nfds_t total, const timespec* timeout, const sigset_t*)
+{
+    static constexpr timespec AT_ONCE = {};
+    return wait_for(timeout->tv_sec * SECOND + timeout->tv_nsec / 1000, [fds, total] {
+        return static_cast<int>(syscall(SYS_ppoll, fds, total, &AT_ONCE, nullptr, 0));
+    });
+}
+
+extern "C" int epoll_wait(int epoll, epoll_event* events, int total, int timeout)
+{
+    return wait_for(timeout < 0 ? NEVER : int64_t{timeout} * 1000, [epoll, events, total] {
+        return static_cast<int>(syscall(SYS_epoll_wait, epoll, events, total, 0));
+    });
+}
+
+extern "C" int sched_yield() noexcept
+{
+    if (!running) { /* the fuzzing library looks for leaks */
+        return static_cast<int>(syscall(SYS_sched_yield));
+    }
+    now_us += std::min<int64_t>(daemons_act(), 50);
+    return 0;
+}
+
+extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept
+{
+    if (clock != CLOCK_MONOTONIC && clock != CLOCK_MONOTONIC_COARSE) {
+        return static_cast<int>(syscall(SYS_clock_gettime, clock, time));
+    }
+    *time = {static_cast<time_t>(now_us / SECOND), static_cast<long>(now_us % SECOND * 1000)};
+    return 0;
+}
+
+/* ---- managers ---- */
+
+/* The value is that of its cell. */
+static void check_value(const netsnmp_variable_list* var)
+{
+    const bool gen = std::equal(GEN_ROOT.begin(), GEN_ROOT.end(), var->name);
+    const bool fault = std::equal(FAULT_ROOT.begin(), FAULT_ROOT.end(), var->name);
+    if ((!gen && !fault) || (var->type != ASN_INTEGER && var->type != ASN_OCTET_STR)) {
+        return;
+    }
+    const oid* arcs = var->name + GEN_ROOT.size(); /* column, row, slot */
+    const uint32_t card_var = gen ? GEN_VARS[arcs[0] - 1] : FAULT_VARS[arcs[0] - 1];
+    if (card_var == 0) {
+        return;
+    }
+    const auto index =
+        static_cast<uint32_t>(gen ? arcs[1] - 1 : (arcs[1] - 1) << 8U | (arcs[2] - 1));
+    const auto slot = static_cast<uint32_t>(arcs[gen ? 2 : 3]);
+    char value[JSONMIB_CELL_MAX] = {};
+    memcpy(value, var->val.string, std::min(var->val_len, sizeof(value)));
+    if (var->type == ASN_INTEGER) {
+        const auto number = static_cast<int32_t>(*var->val.integer);
+        memcpy(value, &number, sizeof(number));
+        const bool shifted = value[0] != truth(slot, card_var, index, 0);
+        value[0] = static_cast<char>(value[0] - (shifted ? 1 : 0)); /* no byte of it is 0 or 255 */
+    }
+    for (size_t i = 0; i < (var->type == ASN_INTEGER ? sizeof(int32_t) : var->val_len); i++) {
+        FUZZ_REQUIRE(value[i] == truth(slot, card_var, index, i));
+    }
+}
+
+/* Each PDU has its answer within 10 s, but for the time that others waited in place. */
+static void collect()
+{
+    outstanding.remove_if([](const outstanding_t& sent) {
+        const netsnmp_pdu* answer = sent.request.answer.get();
+        if (answer == nullptr) {
+            return false;
+        }
+        FUZZ_REQUIRE(now_us - sent.since - (blocked_us - sent.blocked) <= 10 * SECOND + SECOND / 2);
+        const netsnmp_variable_list* var = answer->variables;
+        for (const name_t& end : sent.ends) {
+            const bool within = end.empty() || snmp_oid_compare(var->name, var->name_length,
+                                                                end.data(), end.size()) < 0;
+            if (honest && answer->errstat == SNMP_ERR_NOERROR && within) {
+                check_value(var);
+            }
+            var = var->next_variable;
+        }
+        return true;
+    });
+}
+
+static name_t read_name(name_t root)
+{
+    for (uint32_t arcs = fuzz_number(&input) % 6; arcs > 0; arcs--) {
+        root.push_back(fuzz_number(&input));
+    }
+    return root;
+}
+
+/* A GET, or a GETNEXT with the range's end and the other marks that a master gives it; a repeated
+ * request is one of the same transaction. */
+static void ask(const name_t& board)
+{
+    static long transaction;
+    const name_t* const roots[] = {&GEN_ROOT, &FAULT_ROOT, &board};
+    const uint32_t how = fuzz_number(&input);
+    const bool next = how % 2 != 0;
+    netsnmp_pdu* pdu = snmp_pdu_create(next ? SNMP_MSG_GETNEXT : SNMP_MSG_GET);
+    transaction = how / 32 % 4 == 1 ? transaction : snmp_get_next_transid();
+    pdu->transid = transaction;
+    outstanding_t& sent = outstanding.emplace_back();
+    sent.since = now_us;
+    sent.blocked = blocked_us;
+    for (uint32_t cells = how / 2 % 4 + 1; cells > 0; cells--) {
+        const name_t& root = *roots[fuzz_number(&input) % std::size(roots)];
+        const name_t name = read_name(root);
+        name_t end;
+        if (how / 8 % 2 != 0) {
+            end = root;
+            end.back()++;
+        }
+        const name_t& marked_end = end.empty() ? name_t{0, 0} : end;
+        const u_char type = !next               ? ASN_NULL
+                            : how / 16 % 2 != 0 ? ASN_PRIV_INCL_RANGE
+                                                : ASN_PRIV_EXCL_RANGE;
+        snmp_pdu_add_variable(pdu, name.data(), name.size(), type,
+                              next ? marked_end.data() : nullptr,
+                              next ? marked_end.size() * sizeof(oid) : 0);
+        sent.ends.push_back(next ? end : name_t());
+    }
+    fuzz_send(pdu, &sent.request);
+}
+
+/* ---- what waits in place ---- */
+
+static void change_registry(tpg_context_t* ctx, uint32_t what)
+{
+    static const std::string document = fuzz_seed("document/columns.json");
+    tpg_jsonmib_register_info_t* card = &ctx->jsonmib_reg_info[CARD_SLOT - 1];
+    ctx->jsonmib_later.loop_busy = true;
+    if (what % 8 == 0) {
+        jsonmib_tomb_sweep(ctx);
+    } else if (what % 8 == 1) {
+        jsonmib_queue_disconnect(ctx, what % 3 + 1);
+    } else if (what % 8 == 2) {
+        jsonmib_queue_card_came(ctx, what % 3 + 1);
+    } else if (card->slot_ref_mask != 0) {
+        jsonmib_release(ctx, card);
+        *card = {};
+    } else {
+        card->libmib_reginfo.slot_no = CARD_SLOT;
+        set_text(card->libmib_reginfo.prod_family, "family");
+        card->slot_ref_mask = 3U << CARD_SLOT;
+        card->actual_reginfo = card;
+        FUZZ_REQUIRE(jsonmib_proc_registration(ctx, document.data(), document.size(), card) == 0);
+    }
+    ctx->jsonmib_later.loop_busy = false;
+}
+
+/* A SET of numbers or texts; each cell's is twice that of the SET. */
+struct set_t {
+    std::vector<name_t> cells;
+    bool text;
+    uint32_t first;
+};
+
+static long set_phase(tpg_context_t* ctx, int command, const set_t& set)
+{
+    netsnmp_pdu* pdu = snmp_pdu_create(command);
+    pdu->transid = set.first;
+    long number = 2 * static_cast<long>(set.first);
+    for (const name_t& name : set.cells) {
+        snmp_pdu_add_variable(pdu, name.data(), name.size(), set.text ? ASN_OCTET_STR : ASN_INTEGER,
+                              &number, set.text ? sizeof(uint32_t) : sizeof(number));
+        number += 2;
+    }
+    fuzz_request_t request;
+    fuzz_send(pdu, &request);
+    while (request.answer == nullptr) {
+        fuzz_turn(ctx, EVLOOP_ONCE);
+    }
+    return request.answer->errstat;
+}
+
+/* What is confirmed has been confirmed by the card. */
+static void write(tpg_context_t* ctx, const name_t& board)
+{
+    const uint32_t how = fuzz_number(&input);
+    const name_t& root = how % 8 == 0 ? board : how % 8 == 1 ? FAULT_ROOT : GEN_ROOT;
+    set_t set = {{read_name(root)}, how / 16 % 2 != 0, sets + 1};
+    if (how / 8 % 2 != 0) {
+        set.cells.push_back(read_name(root));
+    }
+    sets += static_cast<uint32_t>(set.cells.size());
+    for (const int phase : {SNMP_MSG_INTERNAL_SET_RESERVE1, SNMP_MSG_INTERNAL_SET_RESERVE2,
+                            SNMP_MSG_INTERNAL_SET_ACTION, SNMP_MSG_INTERNAL_SET_COMMIT}) {
+        const bool acts = phase == SNMP_MSG_INTERNAL_SET_ACTION;
+        if (set_phase(ctx, phase, set) != SNMP_ERR_NOERROR) {
+            set_phase(ctx, acts ? SNMP_MSG_INTERNAL_SET_UNDO : SNMP_MSG_INTERNAL_SET_FREE, set);
+            return;
+        }
+        if (acts && how / 32 % 2 != 0) {
+            change_registry(ctx, fuzz_number(&input));
+        }
+    }
+    for (uint32_t number = set.first; number <= sets && honest && how % 8 > 1; number++) {
+        FUZZ_REQUIRE(!codes.contains(number) || codes.at(number) == 0);
+    }
+}
+
+static void exchange(tpg_context_t* ctx)
+{
+    const uint32_t how = fuzz_number(&input);
+    const uint32_t length = fuzz_number(&input, 2) % (LENGTH_MAX + 1);
+    const uint32_t var = fuzz_number(&input) % 12;
+    const uint32_t index = fuzz_number(&input) % 4;
+    const uint32_t slot = how % 3 + 1;
+    std::vector<uint8_t> value(std::max<size_t>(length, sizeof(uint32_t)), 0xa5);
+    ctx->jsonmib_later.loop_busy = how / 6 % 2 != 0;
+    if (how / 3 % 2 != 0) {
+        const uint32_t written = ++sets * 2;
+        memcpy(value.data(), &written, sizeof(written));
+        const int result = jsonmib_ctrl_set(ctx, slot, var, index, value.data(),
+                                            static_cast<uint32_t>(value.size()));
+        FUZZ_REQUIRE(!honest || result == JSONMIB_CTRL_TRANSPORT || codes.at(sets) == result);
+    } else {
+        const int result = jsonmib_ctrl_get(ctx, slot, var, index, value.data(), length);
+        for (size_t i = 0; i < length; i++) {
+            FUZZ_REQUIRE(!honest || value[i] == (result == 0 ? truth(slot, var, index, i) : 0));
+        }
+    }
+    ctx->jsonmib_later.loop_busy = false;
+    levent_snmp_serve(ctx); /* as always behind a SET */
+}
+
+static void step(tpg_context_t* ctx, const name_t& board)
+{
+    const int64_t begin = now_us;
+    switch (fuzz_number(&input) % 8) {
+    case 0:
+        write(ctx, board);
+        blocked_us += now_us - begin;
+        break;
+    case 1:
+        exchange(ctx);
+        blocked_us += now_us - begin;
+        break;
+    case 2:
+        change_registry(ctx, fuzz_number(&input));
+        break;
+    case 3:
+    case 4:
+        fuzz_turn(ctx, outstanding.empty() ? EVLOOP_NONBLOCK : EVLOOP_ONCE);
         break;
     default:
-        fuzz_ask(SNMP_MSG_SET, name, {}, ASN_OCTET_STR,
-                 std::string(static_cast<size_t>(number) * 3, 'x'));
+        ask(board);
     }
+    collect();
 }
 
 void fuzz_one(tpg_context_t* ctx, std::string_view in)
 {
-    static const std::string document = fuzz_seed("document/columns.json");
+    constexpr int STEPS_MAX = 64;
     static const bool registered = (tpg_legacymib_kx_init(ctx), true);
     (void)registered;
-    tpg_jsonmib_register_info_t* card = &ctx->jsonmib_reg_info[CARD_SLOT - 1];
-    card->libmib_reginfo.slot_no = CARD_SLOT;
-    card->slot_ref_mask = 1U << CARD_SLOT;
-    card->actual_reginfo = card;
-    FUZZ_REQUIRE(jsonmib_proc_registration(ctx, document.data(), document.size(), card) == 0);
-    const uint32_t slot = fuzz_number(&in) % 3 + 1;
-    const uint32_t owed = fuzz_number(&in);
-    const size_t steps = fuzz_number(&in) % 8;
-    std::string_view described = fuzz_bytes(&in, steps * STEP);
-    int ends[2];
-    FUZZ_REQUIRE(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0);
-    FUZZ_REQUIRE(send(ends[1], in.data(), in.size(), MSG_DONTWAIT) ==
-                 static_cast<ssize_t>(in.size()));
-    shutdown(ends[1], SHUT_WR);
-    jsonmib_ipc_info_t* info = &ctx->jsonmib_ipc_info[slot - 1];
-    *info = {1, 0, ends[0], nullptr};
-    jsonmib_replies_t* replies = &ctx->jsonmib_queue[slot - 1].replies;
-    replies->dead_total = owed % (JSONMIB_DEAD_MAX + 1);
-    for (uint32_t i = 0; i < replies->dead_total; i++) { /* none is shorter than its head */
-        const uint32_t length = i % 2 == 0 ? sizeof(uevgend_get_reply_msg_t) : LENGTH_MAX;
-        replies->dead[i] = {UEVGEND_MSG_GET, i, i / 3, length};
+    oid place[MAX_OID_LEN];
+    const name_t board(place, place + tpg_legacymib_kx_oid(ctx, {}, place));
+    input = in;
+    running = true;
+    const uint32_t manners = fuzz_number(&input);
+    echoes = manners % 2 == 0;
+    types_tell = manners / 2 % 2 == 0;
+    honest = manners / 4 % 4 != 0;
+    ends_well = manners / 16 % 2 == 0;
+    /* With debug texts each row that is gone past takes its time. */
+    ctx->jsonmib_later.skip_unreadable = manners / 32 % 2 != 0 && snmp_get_do_debugging() == 0;
+    codes.clear();
+    for (daemon_t& daemon : daemons) {
+        const auto slot = &daemon - daemons + 1;
+        daemon.path =
+            slot == 1 ? UEVGEND_SVR_PATH_SLOT1 : "/tmp/.uevgend_svr" + std::to_string(slot);
+        go(&daemon);
+        come(&daemon);
     }
-    oid board[MAX_OID_LEN];
-    const size_t board_len = tpg_legacymib_kx_oid(ctx, {}, board);
-    const name_t roots[] = {{board, board + board_len},
-                            {1, 3, 6, 1, 4, 1, 32473, 8, 1, 1},
-                            {1, 3, 6, 1, 4, 1, 32473, 8, 2, 1}};
-    while (!described.empty()) {
-        std::string_view step = fuzz_bytes(&described, STEP);
-        const uint32_t kind = fuzz_number(&step) % KINDS;
-        if (kind < BOARD_CELL) {
-            request_value(ctx, slot, kind == CTRL_SET, step);
-        } else {
-            request_cell(roots[kind - BOARD_CELL], step);
-        }
+    change_registry(ctx, 3); /* a card comes */
+    for (int steps = 0; steps < STEPS_MAX && !input.empty(); steps++) {
+        step(ctx, board);
     }
-    close(ends[1]);
+    while (!outstanding.empty()) {
+        fuzz_turn(ctx, EVLOOP_ONCE);
+        collect();
+    }
+    FUZZ_REQUIRE(!jsonmib_queue_busy(ctx));
+    running = false;
 }

@@ -26,18 +26,19 @@ make_seeds() {
 	printf '\2\5\43\2\6\20\2\4\61\3\214\0' >"$client/leftovers"
 	printf '\1\3\0\10\0textless\1\1\5\4\0cut!\0\14not a header\0' >"$client/frames"
 	printf '\2\1\20\4\1\0\1\0\0\0\4\0\0\0\5\2\0\10\6\0' >"$client/board"
-	# Slot 2, nothing owed, and the steps of 10 bytes; the replies follow.
-	local answer good
-	answer=$(printf '%.0sA' {1..156})
-	good=$(printf '%.0s\\0' {1..152})
-	printf '\1\0\1\0\310\0\1\0\0\0\0\0\0%s%s\0' "$answer" "$answer" >"$reply/get"
-	printf '\1\0\2\1\310\0\1\0\0\0\0\0\0\0\4\0\1\0\0\0\0\0\0%s%s\0' "$answer" "$answer" >"$reply/set"
-	printf '\1\0\2\3\1\0\3\1\1\2\0\0\0\4\0\0\2\1\1\0\0\0\0'"$good$good$good$good"'\0' >"$reply/cells"
-	printf '\1\0\4\3\2\1\3\1\1\2\0\0\0\3\3\12\3\3\1\2\0\0\0\4\2\1\4\2\3\2\2\0\0\4\3\144\4\4\3\2\2\0\0'"$good$good"'\0' >"$reply/sets"
-	printf '\0\0\3\2\0\0\0\0\0\0\0\0\0\2\3\5\3\2\16\0\0\0\0\2\2\1\5\4\7\1\2\1\0%0156d%0156d\0' 0 0 >"$reply/board"
-	printf '\0\0\4\2\2\1\3\5\6\0\0\0\0\2\3\5\5\5\7\1\1\3\0\2\2\1\3\10\2\0\0\0\0\2\2\1\5\6\1\1\2\1\0'"$good$good$good$good"'\0' >"$reply/writes"
-	printf '\0\0\2\2\0\0\1\3\0\0\0\0\0\2\0\0\1\6\0\0\0\0\0'"$good$good$good$good"'\0' >"$reply/walks"
-	printf '\1\310\2\0\4\0\1\0\0\0\0\0\0\0\4\0\1\0\0\0\0\0\0%0152d%0152d\0' 0 0 >"$reply/owed"
+	# How the daemons are, the managers' steps, then the daemons' own from the last one on.
+	local get='\5\0\0\3\1\1\2' gets='\5\4\0\3\2\1\2\0\3\3\1\3\2\3\2\1\0' next='\5\1\0\3\3\1\2' walk='\5\31\2\0' turn='\3'
+	local number='\0\2\3\2\1\2' text='\0\22\3\3\1\3' pull='\2\3' in_place='\1\1\4\0\1\0\1\4\310\0\1\0\1\12\4\0\2\1'
+	printf "\4$get$gets$turn$next$walk$turn"'\0' >"$reply/gets"
+	printf "\7$get$number$turn$text$get$in_place"'\0' >"$reply/sets"
+	printf "\24$get$get$turn$number$get$next$text"'\0' >"$reply/silent"
+	printf "\64$get$next$walk$turn$next$turn$in_place"'\0' >"$reply/skipped"
+	printf "\4$get$gets$turn$pull$get$turn$pull$next$number$turn$pull"'\0' >"$reply/pulled"
+	printf "\4$get$get$gets$turn$get$next$turn$turn$get"'\3\14\27\1\1\14\27\3\14\1\1\21\27\1\0' >"$reply/late"
+	printf "\4$get$gets$next$turn$get$turn$number$turn"'\20\7\12\3\4\20\1\15\23\12\1\4\0' >"$reply/lost"
+	printf "\0$get$gets$turn$next$number$turn$get"'\31\300\31\3\31\50\32\1\31\0' >"$reply/lies"
+	# A request that is repeated, at a board that never answers.
+	printf '\24\5\1\2\0\5\41\2\0\0' >"$reply/repeated"
 }
 
 fuzz_one() {
