@@ -154,7 +154,11 @@ static int set_integer_binding(tpg_context_t* ctx, netsnmp_variable_list* bindin
     return 0;
 }
 
-/* The registration's table when its fault variable is var_id, or null. */
+/*
+ * The registration's table when its fault variable is var_id, or null. Names
+ * do not tell whose a handler is: the last one of each chain is the library's
+ * own and has the table's name, which is the card's choice.
+ */
 static jsonmib_table_info_t* find_fault_table(tpg_context_t* ctx,
                                               const netsnmp_handler_registration* registration,
                                               uint32_t var_id)
@@ -163,8 +167,8 @@ static jsonmib_table_info_t* find_fault_table(tpg_context_t* ctx,
          handler = handler->next) {
         TPG_TRACE(ctx, TRACE_TRAP, "mib_handler %p, handler_name %s", static_cast<void*>(handler),
                   handler->handler_name);
-        if (strncmp(handler->handler_name, JSONMIB_FAULT_HANDLER_NAME,
-                    sizeof(JSONMIB_FAULT_HANDLER_NAME) - 1) == 0) {
+        if (handler->access_method == jsonmib_fault_table_helper_handler &&
+            handler->myvoid != nullptr) {
             auto* table = static_cast<jsonmib_table_info_t*>(handler->myvoid);
             TPG_TRACE(ctx, TRACE_TRAP, "jsonmib_table=%p", static_cast<void*>(table));
             if (table->trap_info.fault_present_var_id == var_id) {
