@@ -173,10 +173,10 @@ TEST_F(World, SwitchesSurvivePowerCutsAndFullFlash)
     agents_start(&w);
     cards_start(&w, {3});
     const std::string file = flash_folder("DEMO", 3), folder = fs::path(file).parent_path();
-    const auto restart = [&] {
+    const auto restart = [&](const std::string& switches = "1.3=1 2.3=2 3.3=2 4.3=2") {
         tpg_start(&w);
         EXPECT_TRUE(wait_for([] { return get(ALARM + "2.1.3") == "INTEGER: 1"; }));
-        EXPECT_EQ(cells(ALARM + "2"), "1.3=1 2.3=2 3.3=2 4.3=2");
+        EXPECT_EQ(cells(ALARM + "2"), switches);
     };
     EXPECT_EQ(set(ALARM + "2.1.3", "i", "1"), "");
     const std::string good = read_file(file);
@@ -192,15 +192,24 @@ TEST_F(World, SwitchesSurvivePowerCutsAndFullFlash)
     write_file(file, good);
     std::ofstream(folder + "/filler") << std::string(size_t{1} << 20U, 'x');
     EXPECT_EQ(set(ALARM + "2.2.3", "i", "1"), "");
-    EXPECT_TRUE(log_has(w, "Failed to open " + file + ".last, No space left on device"));
+    EXPECT_TRUE(log_has(w, "Failed to open " + file + ".new, No space left on device"));
     EXPECT_EQ(read_file(file), good);
     ASSERT_EQ(mount(nullptr, folder.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
     EXPECT_EQ(set(ALARM + "2.3.3", "i", "1"), "");
-    EXPECT_TRUE(log_has(w, "Failed to open " + file + ".last, Read-only file system"));
+    EXPECT_TRUE(log_has(w, "Failed to open " + file + ".new, Read-only file system"));
     EXPECT_EQ(proc_end(&w.tpg), 0);
     restart();
     EXPECT_EQ(proc_end(&w.tpg), 0);
     ASSERT_EQ(umount(folder.c_str()), 0);
+    /* A file that nothing can replace. */
+    ASSERT_EQ(mount(file.c_str(), file.c_str(), nullptr, MS_BIND, nullptr), 0);
+    restart();
+    EXPECT_EQ(set(ALARM + "2.2.3", "i", "1") + set(ALARM + "2.4.3", "i", "1"), "");
+    EXPECT_EQ(proc_end(&w.tpg), 0);
+    EXPECT_EQ(read_file(file), good);
+    restart("1.3=1 2.3=1 3.3=2 4.3=1");
+    EXPECT_EQ(proc_end(&w.tpg), 0);
+    ASSERT_EQ(umount(file.c_str()), 0);
 }
 
 TEST_F(World, AfterTheMastersDeathUnderLoadAllIsBackInFiveSeconds)

@@ -34,7 +34,7 @@ constexpr char TPG_FLASH_DIR[] = "/mnt/flash0/cards";
 /* Its presence at start raises the log level. */
 constexpr char TPG_DEBUG_MARKER[] = "/tmp/.tpg_debug";
 
-/* Documents and switch files above this size are refused. */
+/* Documents above this size are refused. */
 constexpr size_t TPG_FILE_MAX = size_t{4} * 1024 * 1024;
 
 /* Paths and commands are formatted into buffers of this size. */
@@ -155,6 +155,13 @@ struct jsonmib_trap_bindings_info_t {
 
 /* ---- registration of a slot ---- */
 
+/* What the flash has of a slot's send-trap document. */
+enum class tpg_db_state : uint8_t {
+    saved,
+    unsaved, /* some changes are missing */
+    fresh,   /* it has never been saved */
+};
+
 /*
  * All zero when the slot is empty. On a master slot_ref_mask has bit n set for
  * every slot n it serves and actual_reginfo is the record itself; a card that
@@ -174,6 +181,7 @@ struct tpg_jsonmib_register_info_t {
     uint32_t instslot_oid[TPG_OID_MAX];
     uint32_t instslot_oid_len;
     json_object* sendtrap_json_db; /* owned */
+    tpg_db_state sendtrap_state;
     uint32_t trap_bindings_len;
     jsonmib_trap_bindings_info_t* trap_bindings_info; /* owned, with every specific_list */
 };

@@ -74,6 +74,9 @@ int tpg_preload_send_trap_storage(tpg_context_t* ctx, tpg_jsonmib_register_info_
         }
         preload_table(ctx, table, jsonmib_reginfo);
     }
+    if (jsonmib_reginfo->sendtrap_state != tpg_db_state::saved) {
+        tpg_db_update_sendtrap_db_file(ctx, jsonmib_reginfo); /* once for all tables */
+    }
     return 0;
 }
 
