@@ -49,7 +49,7 @@ fuzz_one() {
 	[ -z "${FUZZ_SEED:-}" ] || options+=(-seed="$FUZZ_SEED")
 	case $name in
 	client) options+=(-max_len=512 -len_control=0) ;;
-	reply) options+=(-max_len=2048 -len_control=0) ;;
+	reply) options+=(-max_len=1024 -len_control=0) ;;
 	document) options+=(-max_len=8192 -dict="$here/json.dict") ;;
 	switches) options+=(-max_len=8192 -dict="$here/json.dict") ;;
 	esac
