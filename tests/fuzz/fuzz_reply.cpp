@@ -241,12 +241,12 @@ static int64_t daemon_acts()
         daemon->deaf = !daemon->deaf;
         listen_to_agent(daemon, false);
         break;
-    case 8:
-        if (!honest) {
-            lie(daemon, next_byte());
-            break;
-        }
-        [[fallthrough]];
+    case 8: /* a signal tells the agent to end, which it does not here */
+        event_base_loopbreak(ctx_local.levent_base);
+        break;
+    case 9:
+        honest ? answer(daemon, 0, LENGTH_MAX * 2) : lie(daemon, next_byte());
+        break;
     default:
         answer(daemon, 0, LENGTH_MAX * 2);
     }
@@ -495,8 +495,8 @@ static void exchange(tpg_context_t* ctx)
 {
     const uint32_t how = fuzz_number(&input);
     const uint32_t length = fuzz_number(&input, 2) % (LENGTH_MAX + 1);
-    const uint32_t var = fuzz_number(&input) % 12;
-    const uint32_t index = fuzz_number(&input) % 4;
+    const uint32_t var = fuzz_number(&input) % 4; /* often the same one */
+    const uint32_t index = fuzz_number(&input) % 2;
     const uint32_t slot = how % 3 + 1;
     std::vector<uint8_t> value(std::max<size_t>(length, sizeof(uint32_t)), 0xa5);
     ctx->jsonmib_later.loop_busy = how / 6 % 2 != 0;
