@@ -212,11 +212,13 @@ static uint32_t next_byte()
 /* What one of the daemons does next; how long it then takes until anything else happens. */
 static int64_t daemon_acts()
 {
+    constexpr int64_t PAUSES[] = {1,          100,    1000,       100000,
+                                  SECOND / 4, SECOND, 5 * SECOND, 10 * SECOND};
     const uint32_t what = next_byte();
     daemon_t* daemon = &daemons[what % std::size(daemons)];
     switch (what / std::size(daemons) % 16) {
     case 0:
-        return int64_t{1} << next_byte() % 24;
+        return PAUSES[next_byte() % std::size(PAUSES)];
     case 1:
         answer(daemon, 0, next_byte());
         break;
@@ -495,8 +497,8 @@ static void exchange(tpg_context_t* ctx)
 {
     const uint32_t how = fuzz_number(&input);
     const uint32_t length = fuzz_number(&input, 2) % (LENGTH_MAX + 1);
-    const uint32_t var = fuzz_number(&input) % 4; /* often the same one */
-    const uint32_t index = fuzz_number(&input) % 2;
+    const uint32_t var = fuzz_number(&input) % 3; /* often the same one */
+    const uint32_t index = 0;
     const uint32_t slot = how % 3 + 1;
     std::vector<uint8_t> value(std::max<size_t>(length, sizeof(uint32_t)), 0xa5);
     ctx->jsonmib_later.loop_busy = how / 6 % 2 != 0;
