@@ -27,16 +27,21 @@ make_seeds() {
 	printf '\1\3\0\10\0textless\1\1\5\4\0cut!\0\14not a header\0' >"$client/frames"
 	printf '\2\1\20\4\1\0\1\0\0\0\4\0\0\0\5\2\0\10\6\0' >"$client/board"
 	# How the daemons are, the managers' steps, then the daemons' own from the last one on.
-	local get='\5\0\0\3\1\1\2' gets='\5\4\0\3\2\1\2\0\3\3\1\3\2\3\2\1\0' next='\5\1\0\3\3\1\2' walk='\5\31\2\0' turn='\3'
-	local number='\0\2\3\2\1\2' text='\0\22\3\3\1\3' pull='\2\3' in_place='\1\1\4\0\1\0\1\4\310\0\1\0\1\12\4\0\2\1'
-	printf "\4$get$gets$turn$next$walk$turn"'\0' >"$reply/gets"
-	printf "\7$get$number$turn$text$get$in_place"'\0' >"$reply/sets"
-	printf "\24$get$get$turn$number$get$next$text"'\0' >"$reply/silent"
-	printf "\64$get$next$walk$turn$next$turn$in_place"'\0' >"$reply/skipped"
-	printf "\4$get$gets$turn$pull$get$turn$pull$next$number$turn$pull"'\0' >"$reply/pulled"
-	printf "\4$get$get$gets$turn$get$next$turn$turn$get"'\3\14\27\1\1\14\27\3\14\1\1\21\27\1\0' >"$reply/late"
-	printf "\4$get$gets$next$turn$get$turn$number$turn"'\20\7\12\3\4\20\1\15\23\12\1\4\0' >"$reply/lost"
-	printf "\0$get$gets$turn$next$number$turn$get"'\31\300\31\3\31\50\32\1\31\0' >"$reply/lies"
+	local get='\5\0\0\3\1\1\2' gets='\5\4\0\3\2\1\2\0\3\3\1\3\2\3\2\1\0' next='\5\1\0\3\3\1\2' walk='\5\31\2\0'
+	local set='\0\2\3\2\1\2' text='\0\22\3\3\1\3' pull='\2\3' turn='\3'
+	local get1='\1\1\4\0\1' get2='\1\1\4\0\2' set1='\1\4\4\0\1' set2='\1\4\4\0\2' answer='\37' refuse='\7' late='\7\0\7\0\7\0'
+	printf "\4$get$gets$turn$next$walk$turn$turn$turn"'\0' >"$reply/gets"
+	printf "\7$get$set$turn$text$get$get1"'\0' >"$reply/sets"
+	printf "\24$get$get$turn$set$get$next$text"'\0' >"$reply/silent"
+	printf "\64$get$next$walk$turn$next$turn$set1"'\0' >"$reply/skipped"
+	printf "\4$get$gets$turn$pull$get$turn$pull$next$set$turn$pull"'\0' >"$reply/pulled"
+	# Late answers to another cell and to the same one, a lost one.
+	printf "\4$get1$get2$answer$answer$late"'\0' >"$reply/late_get"
+	printf "\4$set1$set1$answer$refuse$late"'\0' >"$reply/late_set"
+	printf "\4$get1$set1$get1$set1$answer$refuse$late$answer$answer"'\0' >"$reply/late_other"
+	printf "\5$get1$get2$answer$answer$late"'\0' >"$reply/late_nameless"
+	printf "\4$set1$set2$set1$answer$answer\15$late"'\0' >"$reply/lost"
+	printf "\0$get$gets$turn$next$set$turn$get"'\34\300\34\3\34\50\35\1\34\0' >"$reply/lies"
 	# A request that is repeated, at a board that never answers.
 	printf '\24\5\1\2\0\5\41\2\0\0' >"$reply/repeated"
 }
@@ -49,7 +54,7 @@ fuzz_one() {
 	[ -z "${FUZZ_SEED:-}" ] || options+=(-seed="$FUZZ_SEED")
 	case $name in
 	client) options+=(-max_len=512 -len_control=0) ;;
-	reply) options+=(-max_len=2048 -len_control=0) ;;
+	reply) options+=(-max_len=1024 -len_control=0) ;;
 	document) options+=(-max_len=8192 -dict="$here/json.dict") ;;
 	switches) options+=(-max_len=8192 -dict="$here/json.dict") ;;
 	esac
