@@ -155,17 +155,20 @@ TEST_F(World, HostileClientsCannotForgeOrFloodTheLog)
                                return ioctl(fd, SIOCOUTQ, &unread) == 0 && unread == 0;
     }));
     EXPECT_TRUE(client_update_acked(fd, forged)); /* everything in front of it has been served */
+    const auto left_out = [&] {
+        const std::string log = read_file(w.tpg.log);
+        int total = 0;
+        for (size_t at = 0; (at = log.find(" more like this (", at)) != std::string::npos; at++) {
+            total += std::stoi(log.substr(log.rfind(' ', at - 1) + 1));
+        }
+        return total;
+    };
+    /* The client says nothing more, and goes on being connected. */
+    EXPECT_TRUE(wait_for([&] { return log_count(w, "Invalid header") + left_out() >= 10000; }));
+    EXPECT_GT(left_out(), 5000);
+    EXPECT_LE(log_count(w, "\n") - before, 2000);
     close(fd);
-    EXPECT_TRUE(log_has(w, " more lines about connection FD "));
     EXPECT_TRUE(log_has(w, "to client PID 1234 closed"));
-    const std::string log = read_file(w.tpg.log);
-    int left_out = 0;
-    for (size_t at = 0; (at = log.find(" more lines about", at)) != std::string::npos; at++) {
-        left_out += std::stoi(log.substr(log.rfind(' ', at - 1) + 1));
-    }
-    EXPECT_GT(left_out, 5000);
-    EXPECT_GE(log_count(w, "Invalid header") + left_out, 10000);
-    EXPECT_LE(log_count(w, "\n") - before, 200 * 20);
 }
 
 TEST_F(World, SwitchesSurvivePowerCutsAndFullFlash)

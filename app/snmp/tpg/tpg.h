@@ -12,7 +12,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <ctime>
 
 struct bufferevent;
 struct evconnlistener;
@@ -247,14 +246,6 @@ struct jsonmib_later_t {
 
 /* ---- clients ---- */
 
-/* Log lines about one connection in the current second. */
-struct tpg_log_budget_t {
-    time_t second;
-    uint32_t lines;
-    uint32_t dropped;
-    int32_t fd;
-};
-
 /* What a client did while a SET was being carried out, and what is done about it afterwards. */
 struct tpg_held_t {
     bool message; /* it sent update, of which it has been told that it came */
@@ -272,7 +263,6 @@ struct tpg_ipc_clnt_t {
     tpg_context_t* ctx;
     event* rdcb_timer;
     int32_t remote;
-    tpg_log_budget_t log_budget;
     tpg_held_t held;
 };
 
@@ -300,6 +290,33 @@ struct tpg_lev_snmpfd_t {
     bool paused; /* not watched until it has been read */
 };
 
+/* ---- log ---- */
+
+constexpr uint32_t TPG_LOG_SETS = 64; /* a place has its set, and in it room for some */
+constexpr uint32_t TPG_LOG_WAYS = 8;
+constexpr size_t TPG_LOG_LAST_MAX = 96;
+
+/* A place in the source, as the lines about one slot come from it. */
+struct tpg_log_place_t {
+    const char* file; /* null: never used */
+    int32_t line;
+    uint8_t slot;       /* 0: about none */
+    uint8_t level;      /* of what was left out */
+    bool shared;        /* by others, which found no room */
+    uint32_t left_out;  /* lines that no sum has told of */
+    int64_t paid_until; /* in milliseconds; every line written moves it on, time catches up */
+    char last[TPG_LOG_LAST_MAX]; /* the beginning of the last line left out */
+};
+
+/* How much each of them may write. */
+struct tpg_log_limit_t {
+    tpg_log_place_t places[TPG_LOG_SETS][TPG_LOG_WAYS];
+    uint32_t slot;  /* that is being served; 0 for none */
+    int64_t sum_at; /* when the lines left out are summed up; 0: there are none */
+    event* timer;
+    bool timer_runs;
+};
+
 /* ---- the agent ---- */
 
 struct tpg_context_t {
@@ -320,12 +337,13 @@ struct tpg_context_t {
     tpg_jsonmib_register_info_t jsonmib_reg_info[TPG_SLOT_MAX]; /* slot - 1 */
     jsonmib_tombs_t jsonmib_tombs;
     tpg_read_st read_proc;
-    bool snmp_talked;             /* to the master, in this turn of the loop, unasked */
-    bool snmp_timer_due;          /* the SNMP timer has run out and waits for the loop's turn */
-    uint32_t ipc_clnt_total;      /* entries of ipc_clnt_list */
-    uint32_t ipc_clnt_held;       /* those among them with something held */
-    event* svr_retry_timer;       /* opens the listener again after it ran out of descriptors */
-    tpg_log_budget_t* log_budget; /* of the connection being served; null outside */
+    int snmp_fds_dropped;    /* from lev_snmp_fd_list, since the last summary */
+    bool snmp_talked;        /* to the master, in this turn of the loop, unasked */
+    bool snmp_timer_due;     /* the SNMP timer has run out and waits for the loop's turn */
+    uint32_t ipc_clnt_total; /* entries of ipc_clnt_list */
+    uint32_t ipc_clnt_held;  /* those among them with something held */
+    event* svr_retry_timer;  /* opens the listener again after it ran out of descriptors */
+    tpg_log_limit_t log_limit;
 };
 
 /* The one instance. */

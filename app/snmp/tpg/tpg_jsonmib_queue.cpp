@@ -96,6 +96,7 @@ bool jsonmib_queue_start(tpg_context_t* ctx, jsonmib_exchange_t* exchange)
 {
     const uint32_t slot_no = exchange->slot_no;
     jsonmib_queue_t* queue = queue_of(ctx, slot_no);
+    const tpg_log_slot_t served = tpg_log_serve(ctx, slot_no);
     const bool idle = !queue->in_flight && queue->first == nullptr;
     exchange->queued = jsonmib_now();
     exchange->born = exchange->born == 0 ? exchange->queued : exchange->born;
@@ -255,6 +256,7 @@ static void wait_shortly(tpg_context_t* ctx, uint32_t slot_no)
 static void receive(tpg_context_t* ctx, uint32_t slot_no, bool at_once)
 {
     jsonmib_queue_t* queue = queue_of(ctx, slot_no);
+    const tpg_log_slot_t served = tpg_log_serve(ctx, slot_no);
     while (ipc_of(ctx, slot_no)->connected != 0 &&
            (queue->in_flight || queue->replies.dead_total > 0)) {
         if (queue->got == 0) {
@@ -443,6 +445,7 @@ static void arm(tpg_context_t* ctx, uint32_t slot_no)
 static void check_time(tpg_context_t* ctx, uint32_t slot_no)
 {
     jsonmib_queue_t* queue = queue_of(ctx, slot_no);
+    const tpg_log_slot_t served = tpg_log_serve(ctx, slot_no);
     const int64_t now = jsonmib_now();
     if ((queue->in_flight || queue->got > 0) && now >= flight_end(queue)) {
         flight_ended(ctx, slot_no);
@@ -554,6 +557,7 @@ static void give_up(tpg_context_t* ctx, jsonmib_exchange_t* exchange, const char
 static void give_up_slot(tpg_context_t* ctx, uint32_t slot_no, const char* why)
 {
     jsonmib_queue_t* queue = queue_of(ctx, slot_no);
+    const tpg_log_slot_t served = tpg_log_serve(ctx, slot_no);
     jsonmib_exchange_t* owner = queue->owner;
     if (owner != nullptr) {
         queue->owner = nullptr;
@@ -706,6 +710,8 @@ static bool loop_goes_on(tpg_context_t* ctx)
     if (event_base_got_break(ctx->levent_base) != 0) {
         return false;
     }
+    const tpg_log_slot_t served = tpg_log_serve(ctx, 0); /* whoever comes */
+    tpg_log_before_turn(ctx);
     ctx->jsonmib_later.loop_busy = true;
     const int ended = event_base_loop(ctx->levent_base, EVLOOP_ONCE);
     ctx->jsonmib_later.loop_busy = false;

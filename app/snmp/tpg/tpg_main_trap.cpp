@@ -83,6 +83,7 @@ void tpg_msg_trap_notify(tpg_context_t* ctx, tpg_msg_trap_notify_t* trap_notify_
 {
     const tpg_trap_notify_t* notify = &trap_notify_msg->trap_notify;
     const uint32_t slot = notify->slot_no;
+    const tpg_log_slot_t served = tpg_log_serve(ctx, slot);
     if (tpg_log_passes(ctx, tpg_log_level::debug)) {
         dump_notify(notify);
     }
