@@ -229,6 +229,8 @@ struct jsonmib_queue_t {
     bool quick;                         /* its last answer took no time worth speaking of */
     int64_t connecting_since;           /* its backlog is full; 0: it is not */
     int64_t walked_at;                  /* when a walk last asked an unreadable slot */
+    int64_t away_since;                 /* the daemon has given no answer; 0: it is there */
+    uint32_t away_failed;               /* requests that have failed meanwhile */
     event* timer;
     int64_t timer_at; /* 0: not running */
 };
