@@ -97,10 +97,12 @@ constexpr uint32_t JSONMIB_SENDTRAP_ROW = 1024;
 constexpr uint32_t JSONMIB_SENDTRAP_PER_BYTE = 4;
 constexpr uint32_t JSONMIB_SENDTRAP_POSITIONS = JSONMIB_SENDTRAP_ROW * JSONMIB_SENDTRAP_PER_BYTE;
 
-/* The one row that the iterator is shown while a request is answered. */
+/* The row that answers a request, and what else the iterator is shown meanwhile. */
 struct jsonmib_seek_t {
     bool active;
     bool found;            /* false: no row answers */
+    uint32_t aloud;        /* rows that are stepped through on the way to it, with debug texts */
+    uint32_t stepped;      /* of them */
     uint32_t passed_slots; /* bit n: the rows of slot n are not there */
     uint32_t values[JSONMIB_INDEX_MAX + 1];
 };
