@@ -171,6 +171,34 @@ TEST_F(World, HostileClientsCannotForgeOrFloodTheLog)
     EXPECT_TRUE(log_has(w, "to client PID 1234 closed"));
 }
 
+/* All of it over one connection, of a document that is full of what nobody knows. */
+TEST_F(World, TheFirstBootOfAChassisIsLoggedInFull)
+{
+    constexpr int TABLES = 12, COLUMNS = 500, SLOTS = 15;
+    std::vector<table_t> alarms;
+    for (int i = 1; i <= TABLES; i++) {
+        const std::string number = std::to_string(i);
+        alarms.push_back({"alarm" + number,
+                          CARD + ".11." + number,
+                          {{1, 4}},
+                          {{0, 1, 1, 2}},
+                          R"("trap_info": {"fault_present_var_id": 200})"});
+    }
+    const std::vector<column_t> columns(COLUMNS, {101, 1, 0, 400, R"("odd": 1)"});
+    card_files("demo", document({{"portTable", CARD + ".10.1", {{1, 2}}, columns}}, alarms));
+    tpg_start(&w);
+    const int fd = client_connect();
+    for (int slot = 1; slot <= SLOTS; slot++) {
+        flash_folder("DEMO", slot);
+        EXPECT_TRUE(
+            client_update_acked(fd, client_update(TPG_MSG_LIBMIB_REGISTER, slot, "demo", "DEMO", 0,
+                                                  CARDS + std::string("/libmib_demo.so"))));
+    }
+    EXPECT_TRUE(log_has(w, "Created default send_trap_storage for table alarm", TABLES * SLOTS));
+    EXPECT_EQ(log_count(w, "unknown key odd"), COLUMNS);
+    EXPECT_EQ(log_count(w, " more like this "), 0);
+}
+
 TEST_F(World, SwitchesSurvivePowerCutsAndFullFlash)
 {
     agents_start(&w);
