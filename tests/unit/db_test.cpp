@@ -144,6 +144,9 @@ TEST_F(db, stored_documents)
         const bool is_usable = outcome.starts_with("0 ") && !has(log, "stored switches are");
         EXPECT_EQ(has(read_file(FILE_NAME), ", 77, "), is_usable);
     }
+    ctx->log_level = TPG_LOG_LEVEL_DEBUG;
+    EXPECT_TRUE(has(start(good, "-"), "Debug Matched table name t\n"));
+    EXPECT_EQ(update(), "Debug Matched table name t");
 }
 
 /* Flash shows what was not written yet as cut off, or as zeros. */

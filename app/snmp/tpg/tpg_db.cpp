@@ -50,7 +50,7 @@ static bool db_create_late(tpg_context_t*, tpg_jsonmib_register_info_t*);
 static const char* db_text(json_object*);
 static int db_write_text(const char*, const char*);
 static db_saved db_save(const db_paths_t*, const char*, const char**);
-static json_object* db_find_array(tpg_context_t*, json_object*, const char*);
+static json_object* db_find_array(tpg_context_t*, json_object*, const char*, tpg_log_end);
 static void db_copy_to_row(tpg_context_t*, json_object*, const char*, uint8_t*);
 static bool db_add_array(tpg_context_t*, tpg_jsonmib_register_info_t*, jsonmib_table_info_t*);
 static json_object* db_new_array(const uint8_t*);
@@ -310,8 +310,9 @@ void tpg_db_release(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_reg
 
 /* ---- tables ---- */
 
-/* The array stored under the table's name, or null. */
-static json_object* db_find_array(tpg_context_t* ctx, json_object* db, const char* name)
+/* The array stored under the table's name, or null. matched: how the line that says so ends. */
+static json_object* db_find_array(tpg_context_t* ctx, json_object* db, const char* name,
+                                  tpg_log_end matched)
 {
     if (json_object_get_type(db) != json_type_object) {
         return nullptr;
@@ -321,7 +322,7 @@ static json_object* db_find_array(tpg_context_t* ctx, json_object* db, const cha
         if (strcmp(key, name) != 0) {
             continue;
         }
-        TPG_LOG_AT(ctx, tpg_log_level::debug, tpg_log_end::open, "Matched table name %s", name);
+        TPG_LOG_AT(ctx, tpg_log_level::debug, matched, "Matched table name %s", name);
         if (json_object_get_type(value) == json_type_array) {
             return value;
         }
@@ -398,7 +399,7 @@ void tpg_db_recall_sendtrap_persistence(tpg_context_t* ctx, jsonmib_table_info_t
         return;
     }
     const jsonmib_table_name_t name = jsonmib_table_name(jsonmib_table);
-    json_object* stored = db_find_array(ctx, db, name.text);
+    json_object* stored = db_find_array(ctx, db, name.text, tpg_log_end::line);
     if (stored != nullptr) {
         db_copy_to_row(ctx, stored, name.text, row);
         return;
@@ -427,7 +428,7 @@ void tpg_db_update_sendtrap_persistence(tpg_context_t* ctx, jsonmib_table_info_t
         return;
     }
     json_object* db = jsonmib_reginfo->sendtrap_json_db;
-    json_object* stored = db_find_array(ctx, db, name.text);
+    json_object* stored = db_find_array(ctx, db, name.text, tpg_log_end::open);
     if (stored == nullptr) {
         TPG_ERROR(ctx, "Cannot find sendtrap for table %s!", name.text);
         return;

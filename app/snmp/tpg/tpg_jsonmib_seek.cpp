@@ -37,6 +37,8 @@ static bool fill_lowest(const jsonmib_table_info_t*, size_t, jsonmib_seek_t*);
 /* Entry and column stand between a table's OID and the row's index values. */
 constexpr size_t INDEX_OFS = 2;
 constexpr oid ENTRY = 1;
+/* Of a small table every row, of the largest not more than somebody can read. */
+constexpr uint32_t ALOUD_MAX = 128;
 
 /* ---- a row that is known to be there ---- */
 
@@ -208,6 +210,12 @@ int jsonmib_seek_helper_handler(netsnmp_mib_handler* handler, netsnmp_handler_re
     return status;
 }
 
+/* True when somebody reads the debug texts of the iterator's steps. */
+static bool is_listened_to()
+{
+    return snmp_get_do_debugging() != 0 && debug_is_token_registered("jsonmib") == SNMPERR_SUCCESS;
+}
+
 /* In the other phases of a SET the iterator goes by the row that it found in the first. */
 static void aim(jsonmib_table_info_t* jsonmib_table, const netsnmp_handler_registration* reginfo,
                 int mode, netsnmp_request_info* request)
@@ -223,6 +231,7 @@ static void aim(jsonmib_table_info_t* jsonmib_table, const netsnmp_handler_regis
     const oid* suffix = var->name + std::min(fixed, var->name_length);
     seek->active = true;
     seek->passed_slots = 0;
+    seek->aloud = is_listened_to() ? ALOUD_MAX : 0;
     if (exact) {
         seek->found = jsonmib_seek_exact(jsonmib_table, suffix, len, seek);
     } else {
