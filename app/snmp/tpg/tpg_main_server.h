@@ -26,11 +26,12 @@ void tpg_svr_conn_readcb(bufferevent* bev, void* arg);
 void tpg_readcb_timeout_cb(int fd, short what, void* arg);
 void tpg_svr_conn_eventcb(bufferevent* bev, short events, void* arg);
 
-/* Carries out what clients did while a SET waited for its card: registrations, withdrawals. */
+/* Carries out what was held back: registrations, withdrawals. To be called behind each turn of the
+ * loop. */
 void tpg_svr_serve_held(tpg_context_t* ctx);
 
 /* Acknowledges a register or unregister message and carries it out, or holds it back while a SET
- * waits for its card. */
+ * waits for its card or an earlier connection of the slot is being ended. */
 void tpg_msg_libmib_update(tpg_context_t* ctx, tpg_msg_libmib_update_t* message,
                            tpg_ipc_clnt_t* client);
 
