@@ -72,6 +72,37 @@ TEST_F(World, HangupReadsTheDebugMarkerAnew)
     EXPECT_TRUE(client_update_acked(client_connect(), card(3)));
 }
 
+static int second_agent()
+{
+    proc_t second = proc_start("second", words_t{"env", "BASE_BOARD=3101KX"} + runner() +
+                                             words_t{TPG_BIN, "-D", "agentx"});
+    const int status = proc_end(&second, 0);
+    const std::string log = read_file(second.log);
+    EXPECT_TRUE(has(log, "another agent answers on /tmp/.tpg_svr")) << log;
+    EXPECT_EQ(log.find("|Error"), log.rfind("|Error"));
+    EXPECT_FALSE(has(log, "agentx/")) << log; /* it has not spoken to the master */
+    return status;
+}
+
+TEST_F(World, AgentsLeaveEachOthersSocketAlone)
+{
+    card_start(&w);
+    EXPECT_EQ(second_agent(), 255);
+    kill(w.tpg.pid, SIGSTOP);
+    EXPECT_EQ(second_agent(), 255);
+    kill(w.tpg.pid, SIGCONT);
+    EXPECT_TRUE(client_update_acked(client_connect(), card(3)));
+    expect_cells(FAM, ONE + "3=3");
+    EXPECT_EQ(proc_end(&w.tpg, SIGKILL), -SIGKILL); /* what it leaves is nobody's */
+    tpg_start(&w);
+    fs::remove(TPG_SVR_PATH);
+    const int others = unix_socket(TPG_SVR_PATH, true);
+    EXPECT_EQ(proc_end(&w.tpg), 0);
+    EXPECT_TRUE(fs::exists(TPG_SVR_PATH));
+    close(others);
+    tpg_start(&w);
+}
+
 TEST_F(World, OptionsSwitchTracesOn)
 {
     const std::string tokens = "a,b,c,d,e,readcb," + std::string(40, 'x') + ",h,i";

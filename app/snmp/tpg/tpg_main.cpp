@@ -9,6 +9,7 @@
 #include "tpg_main_options.h"
 #include "tpg_main_registry.h"
 #include "tpg_main_server.h"
+#include "tpg_main_socket.h"
 #include "tpg_snmp.h"
 
 #include <cassert>
@@ -62,7 +63,7 @@ int tpg_main(int argc, char** argv)
     signal(SIGHUP, SIG_IGN); // NOLINT(bugprone-signal-handler): until the loop can see to it
     tpg_board_select(ctx, getenv("BASE_BOARD"));
     tpg_options_t options = {};
-    if (tpg_options_parse(ctx, argc, argv, &options) != 0 ||
+    if (tpg_options_parse(ctx, argc, argv, &options) != 0 || tpg_socket_is_taken(ctx) ||
         attach_to_master(ctx) != 0) {
         return -1;
     }
@@ -71,6 +72,9 @@ int tpg_main(int argc, char** argv)
     }
     register_built_in(ctx);
     tpg_legacymib_kx_init(ctx);
+    if (tpg_socket_is_taken(ctx)) { /* by one that started beside this one */
+        return -1;
+    }
     tpg_levent_init(ctx);
     run_loop(ctx);
     tpg_exit(ctx);

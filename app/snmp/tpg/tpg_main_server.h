@@ -10,10 +10,10 @@ struct sockaddr;
 /* Clients beyond this many are refused. */
 constexpr uint32_t TPG_CLIENTS_MAX = 256;
 
-/* Listens on the client socket; failure aborts. */
+/* Listens on the client socket, in place of a file that nobody listens on; failure aborts. */
 void tpg_create_svr_listener(tpg_context_t* ctx);
 
-/* Stops listening and removes the socket file; nothing when not listening. */
+/* Stops listening and removes the agent's socket file; nothing when not listening. */
 void tpg_free_svr_listener(tpg_context_t* ctx);
 
 /* Ends and releases every connection; nothing is unregistered. */
