@@ -2,6 +2,7 @@
 
 #include "world.h"
 
+#include <poll.h>
 #include <regex>
 
 namespace fs = std::filesystem;
@@ -39,6 +40,77 @@ TEST_F(World, BoardDecidesBeforeTheOptions)
     tpg_start(&w, {"-L", "?"}, "3101KX", false);
     EXPECT_EQ(proc_end(&w.tpg, 0), 255);
     EXPECT_EQ(log_count(w, "snmp_log_options ? failed!"), 1);
+}
+
+/* Where an agent would abort at once, or end at the socket that another one has. */
+TEST_F(World, HelpAndVersionAreAllThatSuchAWordBrings)
+{
+    const int taken = unix_socket(TPG_SVR_PATH, true);
+    const std::pair<std::string, std::string> cases[] = {{"--help", "Usage: BASE_BOARD="},
+                                                         {"--version", "tpg 1."}};
+    for (const auto& [word, text] : cases) {
+        proc_t tool = proc_start("tool", words_t{"env", "-u", "BASE_BOARD"} + runner() +
+                                             words_t{TPG_BIN, "-z", word});
+        EXPECT_EQ(proc_end(&tool, 0), 0);
+        EXPECT_EQ(read_file(tool.log), "");
+        EXPECT_TRUE(read_file(tool.output).starts_with(text)) << read_file(tool.output);
+    }
+    pollfd untouched = {taken, POLLIN, 0};
+    EXPECT_EQ(poll(&untouched, 1, 0), 0);
+    fs::remove(TPG_SVR_PATH);
+    tpg_start(&w, {"-z", "--debug", "status", "--help=x", "-t"});
+    EXPECT_EQ(log_count(w, "|Warn (tpg:"), 5);
+    for (const std::string what :
+         {"option -z", "option --debug", "argument status", "option --help=x", "option -t"}) {
+        EXPECT_EQ(log_count(w, ": " + what + " is ignored"), 1) << what;
+    }
+    EXPECT_FALSE(has(read_file(w.tpg.log), "invalid option"));
+}
+
+TEST_F(World, HangupReadsTheDebugMarkerAnew)
+{
+    tpg_start(&w);
+    const char* marker = "/tmp/.tpg_debug";
+    for (int round = 1; round <= 2; round++) {
+        write_file(marker, "");
+        kill(w.tpg.pid, SIGHUP);
+        EXPECT_TRUE(log_has(w, "log level is 7: /tmp/.tpg_debug exists", round));
+        fs::remove(marker);
+        kill(w.tpg.pid, SIGHUP);
+        EXPECT_TRUE(log_has(w, "log level is 6: /tmp/.tpg_debug does not exist", round));
+    }
+    EXPECT_TRUE(client_update_acked(client_connect(), card(3)));
+}
+
+static int second_agent()
+{
+    proc_t second = proc_start("second", words_t{"env", "BASE_BOARD=3101KX"} + runner() +
+                                             words_t{TPG_BIN, "-D", "agentx"});
+    const int status = proc_end(&second, 0);
+    const std::string log = read_file(second.log);
+    EXPECT_TRUE(has(log, "another agent answers on /tmp/.tpg_svr")) << log;
+    EXPECT_EQ(log.find("|Error"), log.rfind("|Error"));
+    EXPECT_FALSE(has(log, "agentx/")) << log; /* it has not spoken to the master */
+    return status;
+}
+
+TEST_F(World, AgentsLeaveEachOthersSocketAlone)
+{
+    card_start(&w);
+    EXPECT_EQ(second_agent(), 255);
+    kill(w.tpg.pid, SIGSTOP);
+    EXPECT_EQ(second_agent(), 255);
+    kill(w.tpg.pid, SIGCONT);
+    EXPECT_TRUE(client_update_acked(client_connect(), card(3)));
+    expect_cells(FAM, ONE + "3=3");
+    EXPECT_EQ(proc_end(&w.tpg, SIGKILL), -SIGKILL); /* what it leaves is nobody's */
+    tpg_start(&w);
+    fs::remove(TPG_SVR_PATH);
+    const int others = unix_socket(TPG_SVR_PATH, true);
+    EXPECT_EQ(proc_end(&w.tpg), 0);
+    EXPECT_TRUE(fs::exists(TPG_SVR_PATH));
+    close(others);
+    tpg_start(&w);
 }
 
 TEST_F(World, OptionsSwitchTracesOn)

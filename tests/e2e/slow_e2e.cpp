@@ -172,19 +172,26 @@ TEST_F(Cards, ThatHangInASetLeaveTheRestServed)
     EXPECT_EQ(get(cell(5)), FAILED);
     proc_t asked = ask_set(4);
     EXPECT_TRUE(wait_seen(4));
-    client_send(client_connect(), notify(3, ALARM_VAR, 1));
+    const int brief = client_connect();
+    client_send(brief, notify(3, ALARM_VAR, 1));
+    close(brief);
     EXPECT_TRUE(wait_for([] { return traps().size() == 1; }));
     daemon_release(&d, 5);
     EXPECT_TRUE(wait_for([&] { return daemon_view(&d, 5).heard; }));
     daemon_play(&d, 5);
     daemon_play(&d, 6);
-    close(plug(7));
+    const int seventh = plug(7);
+    client_send(seventh, notify(7, ALARM_VAR, 2) + notify(7, ALARM_VAR, 3));
+    close(seventh);
     plug(6);
     EXPECT_TRUE(running(asked));
     EXPECT_EQ(said(snmp_end(&asked)), FAILED);
     EXPECT_TRUE(wait_read(6));
-    EXPECT_EQ(gets(PORT, "1.1.5 1.1.7"),
-              value(5) + ", No Such Instance currently exists at this OID");
+    EXPECT_TRUE(wait_for([] { return traps().size() == 3; })); /* with the card of slot 7 */
+    EXPECT_TRUE(wait_for([&] {
+        return gets(PORT, "1.1.5 1.1.7") ==
+               value(5) + ", No Such Instance currently exists at this OID";
+    }));
     EXPECT_EQ(set(cell(3), "i", "77"), "");
     EXPECT_EQ(get(cell(3)), "INTEGER: 77");
 }

@@ -132,6 +132,39 @@ TEST_F(World, RefusesNotifiesThatMakeNoTrap)
     EXPECT_EQ(log_count(w, "|Error"), errors + 7);
 }
 
+/* A client may send and close at once, and its card may be back before the agent has seen that. */
+TEST_F(World, WhatCameBeforeTheEndOfAConnectionIsServed)
+{
+    const int brief = demo_start(&w);
+    const std::string filling(950, '\0'),
+        update = bytes_of(client_update(TPG_MSG_LIBMIB_REGISTER, 5, "demo", "DEMO", 0,
+                                        std::string(CARDS) + "/libmib_demo.so"));
+    std::string few, many = update; /* whose acknowledgement nobody will read */
+    words_t expected, more;
+    for (uint32_t i = 0; i < 100; i++) {
+        (i < 5 ? few : many) += notify(i < 5 ? 3 : 5, GRID_VAR, 0, big_endian(i) + filling);
+        (i < 5 ? expected : more).push_back(trap(1000 + i, i < 5 ? 3 : 5));
+    }
+    client_send(brief, few);
+    close(brief);
+    for (const bool back : {false, true}) {
+        expect_traps(expected);
+        kill(w.tpg.pid, SIGSTOP);
+        const int old = client_connect();
+        client_send(old, many); /* more than the agent reads ahead */
+        close(old);
+        if (back) {
+            client_send(client_connect(), update);
+        }
+        kill(w.tpg.pid, SIGCONT);
+        expected = expected + more;
+    }
+    expect_traps(expected);
+    EXPECT_EQ(log_count(w, "Got an error on the connection: Broken pipe"), 1);
+    EXPECT_TRUE(log_has(w, "Same/older version 1.0.0 on slot 5", 3));
+    EXPECT_EQ(get(GRID + "1.1.5"), "INTEGER: 2");
+}
+
 TEST_F(World, FloodOfTrapsKeepsItsOrderAndStallsNobody)
 {
     const int fd = demo_start(&w);

@@ -35,8 +35,9 @@ static void pump(tpg_context_t* ctx)
     for (int round = 0; again && round < ROUNDS_MAX; round++) {
         fuzz_turn(ctx, EVLOOP_NONBLOCK);
         again = false;
-        for (list_head* node = ctx->ipc_clnt_list.next; node != &ctx->ipc_clnt_list;
-             node = node->next) {
+        list_head* next = nullptr; /* serving a client may end it */
+        for (list_head* node = ctx->ipc_clnt_list.next; node != &ctx->ipc_clnt_list; node = next) {
+            next = node->next;
             tpg_ipc_clnt_t* client = list_entry(node, tpg_ipc_clnt_t, node);
             if (event_pending(client->rdcb_timer, EV_TIMEOUT, nullptr) != 0) {
                 event_del(client->rdcb_timer);

@@ -1,6 +1,7 @@
 /* A crash ends the process with its own signal; a sent signal reaches the handler before. */
 
 #include "tpg_main_fault.h"
+#include "tpg_main_socket.h"
 #include "unit.h"
 
 #include <climits>
@@ -32,6 +33,7 @@ static int child_status(const std::function<void()>& action, void (*before)(int)
         alarm(PATIENCE);
         signal(SIGSEGV, before);
         signal(SIGBUS, SIG_DFL);
+        tpg_socket_note(new_context().get());
         tpg_fault_handler_install();
         action();
         _exit(EXIT_SUCCESS);
@@ -50,7 +52,7 @@ TEST(fault_signal, crashes_and_sent_signals)
         std::function<void()> action;
         void (*before)(int);
         int status;
-        bool crash;
+        bool crash, kept = !crash; /* the socket's file */
     } cases[] = {
         {[] { touch(mmap(nullptr, 1, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)); }, on_sent,
          -SIGSEGV, true},
@@ -58,11 +60,18 @@ TEST(fault_signal, crashes_and_sent_signals)
         {[] { touch(mmap(nullptr, 1, PROT_WRITE, MAP_SHARED, fileno(tmpfile()), 0)); }, on_sent,
          -SIGBUS, true},
         {[] { overflow_the_stack(0); }, on_sent, -SIGSEGV, true},
+        /* Another agent's file stands there by then. */
+        {[] {
+             std::filesystem::rename(TPG_SVR_PATH, "/tmp/first");
+             write_file(TPG_SVR_PATH, "");
+             touch(mmap(nullptr, 1, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+         },
+         on_sent, -SIGSEGV, true, true},
         {send, on_sent, 7, false},
         {send, SIG_IGN, EXIT_SUCCESS, false},
         {send, SIG_DFL, -SIGSEGV, false},
     };
-    for (const auto& [action, before, status, crash] : cases) {
+    for (const auto& [action, before, status, crash, kept] : cases) {
         write_file(TPG_SVR_PATH, "");
         testing::internal::CaptureStderr();
         EXPECT_EQ(child_status(action, before), status);
@@ -71,7 +80,7 @@ TEST(fault_signal, crashes_and_sent_signals)
                                                    std::regex("qemu: [^\n]*\n"), "");
         const std::regex line(R"(\|Error \(tpg:\d+\)\|tpg_main_fault\.cpp: crashed with signal )" +
                               std::to_string(-status) + "\n");
-        EXPECT_EQ(std::filesystem::exists(TPG_SVR_PATH), !crash);
+        EXPECT_EQ(std::filesystem::exists(TPG_SVR_PATH), kept);
         EXPECT_TRUE(crash ? std::regex_match(log, line) : log.empty()) << log;
     }
 }

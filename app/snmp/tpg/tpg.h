@@ -258,12 +258,12 @@ struct jsonmib_later_t {
 
 /* ---- clients ---- */
 
-/* What a client did while a SET was being carried out, and what is done about it afterwards. */
+/* What a client did while a SET was being carried out, or while an earlier connection of its card
+ * was being ended; it is seen to afterwards. */
 struct tpg_held_t {
     bool message; /* it sent update, of which it has been told that it came */
     tpg_msg_libmib_update_t update;
-    short events; /* the end of its connection; 0: it goes on */
-    int error;    /* errno that came with that */
+    bool end; /* its connection has ended, and all that came over it has been served */
 };
 
 struct tpg_ipc_clnt_t {
@@ -276,6 +276,8 @@ struct tpg_ipc_clnt_t {
     event* rdcb_timer;
     int32_t remote;
     tpg_held_t held;
+    short end_events; /* of the connection's end, before which what came is served; 0: it goes on */
+    int end_error;    /* errno that came with them */
 };
 
 /* tpg_read_st.state */

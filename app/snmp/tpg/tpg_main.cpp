@@ -6,8 +6,10 @@
 #include "tpg_main_cardmib.h"
 #include "tpg_main_fault.h"
 #include "tpg_main_levent.h"
+#include "tpg_main_options.h"
 #include "tpg_main_registry.h"
 #include "tpg_main_server.h"
+#include "tpg_main_socket.h"
 #include "tpg_snmp.h"
 
 #include <cassert>
@@ -24,19 +26,14 @@
 #error "assertions stop the agent on purpose and must be compiled in"
 #endif
 
-/* What the command line asks for. */
-struct options_t {
-    const char* test_card; /* library path of the test card, or null */
-};
-
 static void start_logging(tpg_context_t*);
-static int parse_options(tpg_context_t*, int, char**, options_t*);
-static void set_debug_tokens(char*);
+static void set_log_level(tpg_context_t*);
 static int attach_to_master(tpg_context_t*);
 static void register_test_card(tpg_context_t*, const char*);
 static void register_built_in(tpg_context_t*);
 static void tpg_levent_init(tpg_context_t*);
-static void add_signal(tpg_context_t*, int);
+static void add_signal(tpg_context_t*, int, event_callback_fn);
+static void hangup_cb(int, short, void*);
 static void run_loop(tpg_context_t*);
 
 constexpr char AGENT_NAME[] = "card_agentx";
@@ -57,12 +54,17 @@ constexpr board_t BOARDS[] = {
 
 int tpg_main(int argc, char** argv)
 {
+    if (tpg_options_tell(argc, argv)) {
+        return 0;
+    }
     tpg_context_t* ctx = &ctx_local;
     memset(static_cast<void*>(ctx), 0, sizeof(*ctx));
     start_logging(ctx);
+    signal(SIGHUP, SIG_IGN); // NOLINT(bugprone-signal-handler): until the loop can see to it
     tpg_board_select(ctx, getenv("BASE_BOARD"));
-    options_t options = {};
-    if (parse_options(ctx, argc, argv, &options) != 0 || attach_to_master(ctx) != 0) {
+    tpg_options_t options = {};
+    if (tpg_options_parse(ctx, argc, argv, &options) != 0 || tpg_socket_is_taken(ctx) ||
+        attach_to_master(ctx) != 0) {
         return -1;
     }
     if (options.test_card != nullptr) {
@@ -70,6 +72,9 @@ int tpg_main(int argc, char** argv)
     }
     register_built_in(ctx);
     tpg_legacymib_kx_init(ctx);
+    if (tpg_socket_is_taken(ctx)) { /* by one that started beside this one */
+        return -1;
+    }
     tpg_levent_init(ctx);
     run_loop(ctx);
     tpg_exit(ctx);
@@ -80,14 +85,19 @@ int tpg_main(int argc, char** argv)
 
 static void start_logging(tpg_context_t* ctx)
 {
-    struct stat st;
-    const bool debug = stat(TPG_DEBUG_MARKER, &st) == 0;
     tpg_log_open();
-    ctx->log_level = debug ? TPG_LOG_LEVEL_DEBUG : TPG_LOG_LEVEL_DEFAULT;
+    set_log_level(ctx);
     ctx->log_console = 1;
-    if (debug) {
+    if (ctx->log_level == TPG_LOG_LEVEL_DEBUG) {
         TPG_WARN(ctx, "debug enabled");
     }
+}
+
+static void set_log_level(tpg_context_t* ctx)
+{
+    struct stat st;
+    const bool debug = stat(TPG_DEBUG_MARKER, &st) == 0;
+    ctx->log_level = debug ? TPG_LOG_LEVEL_DEBUG : TPG_LOG_LEVEL_DEFAULT;
 }
 
 void tpg_board_select(tpg_context_t* ctx, const char* board)
@@ -102,49 +112,6 @@ void tpg_board_select(tpg_context_t* ctx, const char* board)
     }
     TPG_ERROR(ctx, "unsupported BASE_BOARD %s!", board);
     abort();
-}
-
-/* ---- options ---- */
-
-static int parse_options(tpg_context_t* ctx, int argc, char** argv, options_t* options)
-{
-    int option = 0;
-    while ((option = getopt(argc, argv, "t:D:L:d:")) != -1) { // NOLINT(concurrency-mt-unsafe)
-        switch (option) {
-        case 't':
-            options->test_card = optarg;
-            TPG_INFO(ctx, "Tpg Agent is running in test mode!");
-            break;
-        case 'D':
-            debug_register_tokens(optarg);
-            snmp_set_do_debugging(1);
-            TPG_INFO(ctx, "Registering net-snmp debug tokens %s", optarg);
-            break;
-        case 'L':
-            if (snmp_log_options(optarg, argc, argv) < 0) {
-                TPG_ERROR(ctx, "snmp_log_options %s failed!", optarg);
-                return -1;
-            }
-            break;
-        case 'd':
-            set_debug_tokens(optarg);
-            break;
-        default:
-            break;
-        }
-    }
-    return 0;
-}
-
-static void set_debug_tokens(char* list)
-{
-    printf("option -d: %s\n", list);
-    tpg_debug_tokens_set(list);
-    printf("Debug tokens total=%d\n", tpg_debug_tokens_total);
-    for (int i = 0; i < tpg_debug_tokens_total; i++) {
-        printf("kk=%d, %s\n", i, tpg_debug_tokens[i]);
-    }
-    fflush(stdout);
 }
 
 /* ---- registrations at start ---- */
@@ -218,21 +185,35 @@ static void tpg_levent_init(tpg_context_t* ctx)
     ctx->lev_snmp_timeout = event_new(ctx->levent_base, -1, 0, levent_snmp_timer_ran_out, ctx);
     assert((ctx->lev_snmp_timeout));
     for (const int sig : {SIGINT, SIGTERM, SIGSEGV, SIGQUIT}) {
-        add_signal(ctx, sig);
+        add_signal(ctx, sig, tpg_levent_stop);
     }
+    add_signal(ctx, SIGHUP, hangup_cb);
+    set_log_level(ctx); /* for one that came earlier */
     tpg_fault_handler_install();
     /* A peer that is gone is an error of the call that notices, not the agent's end. */
     signal(SIGPIPE, SIG_IGN); // NOLINT(bugprone-signal-handler)
     levent_snmp_update(ctx);
 }
 
-static void add_signal(tpg_context_t* ctx, int sig)
+static void add_signal(tpg_context_t* ctx, int sig, event_callback_fn call)
 {
-    event* ev = event_new(ctx->levent_base, sig, EV_SIGNAL | EV_PERSIST, tpg_levent_stop, ctx);
+    event* ev = event_new(ctx->levent_base, sig, EV_SIGNAL | EV_PERSIST, call, ctx);
     assert((ev));
     if (event_add(ev, nullptr) != 0) {
-        TPG_ERROR(ctx, "cannot watch signal %d: it ends the agent without clean-up", sig);
+        TPG_ERROR(ctx, "cannot watch signal %d: the loop does not see to it", sig);
     }
+}
+
+/* Debug lines can be switched without a restart, which would lose what is to be looked at. */
+static void hangup_cb(int fd, short what, void* arg)
+{
+    (void)fd;
+    (void)what;
+    auto* ctx = static_cast<tpg_context_t*>(arg);
+    set_log_level(ctx);
+    const bool debug = ctx->log_level == TPG_LOG_LEVEL_DEBUG;
+    TPG_INFO(ctx, "log level is %u: %s %s", ctx->log_level, TPG_DEBUG_MARKER,
+             debug ? "exists" : "does not exist");
 }
 
 static void run_loop(tpg_context_t* ctx)

@@ -1,6 +1,7 @@
 #include "tpg_main_fault.h"
 
 #include "tpg_log.h"
+#include "tpg_main_socket.h"
 
 #include <cerrno>
 #include <csignal>
@@ -73,7 +74,7 @@ static void fault_handler(int sig, siginfo_t* info, void* context)
         }
     }
     if (!sent_by_someone(info)) {
-        unlink(TPG_SVR_PATH);
+        tpg_socket_remove();
         leave_line(sig);
         before.sa_handler = SIG_DFL;
     }

@@ -4,6 +4,7 @@
 #include "tpg_log.h"
 #include "tpg_main_levent.h"
 #include "tpg_main_registry.h"
+#include "tpg_main_socket.h"
 #include "tpg_main_trap.h"
 
 #include <algorithm>
@@ -15,6 +16,8 @@
 #include <event2/bufferevent.h>
 #include <event2/event.h>
 #include <event2/listener.h>
+#include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -26,6 +29,7 @@ static void listener_retry_cb(int, short, void*);
 static bool has_room(tpg_context_t*, int);
 static tpg_ipc_clnt_t* new_client(tpg_context_t*, int, bufferevent*);
 static void free_client(tpg_ipc_clnt_t*);
+static bool serve_message(tpg_ipc_clnt_t*);
 static bool read_message(tpg_context_t*, tpg_ipc_clnt_t*, bufferevent*);
 static int read_header(tpg_context_t*, bufferevent*, int);
 static bool header_accepted(tpg_read_st*);
@@ -37,14 +41,22 @@ static void dispatch_trap_notify(tpg_context_t*, tpg_ipc_clnt_t*, const com_msg_
 static int send_update_ack(tpg_context_t*, tpg_ipc_clnt_t*);
 static void carry_out_update(tpg_context_t*, tpg_msg_libmib_update_t*, tpg_ipc_clnt_t*);
 static void withdraw_slot(tpg_context_t*, uint32_t);
-static void end_connection(tpg_ipc_clnt_t*, short, int);
+static void begin_end(tpg_ipc_clnt_t*, short, int);
+static void take_rest(bufferevent*);
+static void serve_rest(tpg_ipc_clnt_t*);
+static void end_connection(tpg_ipc_clnt_t*);
+static bool has_ended(tpg_ipc_clnt_t*);
+static bool is_leaving(const tpg_ipc_clnt_t*, uint32_t);
 static bool must_hold(const tpg_context_t*);
+static bool must_wait(const tpg_ipc_clnt_t*, uint32_t);
 static void hold(tpg_ipc_clnt_t*);
 static void serve_held(tpg_ipc_clnt_t*);
 static void watch_again(tpg_ipc_clnt_t*);
 
 constexpr int32_t HEAD_LEN = sizeof(com_msg_head_t);
 constexpr timeval REREAD_DELAY = {0, 5000};
+/* One turn of serving what a connection that has ended left behind, in microseconds. */
+constexpr int64_t REST_TURN_US = 1000;
 constexpr timeval LISTEN_RETRY_DELAY = {1, 0};
 constexpr mode_t SOCKET_MODE = 0777; /* processes of any user may connect */
 /* What a client may have waiting in the agent, in bytes; the rest waits in its socket. */
@@ -73,6 +85,7 @@ void tpg_create_svr_listener(tpg_context_t* ctx)
                                 LEV_OPT_CLOSE_ON_FREE | LEV_OPT_REUSEABLE | LEV_OPT_CLOSE_ON_EXEC,
                                 -1, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
     assert((ctx->svr_listener));
+    tpg_socket_note(ctx);
     evconnlistener_set_error_cb(ctx->svr_listener, listener_error_cb);
     ctx->svr_retry_timer = event_new(ctx->levent_base, -1, 0, listener_retry_cb, ctx);
     assert((ctx->svr_retry_timer));
@@ -86,9 +99,9 @@ void tpg_free_svr_listener(tpg_context_t* ctx)
     if (ctx->svr_listener == nullptr) {
         return;
     }
+    tpg_socket_remove(); /* closed, it would lose its number to another file */
     evconnlistener_free(ctx->svr_listener);
     event_free(ctx->svr_retry_timer);
-    unlink(TPG_SVR_PATH);
     ctx->svr_listener = nullptr;
     ctx->svr_retry_timer = nullptr;
 }
@@ -189,7 +202,7 @@ void tpg_svr_accept_cb(evconnlistener* listener, int fd, sockaddr* address, int 
 
 static bool is_held(const tpg_ipc_clnt_t* client)
 {
-    return client->held.message || client->held.events != 0;
+    return client->held.message || client->held.end;
 }
 
 static void free_client(tpg_ipc_clnt_t* client)
@@ -228,6 +241,8 @@ static void withdraw_slot(tpg_context_t* ctx, uint32_t slot)
     levent_snmp_settle(ctx);
 }
 
+/* ---- the end of a connection ---- */
+
 void tpg_svr_conn_eventcb(bufferevent* bev, short events, void* arg)
 {
     (void)bev;
@@ -235,28 +250,99 @@ void tpg_svr_conn_eventcb(bufferevent* bev, short events, void* arg)
     const int error = errno;
     const tpg_log_slot_t served = tpg_log_serve(client->ctx, client->libmib_reg_slot);
     TPG_ERROR(client->ctx, "got event 0x%x", static_cast<unsigned>(events));
-    if ((events & (BEV_EVENT_EOF | BEV_EVENT_ERROR)) == 0) {
+    if ((events & (BEV_EVENT_EOF | BEV_EVENT_ERROR)) == 0 || client->end_events != 0) {
+        return;
+    }
+    begin_end(client, events, error);
+    serve_rest(client);
+}
+
+/* From here on only what has arrived by now is taken of the client. */
+static void begin_end(tpg_ipc_clnt_t* client, short events, int error)
+{
+    client->end_events = events;
+    client->end_error = error;
+    bufferevent_disable(client->bev, EV_READ);
+    take_rest(client->bev);
+}
+
+/* An acknowledgement that cannot be written ends a connection before all that came is read. */
+static void take_rest(bufferevent* bev)
+{
+    evbuffer* input = bufferevent_get_input(bev);
+    const int fd = bufferevent_getfd(bev);
+    int unread = 0;
+    if (ioctl(fd, FIONREAD, &unread) != 0) {
+        return;
+    }
+    evbuffer_unfreeze(input, 0);
+    for (int count = 1; unread > 0 && count > 0; unread -= count) {
+        count = evbuffer_read(input, fd, unread);
+    }
+    evbuffer_freeze(input, 0);
+}
+
+/*
+ * Serves the messages that came before the end, then withdraws the slot. Many
+ * take several turns of the loop: traps that came without a pause would be too
+ * fast for their receivers.
+ */
+static void serve_rest(tpg_ipc_clnt_t* client)
+{
+    const int64_t turn_ends = jsonmib_now() + REST_TURN_US;
+    while (!is_held(client) && serve_message(client)) {
+        if (jsonmib_now() >= turn_ends && event_add(client->rdcb_timer, &REREAD_DELAY) == 0) {
+            return;
+        }
+    }
+    if (is_held(client)) {
         return;
     }
     if (must_hold(client->ctx)) {
         hold(client);
-        client->held.events = events;
-        client->held.error = error;
+        client->held.end = true;
         return;
     }
-    end_connection(client, events, error);
+    end_connection(client);
 }
 
-static void end_connection(tpg_ipc_clnt_t* client, short events, int error)
+static void end_connection(tpg_ipc_clnt_t* client)
 {
     tpg_context_t* ctx = client->ctx;
-    if ((events & BEV_EVENT_EOF) != 0) {
+    if ((client->end_events & BEV_EVENT_EOF) != 0) {
         TPG_INFO(ctx, "Connection FD %d to client PID %d closed", client->acc_fd, client->clnt_pid);
     } else {
-        TPG_ERROR(ctx, "Got an error on the connection: %s", strerror(error));
+        TPG_ERROR(ctx, "Got an error on the connection: %s", strerror(client->end_error));
     }
     withdraw_slot(ctx, client->libmib_reg_slot);
     free_client(client);
+}
+
+/* The peer may be gone though not all that it has sent is read yet. */
+static bool has_ended(tpg_ipc_clnt_t* client)
+{
+    if (client->end_events != 0) {
+        return true;
+    }
+    pollfd peer = {client->acc_fd, POLLRDHUP, 0};
+    if (poll(&peer, 1, 0) != 1 || event_add(client->rdcb_timer, &REREAD_DELAY) != 0) {
+        return false;
+    }
+    begin_end(client, BEV_EVENT_READING | BEV_EVENT_EOF, 0);
+    return true;
+}
+
+/* True while the end of another connection, which withdraws the slot, has yet to be carried out. */
+static bool is_leaving(const tpg_ipc_clnt_t* client, uint32_t slot)
+{
+    const list_head* all = &client->ctx->ipc_clnt_list;
+    for (list_head* node = all->next; node != all; node = node->next) {
+        tpg_ipc_clnt_t* other = list_entry(node, tpg_ipc_clnt_t, node);
+        if (other != client && other->libmib_reg_slot == slot && has_ended(other)) {
+            return true;
+        }
+    }
+    return false;
 }
 
 /* ---- held back ---- */
@@ -265,6 +351,16 @@ static void end_connection(tpg_ipc_clnt_t* client, short events, int error)
 static bool must_hold(const tpg_context_t* ctx)
 {
     return ctx->jsonmib_later.waiting > 0;
+}
+
+/*
+ * A card that comes back waits for what its last connection left behind, or the
+ * end of that would take it out again. A client that has ended waits for none.
+ */
+static bool must_wait(const tpg_ipc_clnt_t* client, uint32_t slot)
+{
+    return must_hold(client->ctx) ||
+           (client->end_events == 0 && slot != 0 && is_leaving(client, slot));
 }
 
 /* Nothing more is read of the client until what it did has been seen to. */
@@ -279,14 +375,17 @@ static void hold(tpg_ipc_clnt_t* client)
 
 void tpg_svr_serve_held(tpg_context_t* ctx)
 {
-    list_head* next = nullptr;
+    uint32_t before = UINT32_MAX;
     ctx->jsonmib_later.loop_busy = true;
-    for (list_head* node = ctx->ipc_clnt_list.next;
-         ctx->ipc_clnt_held > 0 && node != &ctx->ipc_clnt_list; node = next) {
-        next = node->next;
-        tpg_ipc_clnt_t* client = list_entry(node, tpg_ipc_clnt_t, node);
-        if (is_held(client)) {
-            serve_held(client);
+    while (ctx->ipc_clnt_held > 0 && ctx->ipc_clnt_held < before) { /* one may wait for another */
+        before = ctx->ipc_clnt_held;
+        list_head* next = nullptr;
+        for (list_head* node = ctx->ipc_clnt_list.next; node != &ctx->ipc_clnt_list; node = next) {
+            next = node->next;
+            tpg_ipc_clnt_t* client = list_entry(node, tpg_ipc_clnt_t, node);
+            if (is_held(client)) {
+                serve_held(client);
+            }
         }
     }
     ctx->jsonmib_later.loop_busy = false;
@@ -295,17 +394,20 @@ void tpg_svr_serve_held(tpg_context_t* ctx)
 static void serve_held(tpg_ipc_clnt_t* client)
 {
     tpg_context_t* ctx = client->ctx;
-    const tpg_held_t held = client->held;
+    tpg_msg_libmib_update_t update = client->held.update;
+    const bool message = client->held.message;
+    if (message && must_wait(client, update.libmib_update.slot_no)) {
+        return;
+    }
     const tpg_log_slot_t served = tpg_log_serve(ctx, client->libmib_reg_slot);
     client->held = {};
     ctx->ipc_clnt_held--;
-    if (held.message) {
-        tpg_msg_libmib_update_t update = held.update;
+    if (message) {
         carry_out_update(ctx, &update, client);
         levent_snmp_settle(ctx);
     }
-    if (held.events != 0) {
-        end_connection(client, held.events, held.error);
+    if (client->end_events != 0) {
+        serve_rest(client);
     } else {
         watch_again(client);
     }
@@ -327,13 +429,13 @@ static void watch_again(tpg_ipc_clnt_t* client)
  */
 void tpg_svr_conn_readcb(bufferevent* bev, void* arg)
 {
+    (void)bev;
     auto* client = static_cast<tpg_ipc_clnt_t*>(arg);
-    tpg_context_t* ctx = client->ctx;
-    const tpg_log_slot_t served = tpg_log_serve(ctx, client->libmib_reg_slot);
-    TPG_TRACE(ctx, TRACE_READCB, "%s(): enter, state=%d", READCB_NAME, ctx->read_proc.state);
-    const bool whole = !is_held(client) && read_message(ctx, client, bev);
-    if (whole && !is_held(client) && event_add(client->rdcb_timer, &REREAD_DELAY) != 0) {
-        TPG_WARN(ctx, "FD %d: what else it has sent waits for its next message", client->acc_fd);
+    const tpg_log_slot_t served = tpg_log_serve(client->ctx, client->libmib_reg_slot);
+    if (!is_held(client) && serve_message(client) && !is_held(client) &&
+        event_add(client->rdcb_timer, &REREAD_DELAY) != 0) {
+        TPG_WARN(client->ctx, "FD %d: what else it has sent waits for its next message",
+                 client->acc_fd);
     }
 }
 
@@ -343,7 +445,19 @@ void tpg_readcb_timeout_cb(int fd, short what, void* arg)
     (void)what;
     auto* client = static_cast<tpg_ipc_clnt_t*>(arg);
     TPG_TRACE(client->ctx, TRACE_READCB, "%s(): entering", __func__);
-    tpg_svr_conn_readcb(client->bev, client);
+    if (client->end_events != 0) {
+        serve_rest(client);
+    } else {
+        tpg_svr_conn_readcb(client->bev, client);
+    }
+}
+
+/* False when no whole message was there. */
+static bool serve_message(tpg_ipc_clnt_t* client)
+{
+    tpg_context_t* ctx = client->ctx;
+    TPG_TRACE(ctx, TRACE_READCB, "%s(): enter, state=%d", READCB_NAME, ctx->read_proc.state);
+    return read_message(ctx, client, client->bev);
 }
 
 /* True when a whole message was read and dispatched. */
@@ -549,7 +663,7 @@ void tpg_msg_libmib_update(tpg_context_t* ctx, tpg_msg_libmib_update_t* message,
     if (send_update_ack(ctx, client) < 0) {
         return;
     }
-    if (must_hold(ctx)) {
+    if (must_wait(client, message->libmib_update.slot_no)) {
         hold(client);
         client->held.message = true;
         client->held.update = *message;
