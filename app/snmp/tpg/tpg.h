@@ -19,6 +19,8 @@ struct event;
 struct event_base;
 struct json_object;
 struct netsnmp_handler_registration_s;
+struct netsnmp_tdata_row_s;
+struct netsnmp_tdata_s;
 
 struct tpg_context_t;
 struct tpg_jsonmib_register_info_t;
@@ -331,6 +333,34 @@ struct tpg_log_limit_t {
     bool timer_runs;
 };
 
+/* ---- inventory ---- */
+
+/* One row of the inventory; what its texts and numbers mean, ENTITY-MIB tells. */
+struct tpg_entity_row_t {
+    netsnmp_tdata_row_s* entry; /* the library's; null: the row is not there */
+    long index;
+    long kind;
+    long contained_in;
+    long position;
+    bool replaceable;
+    char descr[64];
+    char name[16];
+    char software[32];
+    char serial[24];
+    char model[24];
+};
+
+struct tpg_entity_t {
+    bool wanted; /* by the configuration */
+    netsnmp_tdata_s* table;
+    tpg_entity_row_t chassis;
+    tpg_entity_row_t slots[TPG_SLOT_MAX]; /* slot - 1 */
+    tpg_entity_row_t cards[TPG_SLOT_MAX]; /* slot - 1 */
+    unsigned long last_change;            /* the agent's uptime then, in hundredths of a second */
+    event* timer;                         /* runs while no change may be told */
+    bool untold;                          /* there has been one since */
+};
+
 /* ---- the agent ---- */
 
 struct tpg_context_t {
@@ -339,6 +369,7 @@ struct tpg_context_t {
     char reserved[2];
     tpg_board_t base_board_type;
     uint32_t mib_kx_node_oid;
+    const char* board_name;
     event_base* levent_base;
     list_head lev_snmp_fd_list;
     event* lev_snmp_timeout;
@@ -357,6 +388,7 @@ struct tpg_context_t {
     uint32_t ipc_clnt_total; /* entries of ipc_clnt_list */
     uint32_t ipc_clnt_held;  /* those among them with something held */
     event* svr_retry_timer;  /* opens the listener again after it ran out of descriptors */
+    tpg_entity_t entity;
     tpg_log_limit_t log_limit;
 };
 

@@ -4,6 +4,7 @@
 #include "tpg_legacymib_kx.h"
 #include "tpg_log.h"
 #include "tpg_main_cardmib.h"
+#include "tpg_main_entity.h"
 #include "tpg_main_fault.h"
 #include "tpg_main_levent.h"
 #include "tpg_main_options.h"
@@ -76,6 +77,7 @@ int tpg_main(int argc, char** argv)
         return -1;
     }
     tpg_levent_init(ctx);
+    tpg_entity_init(ctx);
     run_loop(ctx);
     tpg_exit(ctx);
     TPG_INFO(ctx, "TPG exit!");
@@ -107,6 +109,7 @@ void tpg_board_select(tpg_context_t* ctx, const char* board)
         if (strcmp(board, known.name) == 0) {
             ctx->base_board_type = known.type;
             ctx->mib_kx_node_oid = known.node;
+            ctx->board_name = known.name;
             return;
         }
     }
@@ -134,6 +137,7 @@ static int attach_to_master(tpg_context_t* ctx)
         return -1;
     }
     jsonmib_cells_read_config(AGENT_NAME);
+    tpg_entity_read_config(AGENT_NAME);
     init_snmp(AGENT_NAME);
     netsnmp_set_lookup_cache_size(LOOKUP_CACHE_DEFAULT);
     return 0;

@@ -2,6 +2,7 @@
 
 #include "tpg_jsonmib_queue.h"
 #include "tpg_log.h"
+#include "tpg_main_entity.h"
 #include "tpg_main_levent.h"
 #include "tpg_main_registry.h"
 #include "tpg_main_socket.h"
@@ -238,6 +239,7 @@ static void withdraw_slot(tpg_context_t* ctx, uint32_t slot)
     }
     tpg_proc_libmib_unregister(ctx, &ctx->jsonmib_reg_info[slot - 1].libmib_reginfo);
     jsonmib_queue_disconnect(ctx, slot);
+    tpg_entity_update(ctx);
     levent_snmp_settle(ctx);
 }
 
@@ -696,4 +698,5 @@ static void carry_out_update(tpg_context_t* ctx, tpg_msg_libmib_update_t* messag
         TPG_WARN(ctx, "invalid msg type %d", message->head.usMsgType);
         break;
     }
+    tpg_entity_update(ctx);
 }
