@@ -23,6 +23,7 @@ TEST_F(World, BoardDecidesBeforeTheOptions)
         tpg_start(&w, {"-L", "?"}, board, false);
         EXPECT_EQ(proc_end(&w.tpg, 0), -SIGABRT) << board;
         EXPECT_EQ(log_count(w, "unsupported BASE_BOARD " + board + "!"), board.empty() ? 0 : 1);
+        EXPECT_EQ(log_count(w, "set the environment variable BASE_BOARD to 3100KX or 3101KX"), 1);
         EXPECT_FALSE(fs::exists(TPG_SVR_PATH));
     }
     tpg_start(&w, {"-L", "?"}, "3101KX", false);

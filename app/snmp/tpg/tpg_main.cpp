@@ -3,9 +3,11 @@
 #include "tpg_jsonmib_cell.h"
 #include "tpg_legacymib_kx.h"
 #include "tpg_log.h"
+#include "tpg_log_library.h"
 #include "tpg_main_cardmib.h"
 #include "tpg_main_fault.h"
 #include "tpg_main_levent.h"
+#include "tpg_main_notify.h"
 #include "tpg_main_registry.h"
 #include "tpg_main_server.h"
 #include "tpg_snmp.h"
@@ -54,6 +56,8 @@ constexpr board_t BOARDS[] = {
     {"3100KX", tpg_board_t::kx3100, 232},
     {"3101KX", tpg_board_t::kx3101, 216},
 };
+constexpr char BOARD_ADVICE[] = "set the environment variable BASE_BOARD to 3100KX or 3101KX; for "
+                                "the service tpg, in /etc/default/tpg";
 
 int tpg_main(int argc, char** argv)
 {
@@ -83,7 +87,7 @@ static void start_logging(tpg_context_t* ctx)
     const bool debug = stat(TPG_DEBUG_MARKER, &st) == 0;
     tpg_log_open();
     ctx->log_level = debug ? TPG_LOG_LEVEL_DEBUG : TPG_LOG_LEVEL_DEFAULT;
-    ctx->log_console = 1;
+    ctx->log_console = tpg_notify_console_wanted() ? 1 : 0;
     if (debug) {
         TPG_WARN(ctx, "debug enabled");
     }
@@ -91,6 +95,9 @@ static void start_logging(tpg_context_t* ctx)
 
 void tpg_board_select(tpg_context_t* ctx, const char* board)
 {
+    if (board == nullptr) {
+        TPG_ERROR(ctx, BOARD_ADVICE);
+    }
     assert((board));
     for (const board_t& known : BOARDS) {
         if (strcmp(board, known.name) == 0) {
@@ -100,6 +107,7 @@ void tpg_board_select(tpg_context_t* ctx, const char* board)
         }
     }
     TPG_ERROR(ctx, "unsupported BASE_BOARD %s!", board);
+    TPG_ERROR(ctx, BOARD_ADVICE);
     abort();
 }
 
@@ -155,6 +163,8 @@ static void set_debug_tokens(char* list)
 static int attach_to_master(tpg_context_t* ctx)
 {
     setenv("MIBS", "", 0); // NOLINT(concurrency-mt-unsafe)
+    tpg_log_library_take(ctx);
+    tpg_notify_watch_master(ctx);
     netsnmp_enable_subagent();
     if (netsnmp_ds_set_string(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_X_SOCKET,
                               MASTER_SOCKET) != 0) {
@@ -223,6 +233,7 @@ static void tpg_levent_init(tpg_context_t* ctx)
     /* A peer that is gone is an error of the call that notices, not the agent's end. */
     signal(SIGPIPE, SIG_IGN); // NOLINT(bugprone-signal-handler)
     levent_snmp_update(ctx);
+    tpg_notify_start(ctx);
 }
 
 static void add_signal(tpg_context_t* ctx, int sig)
@@ -246,6 +257,7 @@ static void run_loop(tpg_context_t* ctx)
         }
         levent_snmp_serve(ctx);
         tpg_svr_serve_held(ctx);
+        tpg_notify_turn(ctx);
     }
 }
 
@@ -261,6 +273,7 @@ void tpg_levent_stop(int fd, short what, void* arg)
 void tpg_exit(tpg_context_t* ctx)
 {
     TPG_INFO(ctx, "TPG is exiting...");
+    tpg_notify_stop(ctx);
     tpg_free_svr_listener(ctx);
     TPG_INFO(ctx, "tpg_exit(): deleted %s", TPG_SVR_PATH);
     levent_snmp_free_list(ctx);
