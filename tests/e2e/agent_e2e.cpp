@@ -94,7 +94,7 @@ TEST_F(World, MasterAgentMayComeLateAndComeBack)
         expect_cells(FAM, ONE + "3=3 " + ONE + "4=4");
         proc_end(&w.snmpd, SIGKILL);
         chassis(&w, "unplug 4");
-        EXPECT_EQ(chassis(&w, "plug 4"), "ok plug 4 registered");
+        EXPECT_EQ(chassis(&w, "plug 4"), "ok plug 4 sent");
     }
 }
 
