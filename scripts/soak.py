@@ -35,7 +35,7 @@ EXPLAINED = {
     "a daemon is away": r"slot_no \d+ ipc is down$|connction to slot_no \d+ is not available$"
                         r"|connect slot_no \d+ failed, ",
     "a daemon closed the connection": r"(recv from|send to) slot_no \d+ failed\. ",
-    "the master is away": r"the agentx master agent (session )?\(|^agentx: ",
+    "the master is away": r"(Warning|Error): Failed to .* the agentx master agent ",
     "the request that met it": r"jsonmib_ipc_(send|recv) failed$",
     "a card was pulled": r"got event 0x11$",
     "a card was pulled while a message of it, or to it, was on its way":
