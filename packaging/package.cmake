@@ -7,26 +7,73 @@ endif()
 include(GNUInstallDirs)
 
 set(TPG_UNIT_DIR lib/systemd/system)
+set(TPG_INSTALLED ${CMAKE_BINARY_DIR}/installed) # what is not installed as it stands
 
+find_program(TPG_GZIP gzip REQUIRED)
+
+# Installs a text compressed, as NAME.gz.
+function(tpg_install_gz SOURCE NAME FOLDER)
+  set(out ${TPG_INSTALLED}/${NAME}.gz)
+  add_custom_command(OUTPUT ${out} DEPENDS ${CMAKE_SOURCE_DIR}/${SOURCE}
+                     COMMAND ${TPG_GZIP} -9nc ${CMAKE_SOURCE_DIR}/${SOURCE} > ${out})
+  string(MAKE_C_IDENTIFIER "compress_${NAME}" target)
+  add_custom_target(${target} ALL DEPENDS ${out})
+  install(FILES ${out} DESTINATION ${FOLDER})
+endfunction()
+
+# A manual page; its section is what its name ends with.
+function(tpg_install_man SOURCE)
+  cmake_path(GET SOURCE FILENAME name)
+  cmake_path(GET SOURCE EXTENSION LAST_ONLY section)
+  string(SUBSTRING ${section} 1 -1 section)
+  tpg_install_gz(${SOURCE} ${name} ${CMAKE_INSTALL_MANDIR}/man${section})
+endfunction()
+
+# A document; all stand in one folder, and their links lead there.
+function(tpg_install_doc SOURCE)
+  cmake_path(GET SOURCE FILENAME name)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/${SOURCE})
+  file(READ ${CMAKE_SOURCE_DIR}/${SOURCE} text)
+  string(REGEX REPLACE "\\]\\((doc|\\.\\.)/" "](" text "${text}")
+  file(CONFIGURE OUTPUT ${TPG_INSTALLED}/${name} CONTENT "${text}" @ONLY)
+  install(FILES ${TPG_INSTALLED}/${name} DESTINATION ${CMAKE_INSTALL_DOCDIR})
+endfunction()
+
+file(MAKE_DIRECTORY ${TPG_INSTALLED})
 install(TARGETS tpg DESTINATION ${CMAKE_INSTALL_SBINDIR})
 install(TARGETS tpg-chassis DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(FILES ${CMAKE_SOURCE_DIR}/doc/tpg.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
-install(FILES ${CMAKE_SOURCE_DIR}/doc/tpg-chassis.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-install(FILES ${CMAKE_SOURCE_DIR}/doc/jsonmib.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
-install(FILES ${CMAKE_SOURCE_DIR}/README.md ${CMAKE_SOURCE_DIR}/doc/architecture.md
-              ${CMAKE_SOURCE_DIR}/doc/jsonmib.md
-        DESTINATION ${CMAKE_INSTALL_DOCDIR})
+foreach(page tpg.8 tpg-chassis.1 jsonmib.5)
+  tpg_install_man(doc/${page})
+endforeach()
+foreach(page README.md SECURITY.md doc/architecture.md doc/jsonmib.md doc/performance.md)
+  tpg_install_doc(${page})
+endforeach()
 install(DIRECTORY ${CMAKE_SOURCE_DIR}/doc/examples DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES ${CMAKE_CURRENT_LIST_DIR}/deb/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR})
+tpg_install_gz(packaging/deb/changelog changelog ${CMAKE_INSTALL_DOCDIR})
+
+# Without systemd's library the agent tells it nothing: then it counts as ready once it is started.
+file(READ ${CMAKE_CURRENT_LIST_DIR}/tpg.service unit)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${CMAKE_CURRENT_LIST_DIR}/tpg.service)
+if(NOT SYSTEMD_FOUND)
+  string(REGEX REPLACE "# Ready when[^\n]*\n#[^\n]*\nType=notify\nWatchdogSec=[0-9]+\n" "" unit "${unit}")
+endif()
+file(CONFIGURE OUTPUT ${TPG_INSTALLED}/tpg.service CONTENT "${unit}" @ONLY)
 
 # These have their places whatever the prefix is.
-install(FILES ${CMAKE_CURRENT_LIST_DIR}/tpg.service DESTINATION /${TPG_UNIT_DIR})
+install(FILES ${TPG_INSTALLED}/tpg.service DESTINATION /${TPG_UNIT_DIR})
 install(FILES ${CMAKE_CURRENT_LIST_DIR}/snmpd-restart.conf
         DESTINATION /${TPG_UNIT_DIR}/snmpd.service.d RENAME tpg-restart.conf)
 install(FILES ${CMAKE_CURRENT_LIST_DIR}/tpg.default DESTINATION /etc/default RENAME tpg)
 install(FILES ${CMAKE_CURRENT_LIST_DIR}/card_agentx.conf DESTINATION /etc/snmp)
 install(FILES ${CMAKE_CURRENT_LIST_DIR}/snmpd-agentx.conf
         DESTINATION /etc/snmp/snmpd.conf.d RENAME tpg-agentx.conf)
+# Built-in documents; those of the example's cards, which have no library, among them.
 install(DIRECTORY DESTINATION /var/built_in_jsonmib)
+foreach(product line2 psu4)
+  install(FILES ${CMAKE_SOURCE_DIR}/doc/examples/${product}.json
+          DESTINATION /var/built_in_jsonmib RENAME libmib${product}.so.json)
+endforeach()
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME tpg)

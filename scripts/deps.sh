@@ -7,7 +7,7 @@
 set -eu
 
 packages=(g++ gcc cmake ninja-build pkg-config binutils
-	libsnmp-dev libevent-dev libjson-c-dev libgtest-dev
+	libsnmp-dev libevent-dev libjson-c-dev libsystemd-dev libgtest-dev
 	snmpd snmptrapd snmp iproute2 util-linux "$@")
 
 is_installed() { # PACKAGE

@@ -35,6 +35,7 @@ EXPLAINED = {
     "a daemon is away": r"slot_no \d+ ipc is down$|connction to slot_no \d+ is not available$"
                         r"|connect slot_no \d+ failed, ",
     "a daemon closed the connection": r"(recv from|send to) slot_no \d+ failed\. ",
+    "the master is away": r"(Warning|Error): Failed to .* the agentx master agent ",
     "the request that met it": r"jsonmib_ipc_(send|recv) failed$",
     "the state of a daemon": r"the daemon of slot_no \d+ is away: ",
     "many lines of one kind": r"\d+ more like this (and others )?\(",

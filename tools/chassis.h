@@ -110,6 +110,7 @@ enum class chassis_link : uint8_t {
 struct chassis_client_t {
     chassis_link link;
     bool registered; /* a registration is wanted, now or once the agent is there */
+    bool taken;      /* the agent has asked the card since it was sent: it serves it */
     unsigned acks_due;
     chassis_ptr_t<bufferevent> bev;
     chassis_ptr_t<event> retry;

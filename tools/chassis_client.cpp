@@ -92,7 +92,11 @@ const char* chassis_client_state(const chassis_slot_t* slot)
     if (client->acks_due != 0) {
         return "unacknowledged";
     }
-    return client->registered ? "registered" : "connected";
+    if (!client->registered) {
+        return "connected";
+    }
+    /* The acknowledgement says that the message has come, not what became of it. */
+    return client->taken ? "registered" : "sent";
 }
 
 static void client_connect(chassis_slot_t* slot)
@@ -188,6 +192,7 @@ static void client_read_cb(bufferevent* bev, void* arg)
 static void client_send_update(chassis_slot_t* slot, uint16_t type)
 {
     const chassis_t* const chassis = slot->chassis;
+    slot->client.taken = false;
     tpg_msg_libmib_update_t msg = {};
     msg.head = client_head(chassis, type, sizeof(msg));
     msg.libmib_update = slot->identity;

@@ -1,5 +1,6 @@
 #include "chassis_daemon.h"
 
+#include "chassis_client.h"
 #include "uevgend_msg_i.h"
 
 #include <algorithm>
@@ -223,6 +224,7 @@ static chassis_request_t request_read(const chassis_t* chassis, const std::strin
 static void request_note(chassis_slot_t* slot, chassis_request_t request)
 {
     slot->daemon.requests_total++;
+    slot->client.taken = slot->client.registered && chassis_client_settled(slot);
     slot->daemon.requests.push_back(std::move(request));
     if (slot->daemon.requests.size() > REQUESTS_KEPT) {
         slot->daemon.requests.pop_front();

@@ -126,6 +126,11 @@ before it the lines of a list. A text with blanks stands in double quotes, with
     fputs(R"(
 fault sends no data, or OFFSET, or OFFSET, FIRST-INDEX and TEXT; from slot 1
 always OFFSET (0), which is the notify value there.
+
+After plug and in "ready" and status, a slot is unplugged, agent-absent,
+unacknowledged, sent (the agent has the message, which says nothing of what it
+makes of it), registered (it has asked the card since, so it serves it), or
+connected (nothing is registered).
 )",
           stdout);
 }

@@ -30,9 +30,22 @@ fail() { # REASON
 	exit 1
 }
 
+# typed WORD...: the words as a reader has to type them.
+typed() {
+	local word line=
+	for word; do
+		case $word in
+		*\'*) word=\"$word\" ;;
+		*[!A-Za-z0-9_./:=-]*) word=\'$word\' ;;
+		esac
+		line+=" $word"
+	done
+	echo "   \$$line"
+}
+
 # show COMMAND...: runs it and shows it with its output, which expect looks at.
 show() {
-	echo "   \$ $*"
+	typed "$@"
 	"$@" >"$shown" 2>&1
 	local status=$?
 	sed 's/^/     /' "$shown"
@@ -79,10 +92,12 @@ start_world() {
 	build_library line2 "$examples/line2.json" || fail "gcc"
 	build_library psu4 || fail "gcc"
 	cp "$examples/psu4.json" /var/built_in_jsonmib/libmibpsu4.so.json
+	cp "$examples"/*.json /tmp/cards
+	sed -i 's|/var/built_in_jsonmib/|/tmp/cards/|' /tmp/cards/chassis.json
 	mkdir -p /mnt/flash0/cards/LINE_slot0{5,7,9}
 	start_master || fail "the master agent does not start"
 	start_agent || fail "tpg does not start"
-	start_chassis "$examples/chassis.json" || fail "the chassis does not start"
+	start_chassis /tmp/cards/chassis.json || fail "the chassis does not start"
 	wait_for registered 3 || fail "the cards are not registered"
 	show_log 'Registered product line2:LINE'
 	show_log 'Same/older version 1.2.100 on slot 7'
@@ -114,7 +129,7 @@ write_value() {
 	expect 'STRING: "to the roof"'
 	show chassis get 5 103 1
 	expect '^ok "?to the roof'
-	echo "   \$ put 2.10.1.1.2.2.5 i 401"
+	typed put 2.10.1.1.2.2.5 i 401
 	! put 2.10.1.1.2.2.5 i 401 >"$shown" 2>&1 || fail "401 was accepted"
 	grep Reason "$shown" | sed 's/^/     /'
 	expect 'wrongValue'
@@ -141,7 +156,7 @@ fault_trap() {
 	step "A fault becomes a trap" \
 		"Slot 7 reports alarm 2; trap number, slot and the card's text arrive as the document says."
 	show chassis set 7 200 1 1
-	show chassis fault 7 200 1 0 1 '"laser too hot"'
+	show chassis fault 7 200 1 0 1 "laser too hot"
 	show_trap 3
 	expect '32473\.2\.1\.7 = INTEGER: 7' '32473\.2\.20\.1\.3\.2\.7 = STRING: "laser too hot"'
 	show get 2.11.1.1.2.2.7
@@ -154,9 +169,9 @@ silent_fault() {
 	show put 2.11.1.1.3.2.7 i 1
 	expect 'INTEGER: 1'
 	show ls -l /mnt/flash0/cards/LINE_slot07/sendtrap.json
-	show chassis fault 7 200 1 1 1 '"laser cool again"'
+	show chassis fault 7 200 1 1 1 "laser cool again"
 	show_log 'xxxSendTrap\[0x1\] was disabled'
-	show chassis fault 7 200 2 0 2 '"fan slow"'
+	show chassis fault 7 200 2 0 2 "fan slow"
 	show_trap 5
 	! grep -q 'laser cool again' "$traps" || fail "the switched-off row sent a trap"
 }

@@ -22,18 +22,52 @@ wait_for() {
 	done
 }
 
-# OIDs are given without the common 1.3.6.1.4.1.32473 in front.
-walk() { snmpbulkwalk -v2c -c public -On -t 8 -r 0 "$address" "1.3.6.1.4.1.32473.$1"; }
-get() { snmpget -v2c -c public -On -t 8 -r 0 "$address" "1.3.6.1.4.1.32473.$1"; }
-put() { # OID TYPE VALUE
-	snmpset -v2c -c private -On -t 8 -r 0 "$address" "1.3.6.1.4.1.32473.$1" "$2" "$3"
+# OIDs are given without the common part in front; whole ones are taken, too.
+enterprise=1.3.6.1.4.1.32473
+whole() { # OID
+	local oid=${1#.}
+	case "$oid." in
+	1.3.6.*) echo "$oid" ;;
+	*) echo "$enterprise.$oid" ;;
+	esac
 }
 
-# chassis COMMAND...: one command to the simulator, and its answer.
+# wants COUNT WORDS ARGUMENT...: whether there are so many; else says what is expected.
+wants() {
+	local count=$1 words=$2
+	shift 2
+	[ $# != "$count" ] || return 0
+	echo "usage: ${FUNCNAME[1]} $words; $enterprise is put in front of an OID such as 2.10.1" >&2
+	return 1
+}
+
+walk() { # OID
+	wants 1 OID "$@" && snmpbulkwalk -v2c -c public -On -t 8 -r 0 "$address" "$(whole "$1")"
+}
+get() { # OID
+	wants 1 OID "$@" && snmpget -v2c -c public -On -t 8 -r 0 "$address" "$(whole "$1")"
+}
+put() { # OID TYPE VALUE
+	wants 3 "OID TYPE VALUE" "$@" &&
+		snmpset -v2c -c private -On -t 8 -r 0 "$address" "$(whole "$1")" "$2" "$3"
+}
+
+# chassis COMMAND...: one command to the simulator, and its answer. A word with
+# anything but letters, digits and a few signs goes in the simulator's quotes.
 chassis() {
-	local before
+	local before word line=
+	for word; do
+		case $word in
+		\"*\") ;; # has them already
+		*[!A-Za-z0-9_.:=-]* | '')
+			word=${word//\\/\\\\}
+			word=\"${word//\"/\\\"}\"
+			;;
+		esac
+		line+="$word "
+	done
 	before=$(wc -l <"$chassis_out")
-	printf '%s\n' "$*" >"$chassis_in"
+	printf '%s\n' "$line" >"$chassis_in"
 	wait_for answered "$before" || return 1
 	tail -n +$((before + 1)) "$chassis_out"
 	tail -n 1 "$chassis_out" | grep -q '^ok'

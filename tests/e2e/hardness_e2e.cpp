@@ -130,7 +130,7 @@ TEST_F(World, RunningOutOfDescriptorsIsSurvived)
         std::for_each(fds.begin(), fds.end(), close);
         ASSERT_EQ(prlimit(w.tpg.pid, RLIMIT_NOFILE, &before, nullptr), 0);
         chassis(&w, "unplug 4");
-        EXPECT_EQ(chassis(&w, "plug 4"), "ok plug 4 registered");
+        EXPECT_EQ(chassis(&w, "plug 4"), "ok plug 4 sent");
         EXPECT_EQ(get(SPEED + "4"), "INTEGER: 40");
     }
 }

@@ -175,7 +175,7 @@ TEST_F(World, FloodOfTrapsKeepsItsOrderAndStallsNobody)
         expected.push_back(trap(1000 + i, 3));
     }
     client_send(fd, flood);
-    EXPECT_EQ(chassis(&w, "plug 5"), "ok plug 5 registered");
+    EXPECT_EQ(chassis(&w, "plug 5"), "ok plug 5 sent");
     EXPECT_TRUE(wait_for([] { return get(GRID + "1.1.5") == "INTEGER: 2"; }));
     EXPECT_LT(traps().size(), expected.size()); /* it was answered in between */
     EXPECT_TRUE(wait_for_text("/tmp/run/traps", CARD + ".0.1999"));

@@ -363,6 +363,15 @@ struct tpg_entity_t {
 
 /* ---- the agent ---- */
 
+/* What the service manager is told. */
+struct tpg_notify_t {
+    bool wanted, ready, due;  /* somebody listens, was told so, waits for a sign of life */
+    bool master, told_master; /* the master is connected; as it was last told */
+    uint32_t slots;           /* with a card, as was last told; bit n-1 for slot n */
+    event* life;              /* lets the loop turn, as often as the watchdog wants */
+    event* status;            /* tells a change, with those that come with it */
+};
+
 struct tpg_context_t {
     uint8_t log_level;
     uint8_t log_console;
@@ -390,6 +399,7 @@ struct tpg_context_t {
     event* svr_retry_timer;  /* opens the listener again after it ran out of descriptors */
     tpg_entity_t entity;
     tpg_log_limit_t log_limit;
+    tpg_notify_t notify;
 };
 
 /* The one instance. */

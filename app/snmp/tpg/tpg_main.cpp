@@ -3,10 +3,12 @@
 #include "tpg_jsonmib_cell.h"
 #include "tpg_legacymib_kx.h"
 #include "tpg_log.h"
+#include "tpg_log_library.h"
 #include "tpg_main_cardmib.h"
 #include "tpg_main_entity.h"
 #include "tpg_main_fault.h"
 #include "tpg_main_levent.h"
+#include "tpg_main_notify.h"
 #include "tpg_main_options.h"
 #include "tpg_main_registry.h"
 #include "tpg_main_server.h"
@@ -52,6 +54,8 @@ constexpr board_t BOARDS[] = {
     {"3100KX", tpg_board_t::kx3100, 232},
     {"3101KX", tpg_board_t::kx3101, 216},
 };
+constexpr char BOARD_ADVICE[] = "set the environment variable BASE_BOARD to 3100KX or 3101KX; for "
+                                "the service tpg, in /etc/default/tpg";
 
 int tpg_main(int argc, char** argv)
 {
@@ -89,7 +93,7 @@ static void start_logging(tpg_context_t* ctx)
 {
     tpg_log_open();
     set_log_level(ctx);
-    ctx->log_console = 1;
+    ctx->log_console = tpg_notify_console_wanted() ? 1 : 0;
     if (ctx->log_level == TPG_LOG_LEVEL_DEBUG) {
         TPG_WARN(ctx, "debug enabled");
     }
@@ -104,6 +108,9 @@ static void set_log_level(tpg_context_t* ctx)
 
 void tpg_board_select(tpg_context_t* ctx, const char* board)
 {
+    if (board == nullptr) {
+        TPG_ERROR(ctx, BOARD_ADVICE);
+    }
     assert((board));
     for (const board_t& known : BOARDS) {
         if (strcmp(board, known.name) == 0) {
@@ -114,6 +121,7 @@ void tpg_board_select(tpg_context_t* ctx, const char* board)
         }
     }
     TPG_ERROR(ctx, "unsupported BASE_BOARD %s!", board);
+    TPG_ERROR(ctx, BOARD_ADVICE);
     abort();
 }
 
@@ -126,6 +134,8 @@ void tpg_board_select(tpg_context_t* ctx, const char* board)
 static int attach_to_master(tpg_context_t* ctx)
 {
     setenv("MIBS", "", 0); // NOLINT(concurrency-mt-unsafe)
+    tpg_log_library_take(ctx);
+    tpg_notify_watch_master(ctx);
     netsnmp_enable_subagent();
     if (netsnmp_ds_set_string(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_X_SOCKET,
                               MASTER_SOCKET) != 0) {
@@ -197,6 +207,7 @@ static void tpg_levent_init(tpg_context_t* ctx)
     /* A peer that is gone is an error of the call that notices, not the agent's end. */
     signal(SIGPIPE, SIG_IGN); // NOLINT(bugprone-signal-handler)
     levent_snmp_update(ctx);
+    tpg_notify_start(ctx);
 }
 
 static void add_signal(tpg_context_t* ctx, int sig, event_callback_fn call)
@@ -233,6 +244,7 @@ static void run_loop(tpg_context_t* ctx)
         }
         levent_snmp_serve(ctx);
         tpg_svr_serve_held(ctx);
+        tpg_notify_turn(ctx);
     }
 }
 
@@ -248,6 +260,7 @@ void tpg_levent_stop(int fd, short what, void* arg)
 void tpg_exit(tpg_context_t* ctx)
 {
     TPG_INFO(ctx, "TPG is exiting...");
+    tpg_notify_stop(ctx);
     tpg_free_svr_listener(ctx);
     TPG_INFO(ctx, "tpg_exit(): deleted %s", TPG_SVR_PATH);
     levent_snmp_free_list(ctx);
