@@ -9,9 +9,13 @@ include(GNUInstallDirs)
 set(TPG_UNIT_DIR lib/systemd/system)
 
 install(TARGETS tpg DESTINATION ${CMAKE_INSTALL_SBINDIR})
-install(TARGETS tpg-chassis DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS tpg-chassis tpgctl DESTINATION ${CMAKE_INSTALL_BINDIR})
+
 install(FILES ${CMAKE_SOURCE_DIR}/doc/tpg.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 install(FILES ${CMAKE_SOURCE_DIR}/doc/tpg-chassis.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES ${CMAKE_SOURCE_DIR}/doc/tpgctl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES ${CMAKE_CURRENT_LIST_DIR}/tpgctl.bash-completion
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME tpgctl)
 install(FILES ${CMAKE_SOURCE_DIR}/doc/jsonmib.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
 install(FILES ${CMAKE_SOURCE_DIR}/README.md ${CMAKE_SOURCE_DIR}/doc/architecture.md
               ${CMAKE_SOURCE_DIR}/doc/jsonmib.md
