@@ -1,5 +1,5 @@
 #!/bin/bash
-# Runs a command in a private world: its own /tmp, /mnt and /var, its own
+# Runs a command in a private world: its own /tmp, /mnt, /var and /run, its own
 # loopback network and processes. Needs no root, touches nothing of the host,
 # and ends with the command. This checkout (or the folders in WORLD_KEEP, a
 # list separated by colons) stays visible where it is.
@@ -20,13 +20,13 @@ declare -A kept
 IFS=: read -r -a keep <<<"$top:${WORLD_KEEP:-}"
 for folder in "${keep[@]}"; do
 	case "$folder" in
-	/tmp/* | /mnt/* | /var/*)
+	/tmp/* | /mnt/* | /var/* | /run/*)
 		exec {fd}<"$folder"
 		kept[$folder]=$fd
 		;;
 	esac
 done
-for place in /tmp /mnt /var; do
+for place in /tmp /mnt /var /run; do
 	mount -t tmpfs -o mode=1777 tmpfs "$place"
 done
 for folder in "${!kept[@]}"; do

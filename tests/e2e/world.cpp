@@ -30,7 +30,7 @@ void World::SetUp()
     setenv("PATH", ("/tmp/bin:" + path + ":/usr/sbin:/sbin").c_str(), 1);
     setenv("MIBS", "", 1);
     setenv("SNMPCONFPATH", "/tmp/conf", 1);
-    for (const char* folder : {"/tmp", "/mnt", "/var"}) {
+    for (const char* folder : {"/tmp", "/mnt", "/var", "/run"}) {
         wipe(folder);
     }
     for (const char* folder : {RUN, "/tmp/conf", "/tmp/bin", CARDS, BUILT_IN, FLASH,

@@ -4,7 +4,7 @@
 # inputs that stop one are left in build-fuzz/findings, and the exit status
 # is 1 then. Logs go to build-fuzz/log, or to FUZZ_LOGS.
 #
-#   tests/fuzz/run.sh SECONDS [client document reply switches extract ranges]
+#   tests/fuzz/run.sh SECONDS [client document reply switches extract ranges control]
 set -eu
 
 here=$(cd "$(dirname "$0")" && pwd)
@@ -82,7 +82,7 @@ seconds=${1:?"usage: $0 SECONDS [NAME...]"}
 shift
 names=("$@")
 if [ ${#names[@]} -eq 0 ]; then
-	names=(client document reply switches extract ranges)
+	names=(client document reply switches extract ranges control)
 fi
 cd "$top"
 cmake --preset fuzz >/dev/null

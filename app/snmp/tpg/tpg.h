@@ -12,6 +12,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 
 struct bufferevent;
 struct evconnlistener;
@@ -258,6 +259,61 @@ struct jsonmib_later_t {
     int64_t settled_until; /* what is left of the time for settling; 0: all of it */
 };
 
+/* ---- what operators are told of a slot ---- */
+
+enum class jsonmib_source_t : uint8_t { none, library, built_in, reverse, file };
+enum class jsonmib_daemon_t : uint8_t { idle, connected, down, silent };
+
+constexpr uint32_t JSONMIB_TIMES_COLUMNS = 6; /* of 10 s: a minute */
+constexpr uint32_t JSONMIB_TIMES_STEPS = 176; /* eight in each doubling, up to 2^24 us */
+
+/* Answers that came in one stretch of 10 s, by the time they took. */
+struct jsonmib_times_t {
+    int64_t stretch;  /* its number */
+    uint32_t largest; /* in microseconds */
+    uint32_t count[JSONMIB_TIMES_STEPS];
+};
+
+/* Counted from the agent's start on, whatever card is in the slot. */
+struct jsonmib_stats_t {
+    uint64_t asked;  /* exchanges with the daemon */
+    uint64_t failed; /* those that came to nothing, or to the daemon's refusal */
+    uint64_t traps_sent;
+    uint64_t traps_kept_back; /* by a switch */
+    const char* why;          /* what may be the reason of the next failure */
+    const char* failed_why;   /* the last failure: its reason, its result, when */
+    int failed_result;
+    time_t failed_at;
+    bool hung_up; /* the last connection was ended by the daemon */
+    jsonmib_daemon_t daemon;
+    time_t daemon_since; /* 0: from the start */
+    jsonmib_source_t source;
+    jsonmib_times_t times[JSONMIB_TIMES_COLUMNS];
+};
+
+/* The session with the master agent. */
+struct tpg_master_link_t {
+    bool connected;
+    time_t since;
+};
+
+/* ---- operators ---- */
+
+constexpr uint32_t TPG_CONTROL_PEERS = 4; /* that are served at a time */
+
+struct tpg_control_peer_t {
+    tpg_context_t* ctx;
+    bufferevent* bev; /* owns the descriptor; null: nobody is connected */
+    bool ended;       /* it sends nothing more */
+    bool closing;     /* it gets what is left of its answer, and is not listened to */
+};
+
+struct tpg_control_t {
+    evconnlistener* listener;
+    const char* path; /* where it listens */
+    tpg_control_peer_t peers[TPG_CONTROL_PEERS];
+};
+
 /* ---- clients ---- */
 
 /* What a client did while a SET was being carried out, or while an earlier connection of its card
@@ -387,6 +443,7 @@ struct tpg_context_t {
     jsonmib_ipc_info_t jsonmib_ipc_info[TPG_SLOT_MAX]; /* slot - 1 */
     jsonmib_queue_t jsonmib_queue[TPG_SLOT_MAX];       /* slot - 1 */
     jsonmib_later_t jsonmib_later;
+    jsonmib_stats_t jsonmib_stats[TPG_SLOT_MAX]; /* slot - 1 */
     tpg_jsonmib_register_info_t jsonmib_reg_info_cardmib;
     tpg_jsonmib_register_info_t jsonmib_reg_info[TPG_SLOT_MAX]; /* slot - 1 */
     jsonmib_tombs_t jsonmib_tombs;
@@ -400,6 +457,10 @@ struct tpg_context_t {
     tpg_entity_t entity;
     tpg_log_limit_t log_limit;
     tpg_notify_t notify;
+    time_t started;
+    int64_t started_us; /* of the monotonic clock */
+    tpg_master_link_t master_link;
+    tpg_control_t control;
 };
 
 /* The one instance. */

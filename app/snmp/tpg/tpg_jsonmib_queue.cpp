@@ -2,6 +2,7 @@
 
 #include "tpg_file.h"
 #include "tpg_jsonmib_late.h"
+#include "tpg_jsonmib_stats.h"
 #include "tpg_log.h"
 #include "uevgend_msg_i.h"
 
@@ -104,11 +105,13 @@ bool jsonmib_queue_start(tpg_context_t* ctx, jsonmib_exchange_t* exchange)
     exchange->queued = jsonmib_now();
     exchange->born = exchange->born == 0 ? exchange->queued : exchange->born;
     exchange->done = false;
+    jsonmib_stats_asked(ctx, slot_no);
     if (exchange->walk && (queue->silent || queue->down)) {
         queue->walked_at = exchange->queued;
     }
     if (ctx->jsonmib_later.closed || (exchange->walk && queue->silent && queue->in_flight)) {
         exchange->complete = nullptr;
+        jsonmib_stats_why(ctx, slot_no, "it was not asked");
         complete(ctx, exchange, JSONMIB_CTRL_TRANSPORT);
         return true;
     }
@@ -165,10 +168,12 @@ static int send_first(tpg_context_t* ctx, uint32_t slot_no)
     }
     int result = connect_slot(ctx, slot_no);
     if (result == 0) {
+        jsonmib_stats_why(ctx, slot_no, "the request could not be sent");
         result = jsonmib_ctrl_send(ctx, exchange);
         if (ipc_of(ctx, slot_no)->connected == 0) {
             daemon_went(ctx, slot_no, jsonmib_now(), "it takes no request");
             forget_connection(queue);
+            jsonmib_stats_connected(ctx, slot_no, false);
         }
     }
     return result;
@@ -196,8 +201,10 @@ static int connect_slot(tpg_context_t* ctx, uint32_t slot_no)
         daemon_went(ctx, slot_no, now, "it cannot be connected");
     }
     result = result == 0 ? watch(ctx, slot_no) : result;
+    jsonmib_stats_connected(ctx, slot_no, result == 0);
     if (result != 0) {
         jsonmib_ipc_not_available(ctx, slot_no);
+        jsonmib_stats_why(ctx, slot_no, "there is no daemon");
         TPG_ERROR(ctx, "jsonmib_ipc_send failed");
         return JSONMIB_CTRL_TRANSPORT;
     }
@@ -347,6 +354,7 @@ static void reply_is_whole(tpg_context_t* ctx, uint32_t slot_no)
     queue->owner = nullptr;
     queue->quick = queue->heard_at - queue->sent_at <= QUICK_US;
     const int result = jsonmib_ctrl_result(ctx, &queue->flight, queue->head);
+    jsonmib_stats_answered(ctx, slot_no, queue->sent_at, jsonmib_now());
     if (owner != nullptr) {
         complete(ctx, owner, result);
     }
@@ -361,6 +369,8 @@ static void connection_lost(tpg_context_t* ctx, uint32_t slot_no, const char* wh
     jsonmib_queue_t* queue = queue_of(ctx, slot_no);
     jsonmib_exchange_t* owner = queue->owner;
     forget_connection(queue);
+    jsonmib_stats_why(ctx, slot_no, why);
+    jsonmib_stats_connected(ctx, slot_no, false);
     if (owner != nullptr) {
         daemon_went(ctx, slot_no, jsonmib_now(), why);
         TPG_ERROR(ctx, "jsonmib_ipc_recv failed");
@@ -554,6 +564,7 @@ static void became_silent(tpg_context_t* ctx, uint32_t slot_no)
     queue->silent = true;
     queue->walked_at = jsonmib_now();
     fail_waiting(ctx, slot_no);
+    jsonmib_stats_look(ctx, slot_no);
 }
 
 static void fail_waiting(tpg_context_t* ctx, uint32_t slot_no)
@@ -570,6 +581,7 @@ static void fail_waiting(tpg_context_t* ctx, uint32_t slot_no)
 
 static void timed_out(tpg_context_t* ctx, jsonmib_exchange_t* exchange)
 {
+    jsonmib_stats_why(ctx, exchange->slot_no, "no answer in time");
     TPG_ERROR(ctx, "ipc timeout on slot_no %d", exchange->slot_no);
     TPG_ERROR(ctx, "jsonmib_ipc_recv failed");
     complete(ctx, exchange, JSONMIB_CTRL_TRANSPORT);
@@ -583,6 +595,7 @@ static void complete(tpg_context_t* ctx, jsonmib_exchange_t* exchange, int resul
     }
     exchange->result = result;
     exchange->done = true;
+    jsonmib_stats_ended(ctx, exchange->slot_no, result);
     if (exchange->complete != nullptr) {
         exchange->complete(ctx, exchange);
     }
@@ -590,6 +603,7 @@ static void complete(tpg_context_t* ctx, jsonmib_exchange_t* exchange, int resul
 
 static void give_up(tpg_context_t* ctx, jsonmib_exchange_t* exchange, const char* why)
 {
+    jsonmib_stats_why(ctx, exchange->slot_no, why);
     TPG_ERROR(ctx, "gave up a request to slot_no %u: %s", exchange->slot_no, why);
     complete(ctx, exchange, JSONMIB_CTRL_TRANSPORT);
 }
@@ -622,6 +636,7 @@ void jsonmib_queue_disconnect(tpg_context_t* ctx, uint32_t slot_no)
     give_up_slot(ctx, slot_no, "its card has gone");
     jsonmib_ipc_disconnect(ctx, slot_no);
     forget_connection(queue_of(ctx, slot_no));
+    jsonmib_stats_look(ctx, slot_no);
 }
 
 void jsonmib_queue_release(tpg_context_t* ctx)
@@ -677,6 +692,18 @@ void jsonmib_queue_card_came(tpg_context_t* ctx, uint32_t slot_no)
     jsonmib_queue_t* queue = queue_of(ctx, slot_no);
     queue->silent = false;
     queue->down = false;
+    jsonmib_stats_look(ctx, slot_no);
+}
+
+uint32_t jsonmib_queue_waiting(const tpg_context_t* ctx, uint32_t slot_no)
+{
+    const jsonmib_queue_t* queue = &ctx->jsonmib_queue[slot_no - 1];
+    uint32_t total = queue->owner == nullptr ? 0 : 1;
+    for (const jsonmib_exchange_t* waiting = queue->first; waiting != nullptr;
+         waiting = waiting->next) {
+        total++;
+    }
+    return total;
 }
 
 uint32_t jsonmib_queue_unreadable(const tpg_context_t* ctx)

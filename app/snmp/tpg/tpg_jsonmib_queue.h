@@ -37,6 +37,9 @@ void jsonmib_queue_disconnect(tpg_context_t* ctx, uint32_t slot_no);
 /* The slot has a new card: its daemon gets the full time again. */
 void jsonmib_queue_card_came(tpg_context_t* ctx, uint32_t slot_no);
 
+/* How many exchanges of the slot somebody waits for. */
+uint32_t jsonmib_queue_waiting(const tpg_context_t* ctx, uint32_t slot_no);
+
 /* The slots (bit n for slot n) whose cells a walk now goes past: nobody would answer. */
 uint32_t jsonmib_queue_unreadable(const tpg_context_t* ctx);
 

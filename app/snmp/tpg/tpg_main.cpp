@@ -5,6 +5,7 @@
 #include "tpg_log.h"
 #include "tpg_log_library.h"
 #include "tpg_main_cardmib.h"
+#include "tpg_main_control.h"
 #include "tpg_main_entity.h"
 #include "tpg_main_fault.h"
 #include "tpg_main_levent.h"
@@ -13,6 +14,7 @@
 #include "tpg_main_registry.h"
 #include "tpg_main_server.h"
 #include "tpg_main_socket.h"
+#include "tpg_main_status.h"
 #include "tpg_snmp.h"
 
 #include <cassert>
@@ -115,6 +117,7 @@ void tpg_board_select(tpg_context_t* ctx, const char* board)
     for (const board_t& known : BOARDS) {
         if (strcmp(board, known.name) == 0) {
             ctx->base_board_type = known.type;
+            ctx->board_name = known.name;
             ctx->mib_kx_node_oid = known.node;
             ctx->board_name = known.name;
             return;
@@ -136,6 +139,7 @@ static int attach_to_master(tpg_context_t* ctx)
     setenv("MIBS", "", 0); // NOLINT(concurrency-mt-unsafe)
     tpg_log_library_take(ctx);
     tpg_notify_watch_master(ctx);
+    tpg_status_begin(ctx);
     netsnmp_enable_subagent();
     if (netsnmp_ds_set_string(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_X_SOCKET,
                               MASTER_SOCKET) != 0) {
@@ -196,6 +200,7 @@ static void tpg_levent_init(tpg_context_t* ctx)
     list_init(&ctx->ipc_clnt_list);
     levent_snmp_watch_sessions(ctx);
     tpg_create_svr_listener(ctx);
+    tpg_control_open(ctx);
     ctx->lev_snmp_timeout = event_new(ctx->levent_base, -1, 0, levent_snmp_timer_ran_out, ctx);
     assert((ctx->lev_snmp_timeout));
     for (const int sig : {SIGINT, SIGTERM, SIGSEGV, SIGQUIT}) {
@@ -266,5 +271,6 @@ void tpg_exit(tpg_context_t* ctx)
     levent_snmp_free_list(ctx);
     TPG_INFO(ctx, "tpg_exit(): deleted snmpd list");
     tpg_free_clients(ctx);
+    tpg_control_close(ctx);
     TPG_INFO(ctx, "tpg_exit(): deleted client list");
 }

@@ -2,6 +2,7 @@
 
 #include "tpg_file.h"
 #include "tpg_jsonmib.h"
+#include "tpg_jsonmib_stats.h"
 #include "tpg_log.h"
 
 #include <cerrno>
@@ -415,6 +416,7 @@ static int locate_non_generic(tpg_context_t* ctx, const tpg_libmib_register_info
                   product, slot);
         return -1;
     }
+    jsonmib_stats_source(ctx, slot, jsonmib_source_t::file);
     TPG_INFO(ctx, "Found built-in jsonmib file at %s.", json.path);
     if (slot <= 1) {
         return 0; /* the controller's own document stays where it was found */
@@ -452,6 +454,7 @@ static bool locate_in_library(tpg_context_t* ctx, tpg_libmib_register_info_t* li
         TPG_ERROR(ctx, "%s(): Bad libmib.so.json format, to use built-in", CALLER);
         return false;
     }
+    jsonmib_stats_source(ctx, slot, jsonmib_source_t::library);
     return true;
 }
 
@@ -481,6 +484,7 @@ static bool locate_built_in(tpg_context_t* ctx, const tpg_libmib_register_info_t
                   strerror(errno));
         return false;
     }
+    jsonmib_stats_source(ctx, slot, jsonmib_source_t::built_in);
     return true;
 }
 
@@ -488,6 +492,7 @@ static bool locate_built_in(tpg_context_t* ctx, const tpg_libmib_register_info_t
 static int reverse_library(tpg_context_t* ctx, const tpg_libmib_register_info_t* libmib_reginfo)
 {
     TPG_WARN(ctx, "Fully reversing libmib file %s ...", libmib_reginfo->libmib_path);
+    jsonmib_stats_source(ctx, libmib_reginfo->slot_no, jsonmib_source_t::reverse);
     text_t command = {};
     if (format(&command, "libmib_reverse %s", libmib_reginfo->libmib_path) != 0 ||
         run(&command) != 0) {

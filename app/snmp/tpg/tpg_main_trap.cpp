@@ -2,6 +2,7 @@
 
 #include "tpg_jsonmib_fault.h"
 #include "tpg_jsonmib_request.h"
+#include "tpg_jsonmib_stats.h"
 #include "tpg_jsonmib_table.h"
 #include "tpg_legacymib_kx.h"
 #include "tpg_log.h"
@@ -272,6 +273,7 @@ static int notify_table(tpg_context_t* ctx, tpg_jsonmib_register_info_t* master,
                  index[0].range[1], index[1].range[0], index[1].range[1]);
     }
     if (!tpg_trap_is_enabled(table, notify->slot_no, row.flat_index)) {
+        jsonmib_stats_trap(ctx, notify->slot_no, false);
         TPG_ERROR(ctx, "xxxSendTrap[0x%x] was disabled", notify->index);
         return 0;
     }
@@ -297,6 +299,7 @@ static int send_table_trap(tpg_context_t* ctx, const tpg_jsonmib_register_info_t
         trap_oid.next_variable = slot_binding;
         slot_binding->next_variable = bindings;
         send_v2trap(&trap_oid);
+        jsonmib_stats_trap(ctx, notify->slot_no, true);
         slot_binding->next_variable = nullptr;
     }
     TPG_TRACE(ctx, TRACE_TRAP, "to free bindings");
@@ -462,5 +465,6 @@ void tpg_msg_trap_notify_kx(tpg_context_t* ctx, const tpg_msg_trap_notify_t* tra
     }
     trap_oid.next_variable = &slot_binding;
     send_v2trap(&trap_oid);
+    jsonmib_stats_trap(ctx, trap_notify->slot_no, true);
     TPG_DEBUG(ctx, "%s(): end", __func__);
 }
