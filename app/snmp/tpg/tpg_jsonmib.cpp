@@ -11,7 +11,6 @@
 #include <cassert>
 #include <cerrno>
 #include <cstring>
-#include <sys/stat.h>
 
 static int proc_member(tpg_context_t*, const char*, json_object*, tpg_jsonmib_register_info_t*);
 static int proc_array_member(tpg_context_t*, const char*, json_object*,
@@ -23,8 +22,7 @@ static void unregister_tables(tpg_context_t*, const char*, netsnmp_handler_regis
 
 char* jsonmib_read_json(tpg_context_t* ctx, const char* libjson_file, size_t* json_sz)
 {
-    struct stat st;
-    if (stat(libjson_file, &st) != 0) {
+    if (!tpg_file_exists(libjson_file)) {
         TPG_ERROR(ctx, "Cannot find jsonmib file, %s", libjson_file);
         return nullptr;
     }

@@ -1,5 +1,6 @@
 #include "tpg_main.h"
 
+#include "tpg_file.h"
 #include "tpg_jsonmib_cell.h"
 #include "tpg_legacymib_kx.h"
 #include "tpg_log.h"
@@ -22,7 +23,6 @@
 #include <cstring>
 #include <event2/event.h>
 #include <iterator>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #ifdef NDEBUG
@@ -101,8 +101,7 @@ static void start_logging(tpg_context_t* ctx)
 
 static void set_log_level(tpg_context_t* ctx)
 {
-    struct stat st;
-    const bool debug = stat(TPG_DEBUG_MARKER, &st) == 0;
+    const bool debug = tpg_file_exists(TPG_DEBUG_MARKER);
     ctx->log_level = debug ? TPG_LOG_LEVEL_DEBUG : TPG_LOG_LEVEL_DEFAULT;
 }
 

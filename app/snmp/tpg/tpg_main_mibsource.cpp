@@ -8,7 +8,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <sys/stat.h>
 #include <unistd.h>
 
 struct stream_close {
@@ -32,7 +31,6 @@ struct line_t {
 
 static int format(text_t*, const char*, ...) __attribute__((format(printf, 2, 3)));
 static int run(const text_t*);
-static bool exists(const char*);
 static int run_tool(tpg_context_t*, const text_t*, const char*);
 static stream_t open_output(tpg_context_t*, const char*);
 static bool read_line(FILE*, line_t*);
@@ -76,12 +74,6 @@ static int format(text_t* out, const char* fmt, ...)
 static int run(const text_t* command)
 {
     return system(command->text) == -1 ? -1 : 0;
-}
-
-static bool exists(const char* path)
-{
-    struct stat st;
-    return stat(path, &st) == 0;
 }
 
 /* Runs a command that leaves its output in a file; what stood under that name goes first. */
@@ -394,7 +386,7 @@ tpg_json_path_t tpg_jsonmib_path(const tpg_libmib_register_info_t* libmib_reginf
 
 int tpg_locate_jsonmib(tpg_context_t* ctx, tpg_libmib_register_info_t* libmib_reginfo)
 {
-    if (!exists(libmib_reginfo->libmib_path)) {
+    if (!tpg_file_exists(libmib_reginfo->libmib_path)) {
         return locate_non_generic(ctx, libmib_reginfo);
     }
     if (locate_in_library(ctx, libmib_reginfo) || locate_built_in(ctx, libmib_reginfo)) {
@@ -410,7 +402,7 @@ static int locate_non_generic(tpg_context_t* ctx, const tpg_libmib_register_info
     const uint32_t slot = libmib_reginfo->slot_no;
     const tpg_json_path_t json = tpg_jsonmib_path(libmib_reginfo);
     TPG_INFO(ctx, "non-generic product %s on slot_no %d.", product, slot);
-    if (!exists(json.path)) {
+    if (!tpg_file_exists(json.path)) {
         TPG_ERROR(ctx, "Cannot find jsonmib file for non-generic product %s on slot_no %d.",
                   product, slot);
         return -1;
@@ -462,7 +454,7 @@ static bool locate_built_in(tpg_context_t* ctx, const tpg_libmib_register_info_t
     TPG_INFO(ctx, "No jsonmib symbol for product %s on slot_no %d.", product, slot);
     text_t built_in = {};
     if (format(&built_in, "%s/libmib%s.so.json", TPG_BUILT_IN_DIR, product) != 0 ||
-        !exists(built_in.text)) {
+        !tpg_file_exists(built_in.text)) {
         TPG_ERROR(ctx, "Cannot find %s for product %s on slot_no %d, to conduct full-reverse.",
                   built_in.text, product, slot);
         return false;
