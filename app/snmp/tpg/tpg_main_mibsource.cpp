@@ -3,6 +3,7 @@
 #include "tpg_file.h"
 #include "tpg_jsonmib.h"
 #include "tpg_log.h"
+#include "tpg_main_command.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -30,7 +31,8 @@ struct line_t {
 };
 
 static int format(text_t*, const char*, ...) __attribute__((format(printf, 2, 3)));
-static int run(const text_t*);
+static const char* why(int);
+static int remove_file(const char*);
 static int run_tool(tpg_context_t*, const text_t*, const char*);
 static stream_t open_output(tpg_context_t*, const char*);
 static bool read_line(FILE*, line_t*);
@@ -43,6 +45,7 @@ static int read_dump(tpg_context_t*, const char*, uint8_t*, size_t);
 static void convert_dump(FILE*, uint8_t*, size_t);
 static void store_group(const char*, uint8_t*);
 static int write_jsonmib(tpg_context_t*, const char*, const uint8_t*, uint32_t);
+static int link_built_in(const tpg_libmib_register_info_t*, text_t*);
 static int locate_non_generic(tpg_context_t*, const tpg_libmib_register_info_t*);
 static bool locate_in_library(tpg_context_t*, tpg_libmib_register_info_t*);
 static bool locate_built_in(tpg_context_t*, const tpg_libmib_register_info_t*);
@@ -70,17 +73,25 @@ static int format(text_t* out, const char* fmt, ...)
     return 0;
 }
 
-/* Only a command that could not be run counts as failed; -1 with errno set. */
-static int run(const text_t* command)
+/* Why a command, or what has to be done for it, failed. */
+static const char* why(int error)
 {
-    return system(command->text) == -1 ? -1 : 0;
+    static_assert(TPG_CMD_MAX == 256);
+    return error == ENAMETOOLONG ? "File name too long: a command has at most 255 characters"
+                                 : tpg_command_error(error);
+}
+
+/* 0 when nothing stands under the name any more. */
+static int remove_file(const char* path)
+{
+    return unlink(path) != 0 && errno != ENOENT ? -1 : 0;
 }
 
 /* Runs a command that leaves its output in a file; what stood under that name goes first. */
 static int run_tool(tpg_context_t* ctx, const text_t* command, const char* output)
 {
-    if ((unlink(output) != 0 && errno != ENOENT) || run(command) != 0) {
-        TPG_ERROR(ctx, "command %s failed, %s", command->text, strerror(errno));
+    if (remove_file(output) != 0 || tpg_command_run(command->text) != 0) {
+        TPG_ERROR(ctx, "command %s failed, %s", command->text, why(errno));
         return -1;
     }
     return 0;
@@ -152,12 +163,12 @@ int tpg_get_jsonmib_string(tpg_context_t* ctx, tpg_libmib_register_info_t* libmi
     *length = 0;
     text_t command = {};
     text_t output = {};
-    if (format(&output, "%s_jsonmib_sym", path) != 0 ||
-        format(&command,
+    if (format(&command,
                "objdump -t %s | grep jsonmib_%s | sed -e 's/l//' -e 's/O//' -e 's/.data//' > "
                "%s_jsonmib_sym",
-               path, libmib_reginfo->prod_string, path) != 0) {
-        TPG_ERROR(ctx, "command %s failed, %s", command.text, strerror(errno));
+               path, libmib_reginfo->prod_string, path) != 0 ||
+        format(&output, "%s_jsonmib_sym", path) != 0) {
+        TPG_ERROR(ctx, "command %s failed, %s", command.text, why(errno));
         return -1;
     }
     if (run_tool(ctx, &command, output.text) != 0) {
@@ -251,9 +262,9 @@ static uint32_t data_section_size(tpg_context_t* ctx, const char* path)
 {
     text_t command = {};
     text_t output = {};
-    if (format(&output, "%s_section_head", path) != 0 ||
-        format(&command, "objdump -h %s > %s_section_head", path, path) != 0) {
-        TPG_ERROR(ctx, "command %s failed, %s", command.text, strerror(errno));
+    if (format(&command, "objdump -h %s > %s_section_head", path, path) != 0 ||
+        format(&output, "%s_section_head", path) != 0) {
+        TPG_ERROR(ctx, "command %s failed, %s", command.text, why(errno));
         return 0;
     }
     if (run_tool(ctx, &command, output.text) != 0) {
@@ -322,7 +333,7 @@ static int write_jsonmib(tpg_context_t* ctx, const char* path, const uint8_t* by
                          uint32_t length)
 {
     /* A link that an earlier registration left leads to the built-in copy. */
-    if (unlink(path) != 0 && errno != ENOENT) {
+    if (remove_file(path) != 0) {
         TPG_ERROR(ctx, "open %s failed, %s", path, strerror(errno));
         return -1;
     }
@@ -349,10 +360,10 @@ int tpg_parse_jsonmib_string(tpg_context_t* ctx, tpg_libmib_register_info_t* lib
     const char* path = libmib_reginfo->libmib_path;
     text_t command = {};
     text_t output = {};
-    if (format(&output, "%s_data", path) != 0 ||
-        format(&command, "objdump -s -j .data --start-address=0x%x %s > %s_data", offset, path,
-               path) != 0) {
-        TPG_ERROR(ctx, "command %s failed, %s", command.text, strerror(errno));
+    if (format(&command, "objdump -s -j .data --start-address=0x%x %s > %s_data", offset, path,
+               path) != 0 ||
+        format(&output, "%s_data", path) != 0) {
+        TPG_ERROR(ctx, "command %s failed, %s", command.text, why(errno));
         return -1;
     }
     if (run_tool(ctx, &command, output.text) != 0) {
@@ -395,6 +406,15 @@ int tpg_locate_jsonmib(tpg_context_t* ctx, tpg_libmib_register_info_t* libmib_re
     return reverse_library(ctx, libmib_reginfo);
 }
 
+static int link_built_in(const tpg_libmib_register_info_t* libmib_reginfo, text_t* command)
+{
+    if (format(command, LINK_BUILT_IN_FMT, TPG_BUILT_IN_DIR, libmib_reginfo->prod_string,
+               libmib_reginfo->libmib_path) != 0) {
+        return -1;
+    }
+    return tpg_command_run(command->text);
+}
+
 /* A product without a library on this board. */
 static int locate_non_generic(tpg_context_t* ctx, const tpg_libmib_register_info_t* libmib_reginfo)
 {
@@ -412,10 +432,8 @@ static int locate_non_generic(tpg_context_t* ctx, const tpg_libmib_register_info
         return 0; /* the controller's own document stays where it was found */
     }
     text_t command = {};
-    if (format(&command, LINK_BUILT_IN_FMT, TPG_BUILT_IN_DIR, product,
-               libmib_reginfo->libmib_path) != 0 ||
-        run(&command) != 0) {
-        TPG_ERROR(ctx, "Failed to execute command %s, %s", command.text, strerror(errno));
+    if (link_built_in(libmib_reginfo, &command) != 0) {
+        TPG_ERROR(ctx, "Failed to execute command %s, %s", command.text, why(errno));
         return -1;
     }
     return 0;
@@ -466,11 +484,9 @@ static bool locate_built_in(tpg_context_t* ctx, const tpg_libmib_register_info_t
         return false;
     }
     text_t command = {};
-    if (format(&command, LINK_BUILT_IN_FMT, TPG_BUILT_IN_DIR, product,
-               libmib_reginfo->libmib_path) != 0 ||
-        run(&command) != 0) {
+    if (link_built_in(libmib_reginfo, &command) != 0) {
         TPG_ERROR(ctx, "Failed to execute command %s, %s, conduct full-reverse.", command.text,
-                  strerror(errno));
+                  why(errno));
         return false;
     }
     return true;
@@ -482,8 +498,8 @@ static int reverse_library(tpg_context_t* ctx, const tpg_libmib_register_info_t*
     TPG_WARN(ctx, "Fully reversing libmib file %s ...", libmib_reginfo->libmib_path);
     text_t command = {};
     if (format(&command, "libmib_reverse %s", libmib_reginfo->libmib_path) != 0 ||
-        run(&command) != 0) {
-        TPG_ERROR(ctx, "command %s failed, %s", command.text, strerror(errno));
+        tpg_command_run(command.text) != 0) {
+        TPG_ERROR(ctx, "command %s failed, %s", command.text, why(errno));
         return -1;
     }
     return 0;

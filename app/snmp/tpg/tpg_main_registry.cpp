@@ -3,6 +3,8 @@
 #include "tpg_jsonmib.h"
 #include "tpg_log.h"
 #include "tpg_main_cardmib.h"
+#include "tpg_main_command.h"
+#include "tpg_main_mibsource.h"
 
 #include <cassert>
 #include <cstring>
@@ -267,6 +269,9 @@ static void fall_back(tpg_context_t* ctx, const tpg_libmib_update_t* update,
     const bool restored = tpg_snmp_register_jsonmib(ctx, &master->libmib_reginfo, master) == 0;
     if (!restored) {
         TPG_ERROR(ctx, "failed to fallback to old master %d for slot_no %d", position, slot);
+        if (tpg_command_stop_asked()) {
+            return; /* for that reason, and the agent is to end in order */
+        }
     }
     assert((restored));
     TPG_INFO(ctx, "Successfully fallback to master %d, but target slot %d cannot be registered",
