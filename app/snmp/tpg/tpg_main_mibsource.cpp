@@ -6,6 +6,7 @@
 #include "tpg_main_command.h"
 
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -45,6 +46,9 @@ static int read_dump(tpg_context_t*, const char*, uint8_t*, size_t);
 static void convert_dump(FILE*, uint8_t*, size_t);
 static void store_group(const char*, uint8_t*);
 static int write_jsonmib(tpg_context_t*, const char*, const uint8_t*, uint32_t);
+static bool lies_in(const char*, const char*);
+static const char* guarded_folder(const char*);
+static bool is_only_read(const tpg_libmib_register_info_t*);
 static int link_built_in(const tpg_libmib_register_info_t*, text_t*);
 static int locate_non_generic(tpg_context_t*, const tpg_libmib_register_info_t*);
 static bool locate_in_library(tpg_context_t*, tpg_libmib_register_info_t*);
@@ -55,6 +59,7 @@ constexpr size_t WORD = sizeof(uint32_t);
 constexpr size_t SYMBOL_NAME_MAX = 64;
 constexpr uint32_t DATA_SECTION_MAX = 64U * 1024 * 1024; /* of a library; larger ones are refused */
 constexpr char SYMBOL_PREFIX[] = "jsonmib_";
+constexpr char BUILT_IN_FMT[] = "%s/libmib%s.so.json";
 constexpr char LINK_BUILT_IN_FMT[] = "ln -sf %s/libmib%s.so.json %s.json";
 
 /* ---- commands and their output ---- */
@@ -386,6 +391,64 @@ int tpg_parse_jsonmib_string(tpg_context_t* ctx, tpg_libmib_register_info_t* lib
     return write_jsonmib(ctx, tpg_jsonmib_path(libmib_reginfo).path, owner.get(), length);
 }
 
+/* ---- what belongs to others ---- */
+
+/* True when a real folder is the guarded one or below it. */
+static bool lies_in(const char* folder, const char* guarded)
+{
+    char real[PATH_MAX];
+    if (realpath(guarded, real) == nullptr) {
+        return false;
+    }
+    const size_t length = strlen(real);
+    return strncmp(folder, real, length) == 0 && (folder[length] == '/' || folder[length] == '\0');
+}
+
+/* The guarded folder in which the files beside the library are, whatever leads there; or null. */
+static const char* guarded_folder(const char* library)
+{
+    const char* slash = strrchr(library, '/');
+    const int length = slash == nullptr ? 0 : static_cast<int>(slash - library) + 1;
+    text_t beside = {};
+    char folder[PATH_MAX];
+    if (format(&beside, "%.*s.", length, library) != 0 ||
+        realpath(beside.text, folder) == nullptr) {
+        return nullptr; /* nothing can be written there either */
+    }
+    for (const char* guarded : {TPG_FLASH_DIR, TPG_BUILT_IN_DIR}) {
+        if (lies_in(folder, guarded)) {
+            return guarded;
+        }
+    }
+    return nullptr;
+}
+
+/* True when the JSON file of a card without a library stays where it is found: that of slot 1, and
+ * one that is the product's built-in document already. */
+static bool is_only_read(const tpg_libmib_register_info_t* libmib_reginfo)
+{
+    text_t built_in = {};
+    char real_built_in[PATH_MAX];
+    char real_json[PATH_MAX];
+    return libmib_reginfo->slot_no <= 1 ||
+           (format(&built_in, BUILT_IN_FMT, TPG_BUILT_IN_DIR, libmib_reginfo->prod_string) == 0 &&
+            realpath(built_in.text, real_built_in) != nullptr &&
+            realpath(tpg_jsonmib_path(libmib_reginfo).path, real_json) != nullptr &&
+            strcmp(real_built_in, real_json) == 0);
+}
+
+int tpg_check_libmib_path(tpg_context_t* ctx, const tpg_libmib_register_info_t* libmib_reginfo)
+{
+    const char* path = libmib_reginfo->libmib_path;
+    const char* guarded = guarded_folder(path);
+    if (guarded == nullptr || (!tpg_file_exists(path) && is_only_read(libmib_reginfo))) {
+        return 0;
+    }
+    TPG_ERROR(ctx, "refused a card: libmib_path \"%s\" lies in %s, where no card may write", path,
+              guarded);
+    return -1;
+}
+
 /* ---- choice of the source ---- */
 
 tpg_json_path_t tpg_jsonmib_path(const tpg_libmib_register_info_t* libmib_reginfo)
@@ -397,6 +460,9 @@ tpg_json_path_t tpg_jsonmib_path(const tpg_libmib_register_info_t* libmib_reginf
 
 int tpg_locate_jsonmib(tpg_context_t* ctx, tpg_libmib_register_info_t* libmib_reginfo)
 {
+    if (tpg_check_libmib_path(ctx, libmib_reginfo) != 0) {
+        return -1;
+    }
     if (!tpg_file_exists(libmib_reginfo->libmib_path)) {
         return locate_non_generic(ctx, libmib_reginfo);
     }
@@ -406,10 +472,12 @@ int tpg_locate_jsonmib(tpg_context_t* ctx, tpg_libmib_register_info_t* libmib_re
     return reverse_library(ctx, libmib_reginfo);
 }
 
+/* The old file goes first: were it a link to a folder, the new link would be put in there. */
 static int link_built_in(const tpg_libmib_register_info_t* libmib_reginfo, text_t* command)
 {
     if (format(command, LINK_BUILT_IN_FMT, TPG_BUILT_IN_DIR, libmib_reginfo->prod_string,
-               libmib_reginfo->libmib_path) != 0) {
+               libmib_reginfo->libmib_path) != 0 ||
+        remove_file(tpg_jsonmib_path(libmib_reginfo).path) != 0) {
         return -1;
     }
     return tpg_command_run(command->text);
@@ -428,8 +496,8 @@ static int locate_non_generic(tpg_context_t* ctx, const tpg_libmib_register_info
         return -1;
     }
     TPG_INFO(ctx, "Found built-in jsonmib file at %s.", json.path);
-    if (slot <= 1) {
-        return 0; /* the controller's own document stays where it was found */
+    if (is_only_read(libmib_reginfo)) {
+        return 0;
     }
     text_t command = {};
     if (link_built_in(libmib_reginfo, &command) != 0) {
@@ -471,7 +539,7 @@ static bool locate_built_in(tpg_context_t* ctx, const tpg_libmib_register_info_t
     const uint32_t slot = libmib_reginfo->slot_no;
     TPG_INFO(ctx, "No jsonmib symbol for product %s on slot_no %d.", product, slot);
     text_t built_in = {};
-    if (format(&built_in, "%s/libmib%s.so.json", TPG_BUILT_IN_DIR, product) != 0 ||
+    if (format(&built_in, BUILT_IN_FMT, TPG_BUILT_IN_DIR, product) != 0 ||
         !tpg_file_exists(built_in.text)) {
         TPG_ERROR(ctx, "Cannot find %s for product %s on slot_no %d, to conduct full-reverse.",
                   built_in.text, product, slot);

@@ -149,7 +149,8 @@ void tpg_proc_libmib_register(tpg_context_t* ctx, tpg_libmib_update_t* libmib_up
 {
     const uint32_t slot = libmib_update->slot_no;
     const tpg_log_slot_t served = tpg_log_serve(ctx, slot);
-    if (slot > TPG_SLOT_MAX || check_update(ctx, libmib_update) != 0) {
+    if (slot > TPG_SLOT_MAX || check_update(ctx, libmib_update) != 0 ||
+        tpg_check_libmib_path(ctx, libmib_update) != 0) {
         return;
     }
     TPG_INFO(ctx, "Registering %s:%s version %d.%d.%d slot_no %d libmib %s",
