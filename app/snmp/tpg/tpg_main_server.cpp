@@ -40,6 +40,7 @@ static void dispatch(tpg_context_t*, tpg_ipc_clnt_t*);
 static void dispatch_libmib_update(tpg_context_t*, tpg_ipc_clnt_t*, const com_msg_head_t*);
 static void dispatch_trap_notify(tpg_context_t*, tpg_ipc_clnt_t*, const com_msg_head_t*);
 static int send_update_ack(tpg_context_t*, tpg_ipc_clnt_t*);
+static void flush_output(const tpg_ipc_clnt_t*);
 static void carry_out_update(tpg_context_t*, tpg_msg_libmib_update_t*, tpg_ipc_clnt_t*);
 static void withdraw_slot(tpg_context_t*, uint32_t);
 static void begin_end(tpg_ipc_clnt_t*, short, int);
@@ -639,6 +640,18 @@ static void dispatch_trap_notify(tpg_context_t* ctx, tpg_ipc_clnt_t* client,
               notify->slot_no, notify->var_id, notify->index);
 }
 
+/*
+ * The event loop sends nothing before the update is carried out, which may take
+ * seconds. What the socket has no room for stays with the loop, and so does a failure.
+ */
+static void flush_output(const tpg_ipc_clnt_t* client)
+{
+    evbuffer* output = bufferevent_get_output(client->bev);
+    evbuffer_unfreeze(output, 1);
+    evbuffer_write(output, bufferevent_getfd(client->bev));
+    evbuffer_freeze(output, 1);
+}
+
 /* A client that never reads its acknowledgements cannot pile them up here. */
 static int send_update_ack(tpg_context_t* ctx, tpg_ipc_clnt_t* client)
 {
@@ -656,6 +669,7 @@ static int send_update_ack(tpg_context_t* ctx, tpg_ipc_clnt_t* client)
     if (ret < 0) {
         TPG_ERROR(ctx, "tpg_libmib_update: send update_ack failed, %s", strerror(errno));
     }
+    flush_output(client);
     return ret;
 }
 
