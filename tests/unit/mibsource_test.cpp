@@ -65,7 +65,8 @@ TEST_F(mibsource, sections)
         {section(".data", "6"), dump(bytes), 6, "6 " + bytes},
         {section(".data", "23"), "Contents\n", 35,
          "-1 Error cannot find start line of data section file\n"},
-        {section(".data", "ffffffff"), dump(json), 35, "-1 Error calloc failed, File too large\n"},
+        {section(".data", "ffffffff"), dump(json), 35, "-1 Error calloc failed, File too large: a .data section of 4294967295 bytes, "
+         "the limit is 67108864\n"},
         {"  9 .data", dump(json), 35, "-1 Error parsing .data section size failed!"}};
     for (const auto& [heads, text, size, expected] : cases) {
         write_file("/tmp/card/out-h", heads);

@@ -316,13 +316,14 @@ int tpg_proc_data_section(tpg_context_t* ctx, char* libmib_so_dir, uint32_t** da
     if (data_size == 0) {
         return -1;
     }
+    if (data_size > DATA_SECTION_MAX) {
+        TPG_ERROR(ctx, "calloc failed, %s: a .data section of %u bytes, the limit is %u",
+                  strerror(EFBIG), data_size, DATA_SECTION_MAX);
+        return -1;
+    }
     /* A section that ends inside a word still gives up its last bytes. */
     const size_t words = (static_cast<size_t>(data_size) + WORD - 1) / WORD;
-    if (data_size > DATA_SECTION_MAX) {
-        errno = EFBIG;
-    } else {
-        *data_record = static_cast<uint32_t*>(calloc(words, WORD));
-    }
+    *data_record = static_cast<uint32_t*>(calloc(words, WORD));
     if (*data_record == nullptr) {
         TPG_ERROR(ctx, "calloc failed, %s", strerror(errno));
         return -1;

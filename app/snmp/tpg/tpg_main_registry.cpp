@@ -38,6 +38,7 @@ static int position_of(const tpg_context_t*, const tpg_jsonmib_register_info_t*)
 constexpr std::string_view SHELL_SAFE = "ABCDEFGHIJKLMNOPQRSTUVWXYZ"
                                         "abcdefghijklmnopqrstuvwxyz"
                                         "0123456789_./+-,:@=%";
+constexpr const char* SHELL_SAFE_MARKS = SHELL_SAFE.substr(SHELL_SAFE.find('_')).data();
 
 /* ---- records ---- */
 
@@ -104,7 +105,7 @@ static int check_text(tpg_context_t* ctx, const char* field, const char* text, s
 {
     const std::string_view value(text, strnlen(text, size));
     if (value.size() == size) {
-        TPG_ERROR(ctx, "refused a card: %s has no terminating zero", field);
+        TPG_ERROR(ctx, "refused a card: %s has no terminating zero within %zu bytes", field, size);
         return -1;
     }
     if (allowed.empty()) {
@@ -115,8 +116,10 @@ static int check_text(tpg_context_t* ctx, const char* field, const char* text, s
         return -1;
     }
     if (value.find_first_not_of(allowed) != std::string_view::npos) {
-        TPG_ERROR(ctx, "refused a card: %s \"%s\" holds a character that is not allowed", field,
-                  text);
+        TPG_ERROR(ctx,
+                  "refused a card: %s \"%s\" holds a character that is not allowed: letters, "
+                  "digits and %s are",
+                  field, text, SHELL_SAFE_MARKS);
         return -1;
     }
     return 0;
