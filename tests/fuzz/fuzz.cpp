@@ -4,6 +4,7 @@
 #include "tpg_jsonmib_queue.h"
 #include "tpg_jsonmib_tomb.h"
 #include "tpg_log.h"
+#include "tpg_main_command.h"
 #include "tpg_main_levent.h"
 #include "tpg_main_server.h"
 
@@ -22,9 +23,14 @@ static netsnmp_session* master;
 
 int (*fuzz_system)(const char* command);
 
-extern "C" int system(const char* command)
+int tpg_command_run(const char* command)
 {
     return fuzz_system == nullptr ? 0 : fuzz_system(command);
+}
+
+bool tpg_command_stop_asked()
+{
+    return false;
 }
 
 extern "C" void syslog(int, const char*, ...)

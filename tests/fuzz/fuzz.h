@@ -4,7 +4,7 @@
 /*
  * What the fuzzers share: a fresh agent context for every input, the input's
  * decoding, and requests to the SNMP library as a master would send them. The
- * programs replace system() and syslog(), and run in scripts/world.sh only.
+ * programs replace tpg_command_run() and syslog(), and run in scripts/world.sh only.
  */
 
 #include "../support/support.h"

@@ -66,6 +66,13 @@ inline int unix_socket(const std::string& path, bool listens = false)
     return fd;
 }
 
+/* True when the process is gone, or only waits for somebody to ask how it ended. */
+inline bool has_ended(pid_t pid)
+{
+    const std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
+    return stat.empty() || has(stat, ") Z ");
+}
+
 /* ---- messages ---- */
 
 inline com_msg_head_t client_head(uint16_t type, size_t length)

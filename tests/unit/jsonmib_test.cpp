@@ -264,14 +264,20 @@ TEST(jsonmib, files)
     const std::string largest = "[" + std::string(TPG_FILE_MAX - 2, ' ') + "]";
     ASSERT_EQ(mkfifo("/tmp/fifo", 0600), 0);
     write_file("/tmp/empty", "");
+    write_file("/tmp/deep", std::string(40, '['));
+    write_file("/tmp/late", "{}");
+    ASSERT_EQ(system("touch -d 2040-01-01 /tmp/late"), 0); /* 32 bits do not hold such a time */
     write_file("/tmp/large", largest + " ");
     write_file("/tmp/largest", largest);
     for (const auto& [path, expected] :
          {std::pair{"/tmp/no", "-1 Error Cannot find jsonmib file, /tmp/no\n"},
           {"/tmp", "-1 Error open /tmp failed, Invalid argument\n"},
           {"/tmp/fifo", "-1 Error open /tmp/fifo failed, Invalid argument\n"},
-          {"/tmp/empty", "-1 Error invalid file size for /tmp/empty"},
-          {"/tmp/large", "-1 Error invalid file size for /tmp/large"},
+          {"/tmp/empty", "-1 Error invalid file size for /tmp/empty\n"},
+          {"/tmp/large", "-1 Error invalid file size for /tmp/large: 4194305 bytes, the limit is "
+                         "4194304\n"},
+          {"/tmp/deep", "-1 Error jsonmib_check_jsonfile(): nesting too deep, the limit is 32\n"},
+          {"/tmp/late", "0 "},
           {"/tmp/largest", "0 "}}) {
         const std::string outcome =
             outcome_of([&, name = path] { return jsonmib_check_jsonfile(ctx.get(), name); });

@@ -1,7 +1,10 @@
 /* A card's document out of what objdump prints of its library; the objdump is the test's own. */
 
 #include "tpg_main_mibsource.h"
+#include "tpg_main_registry.h"
 #include "unit.h"
+
+#include <map>
 
 namespace fs = std::filesystem;
 
@@ -62,7 +65,8 @@ TEST_F(mibsource, sections)
         {section(".data", "6"), dump(bytes), 6, "6 " + bytes},
         {section(".data", "23"), "Contents\n", 35,
          "-1 Error cannot find start line of data section file\n"},
-        {section(".data", "ffffffff"), dump(json), 35, "-1 Error calloc failed, File too large\n"},
+        {section(".data", "ffffffff"), dump(json), 35, "-1 Error calloc failed, File too large: a .data section of 4294967295 bytes, "
+         "the limit is 67108864\n"},
         {"  9 .data", dump(json), 35, "-1 Error parsing .data section size failed!"}};
     for (const auto& [heads, text, size, expected] : cases) {
         write_file("/tmp/card/out-h", heads);
@@ -90,4 +94,64 @@ TEST_F(mibsource, links_are_not_followed)
     }
     EXPECT_FALSE(fs::exists("/tmp/card/mine"));
     EXPECT_EQ(read_file(JSON), "{\"a\":\"1234\"}");
+}
+
+/* What is in the folders of the switches and of the built-in documents. */
+static std::map<std::string, std::string> guarded_files()
+{
+    std::map<std::string, std::string> files;
+    for (const char* folder : {TPG_FLASH_DIR, TPG_BUILT_IN_DIR}) {
+        for (const auto& file : fs::recursive_directory_iterator(folder)) {
+            files[file.path()] = file.is_regular_file() && !file.is_symlink()
+                                     ? read_file(file.path())
+                                     : "";
+        }
+    }
+    return files;
+}
+
+TEST_F(mibsource, no_path_reaches_what_belongs_to_others)
+{
+    constexpr char SERVED[] = "Registered product", REFUSED[] = "Error refused a card: libmib_path";
+    const std::string flash = std::string(TPG_FLASH_DIR) + "/fam_slot05", built_in = TPG_BUILT_IN_DIR;
+    clear_folder(flash);
+    write_file(flash + "/sendtrap.json", "{\"mine\":1}");
+    write_file(built_in + "/libmibprod.so.json", "{\"prod\":1}");
+    write_file(built_in + "/libmibother.so.json", "{\"other\":1}");
+    write_file(built_in + "/library", "");
+    fs::create_symlink(flash, "/tmp/card/flash");
+    fs::create_symlink(built_in, "/tmp/card/built_in");
+    write_file("/tmp/card/out-t", "");
+    const struct {
+        std::string path;
+        int slot;
+        const char* outcome;
+    } cases[] = {
+        {flash + "/sendtrap", 3, REFUSED},
+        {"/mnt/../mnt/flash0//cards/./fam_slot05/sendtrap", 3, REFUSED},
+        {"/tmp/card/flash/sendtrap", 3, REFUSED},
+        {std::string(TPG_FLASH_DIR) + "/new", 3, REFUSED},
+        {built_in + "/libmibother.so", 3, REFUSED},
+        {"/tmp/card/built_in/libmibother.so", 15, REFUSED},
+        {built_in + "/library", 1, REFUSED}, /* it would be extracted */
+        {built_in + "/libmibother.so", 1, SERVED},
+        {built_in + "/libmibother.so", 0, SERVED},
+        {built_in + "/libmibprod.so", 3, SERVED}, /* where the link would lead */
+        {built_in, 3, SERVED}, /* beside that folder nothing is guarded */
+        {LIBRARY, 3, SERVED},
+    };
+    const auto before = guarded_files();
+    for (const auto& [path, slot, outcome] : cases) {
+        /* Where a tool that makes a link or writes a file would go astray. */
+        fs::remove(JSON);
+        fs::create_symlink(built_in, JSON);
+        auto update = client_update(TPG_MSG_LIBMIB_REGISTER, slot, "prod", "fam", 0, path);
+        const std::string log = log_of([&] {
+            tpg_proc_libmib_register(ctx.get(), &update.libmib_update);
+        });
+        EXPECT_TRUE(has(log, outcome)) << path << log;
+        EXPECT_EQ(std::count(log.begin(), log.end(), '\n') == 1, outcome == REFUSED) << log;
+        EXPECT_EQ(guarded_files(), before) << path;
+        log_of([&] { tpg_proc_libmib_unregister(ctx.get(), &update.libmib_update); });
+    }
 }

@@ -11,11 +11,30 @@ static int file_require_regular(int, off_t*);
 
 constexpr mode_t FILE_MODE = 0644;
 
+/* Or a file with a large inode number could not even be looked at. */
+static_assert(sizeof(off_t) == sizeof(int64_t));
+
 tpg_fd_t::~tpg_fd_t()
 {
     if (fd >= 0) {
         close(fd);
     }
+}
+
+bool tpg_file_exists(const char* path)
+{
+    struct stat st;
+    return stat(path, &st) == 0;
+}
+
+int tpg_file_mode(int fd, mode_t* mode)
+{
+    struct stat st;
+    if (fstat(fd, &st) != 0) {
+        return -1;
+    }
+    *mode = st.st_mode;
+    return 0;
 }
 
 /* Keeps fd when it is a regular file; otherwise closes it and returns -1. */

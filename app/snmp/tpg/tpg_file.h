@@ -25,6 +25,12 @@ struct tpg_fd_t {
     ~tpg_fd_t();
 };
 
+/* True when something stands under the name, or behind the link that does. */
+bool tpg_file_exists(const char* path);
+
+/* What kind of file a descriptor leads to, as st_mode; 0 or -1 with errno set. */
+int tpg_file_mode(int fd, mode_t* mode);
+
 enum class tpg_links : bool {
     follow,
     refuse,

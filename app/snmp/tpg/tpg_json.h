@@ -22,6 +22,15 @@ struct tpg_json_tokener_free {
 };
 using tpg_json_tokener_t = std::unique_ptr<json_tokener, tpg_json_tokener_free>;
 
+/* What is wrong with the text that was read last. */
+inline const char* tpg_json_error(json_tokener* tokener)
+{
+    static_assert(JSON_TOKENER_DEFAULT_DEPTH == 32);
+    const json_tokener_error error = json_tokener_get_error(tokener);
+    return error == json_tokener_error_depth ? "nesting too deep, the limit is 32"
+                                             : json_tokener_error_desc(error);
+}
+
 /* The type codes stand in log messages by number. */
 static_assert(json_type_null == 0);
 static_assert(json_type_boolean == 1);

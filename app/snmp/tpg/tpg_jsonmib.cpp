@@ -11,7 +11,6 @@
 #include <cassert>
 #include <cerrno>
 #include <cstring>
-#include <sys/stat.h>
 
 static int proc_member(tpg_context_t*, const char*, json_object*, tpg_jsonmib_register_info_t*);
 static int proc_array_member(tpg_context_t*, const char*, json_object*,
@@ -23,8 +22,7 @@ static void unregister_tables(tpg_context_t*, const char*, netsnmp_handler_regis
 
 char* jsonmib_read_json(tpg_context_t* ctx, const char* libjson_file, size_t* json_sz)
 {
-    struct stat st;
-    if (stat(libjson_file, &st) != 0) {
+    if (!tpg_file_exists(libjson_file)) {
         TPG_ERROR(ctx, "Cannot find jsonmib file, %s", libjson_file);
         return nullptr;
     }
@@ -34,8 +32,13 @@ char* jsonmib_read_json(tpg_context_t* ctx, const char* libjson_file, size_t* js
         TPG_ERROR(ctx, "open %s failed, %s", libjson_file, strerror(errno));
         return nullptr;
     }
-    if (size <= 0 || static_cast<size_t>(size) > TPG_FILE_MAX) {
+    if (size <= 0) {
         TPG_ERROR(ctx, "invalid file size for %s", libjson_file);
+        return nullptr;
+    }
+    if (static_cast<uint64_t>(size) > TPG_FILE_MAX) {
+        TPG_ERROR(ctx, "invalid file size for %s: %lld bytes, the limit is %zu", libjson_file,
+                  static_cast<long long>(size), TPG_FILE_MAX);
         return nullptr;
     }
     const auto length = static_cast<size_t>(size);
@@ -67,8 +70,7 @@ int jsonmib_check_jsonfile(tpg_context_t* ctx, const char* json_file)
     }
     const tpg_json_t root(json_tokener_parse_ex(tok.get(), text.get(), static_cast<int>(size)));
     if (root == nullptr) {
-        TPG_ERROR(ctx, "%s(): %s", __func__,
-                  json_tokener_error_desc(json_tokener_get_error(tok.get())));
+        TPG_ERROR(ctx, "%s(): %s", __func__, tpg_json_error(tok.get()));
         return -1;
     }
     return 0;
@@ -82,8 +84,7 @@ int jsonmib_proc_registration(tpg_context_t* ctx, const char* json_string, size_
     const tpg_json_t root(
         json_tokener_parse_ex(json_tok.get(), json_string, static_cast<int>(size)));
     if (root == nullptr) {
-        TPG_ERROR(ctx, "json_tokener_parse_ex failed, %s",
-                  json_tokener_error_desc(json_tokener_get_error(json_tok.get())));
+        TPG_ERROR(ctx, "json_tokener_parse_ex failed, %s", tpg_json_error(json_tok.get()));
         return -1;
     }
     if (json_object_get_type(root.get()) != json_type_object) {

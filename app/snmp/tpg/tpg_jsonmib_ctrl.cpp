@@ -14,7 +14,6 @@
 #include <fcntl.h>
 #include <sys/select.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -85,8 +84,7 @@ int jsonmib_ipc_try_connect(tpg_context_t* ctx, uint32_t slot_no)
     sockaddr_un addr;
     ipc_daemon_address(slot_no, &addr);
 
-    struct stat st;
-    if (stat(addr.sun_path, &st) != 0) {
+    if (!tpg_file_exists(addr.sun_path)) {
         TPG_ERROR(ctx, "slot_no %d ipc is down", slot_no);
         return -1;
     }

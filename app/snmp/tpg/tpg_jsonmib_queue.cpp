@@ -794,15 +794,14 @@ static int run_in_place(tpg_context_t* ctx, jsonmib_exchange_t* exchange)
 {
     jsonmib_later_t* later = &ctx->jsonmib_later;
     exchange->born = jsonmib_now() - (later->loop_busy ? JSONMIB_CELL_US - IN_CALLBACK_US : 0);
-    bool done = jsonmib_queue_start(ctx, exchange);
+    jsonmib_queue_start(ctx, exchange);
     later->waiting++;
-    while (!done) {
+    while (!exchange->done) {
         if (ctx->levent_base == nullptr || later->loop_busy) {
             jsonmib_queue_drive(ctx, NEVER);
         } else if (!loop_goes_on(ctx) && !exchange->done) {
             abandon(ctx, exchange);
         }
-        done = exchange->done;
     }
     later->waiting--;
     return exchange->result;

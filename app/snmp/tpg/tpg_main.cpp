@@ -1,10 +1,12 @@
 #include "tpg_main.h"
 
+#include "tpg_file.h"
 #include "tpg_jsonmib_cell.h"
 #include "tpg_legacymib_kx.h"
 #include "tpg_log.h"
 #include "tpg_log_library.h"
 #include "tpg_main_cardmib.h"
+#include "tpg_main_command.h"
 #include "tpg_main_control.h"
 #include "tpg_main_entity.h"
 #include "tpg_main_fault.h"
@@ -18,19 +20,22 @@
 #include "tpg_snmp.h"
 
 #include <cassert>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <event2/event.h>
+#include <fcntl.h>
 #include <iterator>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #ifdef NDEBUG
 #error "assertions stop the agent on purpose and must be compiled in"
 #endif
 
+static int open_standard_descriptors();
+static void reset_signals();
 static void start_logging(tpg_context_t*);
 static void set_log_level(tpg_context_t*);
 static int attach_to_master(tpg_context_t*);
@@ -66,7 +71,13 @@ int tpg_main(int argc, char** argv)
     }
     tpg_context_t* ctx = &ctx_local;
     memset(static_cast<void*>(ctx), 0, sizeof(*ctx));
+    reset_signals();
+    const int error = open_standard_descriptors();
     start_logging(ctx);
+    if (error != 0) {
+        TPG_ERROR(ctx, "no standard descriptors, %s", strerror(error));
+        return -1;
+    }
     signal(SIGHUP, SIG_IGN); // NOLINT(bugprone-signal-handler): until the loop can see to it
     tpg_board_select(ctx, getenv("BASE_BOARD"));
     tpg_options_t options = {};
@@ -74,6 +85,7 @@ int tpg_main(int argc, char** argv)
         attach_to_master(ctx) != 0) {
         return -1;
     }
+    tpg_command_watch_stop();
     if (options.test_card != nullptr) {
         register_test_card(ctx, options.test_card);
     }
@@ -91,6 +103,40 @@ int tpg_main(int argc, char** argv)
     return 0;
 }
 
+/*
+ * What is opened later would take the place of one that is not: the agent's
+ * log would go into a pipe of the SNMP library's that nobody reads. 0 or errno.
+ */
+static int open_standard_descriptors()
+{
+    int fd = STDIN_FILENO;
+    do {
+        fd = open("/dev/null", O_RDWR); // NOLINT(android-cloexec-open)
+    } while (fd >= STDIN_FILENO && fd <= STDERR_FILENO);
+    if (fd < 0) {
+        return errno;
+    }
+    close(fd);
+    return 0;
+}
+
+/* What the parent ignored or blocked is no matter of the agent's. */
+static void reset_signals()
+{
+    for (int sig = 1; sig < NSIG; sig++) {
+        struct sigaction before = {};
+        if (sigaction(sig, nullptr, &before) == 0 && before.sa_handler == SIG_IGN) {
+            signal(sig, SIG_DFL);
+        }
+    }
+    /* A peer that is gone is an error of the call that notices, not the agent's end. */
+    signal(SIGPIPE, SIG_IGN); // NOLINT(bugprone-signal-handler)
+    signal(SIGCHLD, SIG_IGN); // NOLINT(bugprone-signal-handler): what nobody waits for leaves nothing
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
 static void start_logging(tpg_context_t* ctx)
 {
     tpg_log_open();
@@ -103,8 +149,7 @@ static void start_logging(tpg_context_t* ctx)
 
 static void set_log_level(tpg_context_t* ctx)
 {
-    struct stat st;
-    const bool debug = stat(TPG_DEBUG_MARKER, &st) == 0;
+    const bool debug = tpg_file_exists(TPG_DEBUG_MARKER);
     ctx->log_level = debug ? TPG_LOG_LEVEL_DEBUG : TPG_LOG_LEVEL_DEFAULT;
 }
 
@@ -209,8 +254,10 @@ static void tpg_levent_init(tpg_context_t* ctx)
     add_signal(ctx, SIGHUP, hangup_cb);
     set_log_level(ctx); /* for one that came earlier */
     tpg_fault_handler_install();
-    /* A peer that is gone is an error of the call that notices, not the agent's end. */
-    signal(SIGPIPE, SIG_IGN); // NOLINT(bugprone-signal-handler)
+    tpg_command_watch_stop();
+    if (tpg_command_stop_asked()) { /* while the first tables were registered */
+        event_base_loopbreak(ctx->levent_base);
+    }
     levent_snmp_update(ctx);
     tpg_notify_start(ctx);
 }

@@ -1,5 +1,6 @@
 #include "tpg_main_levent.h"
 
+#include "tpg_file.h"
 #include "tpg_jsonmib_cell.h"
 #include "tpg_log.h"
 #include "tpg_snmp.h"
@@ -95,12 +96,12 @@ static int add_unwatched(tpg_context_t* ctx, int numfds, const fd_set* wanted)
 
 static bool is_pipe(tpg_context_t* ctx, int fd)
 {
-    struct stat st;
-    if (fstat(fd, &st) != 0) {
+    mode_t mode = 0;
+    if (tpg_file_mode(fd, &mode) != 0) {
         TPG_WARN(ctx, "unable to tell what SNMP FD %d is, %s", fd, strerror(errno));
         return false;
     }
-    return S_ISFIFO(st.st_mode);
+    return S_ISFIFO(mode);
 }
 
 /* A descriptor that cannot be watched is tried again at the next update. */

@@ -4,12 +4,13 @@
 #include "tpg_jsonmib.h"
 #include "tpg_jsonmib_stats.h"
 #include "tpg_log.h"
+#include "tpg_main_command.h"
 
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <sys/stat.h>
 #include <unistd.h>
 
 struct stream_close {
@@ -32,8 +33,8 @@ struct line_t {
 };
 
 static int format(text_t*, const char*, ...) __attribute__((format(printf, 2, 3)));
-static int run(const text_t*);
-static bool exists(const char*);
+static const char* why(int);
+static int remove_file(const char*);
 static int run_tool(tpg_context_t*, const text_t*, const char*);
 static stream_t open_output(tpg_context_t*, const char*);
 static bool read_line(FILE*, line_t*);
@@ -46,6 +47,10 @@ static int read_dump(tpg_context_t*, const char*, uint8_t*, size_t);
 static void convert_dump(FILE*, uint8_t*, size_t);
 static void store_group(const char*, uint8_t*);
 static int write_jsonmib(tpg_context_t*, const char*, const uint8_t*, uint32_t);
+static bool lies_in(const char*, const char*);
+static const char* guarded_folder(const char*);
+static bool is_only_read(const tpg_libmib_register_info_t*);
+static int link_built_in(const tpg_libmib_register_info_t*, text_t*);
 static int locate_non_generic(tpg_context_t*, const tpg_libmib_register_info_t*);
 static bool locate_in_library(tpg_context_t*, tpg_libmib_register_info_t*);
 static bool locate_built_in(tpg_context_t*, const tpg_libmib_register_info_t*);
@@ -55,6 +60,7 @@ constexpr size_t WORD = sizeof(uint32_t);
 constexpr size_t SYMBOL_NAME_MAX = 64;
 constexpr uint32_t DATA_SECTION_MAX = 64U * 1024 * 1024; /* of a library; larger ones are refused */
 constexpr char SYMBOL_PREFIX[] = "jsonmib_";
+constexpr char BUILT_IN_FMT[] = "%s/libmib%s.so.json";
 constexpr char LINK_BUILT_IN_FMT[] = "ln -sf %s/libmib%s.so.json %s.json";
 
 /* ---- commands and their output ---- */
@@ -73,23 +79,25 @@ static int format(text_t* out, const char* fmt, ...)
     return 0;
 }
 
-/* Only a command that could not be run counts as failed; -1 with errno set. */
-static int run(const text_t* command)
+/* Why a command, or what has to be done for it, failed. */
+static const char* why(int error)
 {
-    return system(command->text) == -1 ? -1 : 0;
+    static_assert(TPG_CMD_MAX == 256);
+    return error == ENAMETOOLONG ? "File name too long: a command has at most 255 characters"
+                                 : tpg_command_error(error);
 }
 
-static bool exists(const char* path)
+/* 0 when nothing stands under the name any more. */
+static int remove_file(const char* path)
 {
-    struct stat st;
-    return stat(path, &st) == 0;
+    return unlink(path) != 0 && errno != ENOENT ? -1 : 0;
 }
 
 /* Runs a command that leaves its output in a file; what stood under that name goes first. */
 static int run_tool(tpg_context_t* ctx, const text_t* command, const char* output)
 {
-    if ((unlink(output) != 0 && errno != ENOENT) || run(command) != 0) {
-        TPG_ERROR(ctx, "command %s failed, %s", command->text, strerror(errno));
+    if (remove_file(output) != 0 || tpg_command_run(command->text) != 0) {
+        TPG_ERROR(ctx, "command %s failed, %s", command->text, why(errno));
         return -1;
     }
     return 0;
@@ -161,12 +169,12 @@ int tpg_get_jsonmib_string(tpg_context_t* ctx, tpg_libmib_register_info_t* libmi
     *length = 0;
     text_t command = {};
     text_t output = {};
-    if (format(&output, "%s_jsonmib_sym", path) != 0 ||
-        format(&command,
+    if (format(&command,
                "objdump -t %s | grep jsonmib_%s | sed -e 's/l//' -e 's/O//' -e 's/.data//' > "
                "%s_jsonmib_sym",
-               path, libmib_reginfo->prod_string, path) != 0) {
-        TPG_ERROR(ctx, "command %s failed, %s", command.text, strerror(errno));
+               path, libmib_reginfo->prod_string, path) != 0 ||
+        format(&output, "%s_jsonmib_sym", path) != 0) {
+        TPG_ERROR(ctx, "command %s failed, %s", command.text, why(errno));
         return -1;
     }
     if (run_tool(ctx, &command, output.text) != 0) {
@@ -260,9 +268,9 @@ static uint32_t data_section_size(tpg_context_t* ctx, const char* path)
 {
     text_t command = {};
     text_t output = {};
-    if (format(&output, "%s_section_head", path) != 0 ||
-        format(&command, "objdump -h %s > %s_section_head", path, path) != 0) {
-        TPG_ERROR(ctx, "command %s failed, %s", command.text, strerror(errno));
+    if (format(&command, "objdump -h %s > %s_section_head", path, path) != 0 ||
+        format(&output, "%s_section_head", path) != 0) {
+        TPG_ERROR(ctx, "command %s failed, %s", command.text, why(errno));
         return 0;
     }
     if (run_tool(ctx, &command, output.text) != 0) {
@@ -309,13 +317,14 @@ int tpg_proc_data_section(tpg_context_t* ctx, char* libmib_so_dir, uint32_t** da
     if (data_size == 0) {
         return -1;
     }
+    if (data_size > DATA_SECTION_MAX) {
+        TPG_ERROR(ctx, "calloc failed, %s: a .data section of %u bytes, the limit is %u",
+                  strerror(EFBIG), data_size, DATA_SECTION_MAX);
+        return -1;
+    }
     /* A section that ends inside a word still gives up its last bytes. */
     const size_t words = (static_cast<size_t>(data_size) + WORD - 1) / WORD;
-    if (data_size > DATA_SECTION_MAX) {
-        errno = EFBIG;
-    } else {
-        *data_record = static_cast<uint32_t*>(calloc(words, WORD));
-    }
+    *data_record = static_cast<uint32_t*>(calloc(words, WORD));
     if (*data_record == nullptr) {
         TPG_ERROR(ctx, "calloc failed, %s", strerror(errno));
         return -1;
@@ -331,7 +340,7 @@ static int write_jsonmib(tpg_context_t* ctx, const char* path, const uint8_t* by
                          uint32_t length)
 {
     /* A link that an earlier registration left leads to the built-in copy. */
-    if (unlink(path) != 0 && errno != ENOENT) {
+    if (remove_file(path) != 0) {
         TPG_ERROR(ctx, "open %s failed, %s", path, strerror(errno));
         return -1;
     }
@@ -358,10 +367,10 @@ int tpg_parse_jsonmib_string(tpg_context_t* ctx, tpg_libmib_register_info_t* lib
     const char* path = libmib_reginfo->libmib_path;
     text_t command = {};
     text_t output = {};
-    if (format(&output, "%s_data", path) != 0 ||
-        format(&command, "objdump -s -j .data --start-address=0x%x %s > %s_data", offset, path,
-               path) != 0) {
-        TPG_ERROR(ctx, "command %s failed, %s", command.text, strerror(errno));
+    if (format(&command, "objdump -s -j .data --start-address=0x%x %s > %s_data", offset, path,
+               path) != 0 ||
+        format(&output, "%s_data", path) != 0) {
+        TPG_ERROR(ctx, "command %s failed, %s", command.text, why(errno));
         return -1;
     }
     if (run_tool(ctx, &command, output.text) != 0) {
@@ -384,6 +393,64 @@ int tpg_parse_jsonmib_string(tpg_context_t* ctx, tpg_libmib_register_info_t* lib
     return write_jsonmib(ctx, tpg_jsonmib_path(libmib_reginfo).path, owner.get(), length);
 }
 
+/* ---- what belongs to others ---- */
+
+/* True when a real folder is the guarded one or below it. */
+static bool lies_in(const char* folder, const char* guarded)
+{
+    char real[PATH_MAX];
+    if (realpath(guarded, real) == nullptr) {
+        return false;
+    }
+    const size_t length = strlen(real);
+    return strncmp(folder, real, length) == 0 && (folder[length] == '/' || folder[length] == '\0');
+}
+
+/* The guarded folder in which the files beside the library are, whatever leads there; or null. */
+static const char* guarded_folder(const char* library)
+{
+    const char* slash = strrchr(library, '/');
+    const int length = slash == nullptr ? 0 : static_cast<int>(slash - library) + 1;
+    text_t beside = {};
+    char folder[PATH_MAX];
+    if (format(&beside, "%.*s.", length, library) != 0 ||
+        realpath(beside.text, folder) == nullptr) {
+        return nullptr; /* nothing can be written there either */
+    }
+    for (const char* guarded : {TPG_FLASH_DIR, TPG_BUILT_IN_DIR}) {
+        if (lies_in(folder, guarded)) {
+            return guarded;
+        }
+    }
+    return nullptr;
+}
+
+/* True when the JSON file of a card without a library stays where it is found: that of slot 1, and
+ * one that is the product's built-in document already. */
+static bool is_only_read(const tpg_libmib_register_info_t* libmib_reginfo)
+{
+    text_t built_in = {};
+    char real_built_in[PATH_MAX];
+    char real_json[PATH_MAX];
+    return libmib_reginfo->slot_no <= 1 ||
+           (format(&built_in, BUILT_IN_FMT, TPG_BUILT_IN_DIR, libmib_reginfo->prod_string) == 0 &&
+            realpath(built_in.text, real_built_in) != nullptr &&
+            realpath(tpg_jsonmib_path(libmib_reginfo).path, real_json) != nullptr &&
+            strcmp(real_built_in, real_json) == 0);
+}
+
+int tpg_check_libmib_path(tpg_context_t* ctx, const tpg_libmib_register_info_t* libmib_reginfo)
+{
+    const char* path = libmib_reginfo->libmib_path;
+    const char* guarded = guarded_folder(path);
+    if (guarded == nullptr || (!tpg_file_exists(path) && is_only_read(libmib_reginfo))) {
+        return 0;
+    }
+    TPG_ERROR(ctx, "refused a card: libmib_path \"%s\" lies in %s, where no card may write", path,
+              guarded);
+    return -1;
+}
+
 /* ---- choice of the source ---- */
 
 tpg_json_path_t tpg_jsonmib_path(const tpg_libmib_register_info_t* libmib_reginfo)
@@ -395,13 +462,27 @@ tpg_json_path_t tpg_jsonmib_path(const tpg_libmib_register_info_t* libmib_reginf
 
 int tpg_locate_jsonmib(tpg_context_t* ctx, tpg_libmib_register_info_t* libmib_reginfo)
 {
-    if (!exists(libmib_reginfo->libmib_path)) {
+    if (tpg_check_libmib_path(ctx, libmib_reginfo) != 0) {
+        return -1;
+    }
+    if (!tpg_file_exists(libmib_reginfo->libmib_path)) {
         return locate_non_generic(ctx, libmib_reginfo);
     }
     if (locate_in_library(ctx, libmib_reginfo) || locate_built_in(ctx, libmib_reginfo)) {
         return 0;
     }
     return reverse_library(ctx, libmib_reginfo);
+}
+
+/* The old file goes first: were it a link to a folder, the new link would be put in there. */
+static int link_built_in(const tpg_libmib_register_info_t* libmib_reginfo, text_t* command)
+{
+    if (format(command, LINK_BUILT_IN_FMT, TPG_BUILT_IN_DIR, libmib_reginfo->prod_string,
+               libmib_reginfo->libmib_path) != 0 ||
+        remove_file(tpg_jsonmib_path(libmib_reginfo).path) != 0) {
+        return -1;
+    }
+    return tpg_command_run(command->text);
 }
 
 /* A product without a library on this board. */
@@ -411,21 +492,19 @@ static int locate_non_generic(tpg_context_t* ctx, const tpg_libmib_register_info
     const uint32_t slot = libmib_reginfo->slot_no;
     const tpg_json_path_t json = tpg_jsonmib_path(libmib_reginfo);
     TPG_INFO(ctx, "non-generic product %s on slot_no %d.", product, slot);
-    if (!exists(json.path)) {
+    if (!tpg_file_exists(json.path)) {
         TPG_ERROR(ctx, "Cannot find jsonmib file for non-generic product %s on slot_no %d.",
                   product, slot);
         return -1;
     }
     jsonmib_stats_source(ctx, slot, jsonmib_source_t::file);
     TPG_INFO(ctx, "Found built-in jsonmib file at %s.", json.path);
-    if (slot <= 1) {
-        return 0; /* the controller's own document stays where it was found */
+    if (is_only_read(libmib_reginfo)) {
+        return 0;
     }
     text_t command = {};
-    if (format(&command, LINK_BUILT_IN_FMT, TPG_BUILT_IN_DIR, product,
-               libmib_reginfo->libmib_path) != 0 ||
-        run(&command) != 0) {
-        TPG_ERROR(ctx, "Failed to execute command %s, %s", command.text, strerror(errno));
+    if (link_built_in(libmib_reginfo, &command) != 0) {
+        TPG_ERROR(ctx, "Failed to execute command %s, %s", command.text, why(errno));
         return -1;
     }
     return 0;
@@ -464,8 +543,8 @@ static bool locate_built_in(tpg_context_t* ctx, const tpg_libmib_register_info_t
     const uint32_t slot = libmib_reginfo->slot_no;
     TPG_INFO(ctx, "No jsonmib symbol for product %s on slot_no %d.", product, slot);
     text_t built_in = {};
-    if (format(&built_in, "%s/libmib%s.so.json", TPG_BUILT_IN_DIR, product) != 0 ||
-        !exists(built_in.text)) {
+    if (format(&built_in, BUILT_IN_FMT, TPG_BUILT_IN_DIR, product) != 0 ||
+        !tpg_file_exists(built_in.text)) {
         TPG_ERROR(ctx, "Cannot find %s for product %s on slot_no %d, to conduct full-reverse.",
                   built_in.text, product, slot);
         return false;
@@ -477,11 +556,9 @@ static bool locate_built_in(tpg_context_t* ctx, const tpg_libmib_register_info_t
         return false;
     }
     text_t command = {};
-    if (format(&command, LINK_BUILT_IN_FMT, TPG_BUILT_IN_DIR, product,
-               libmib_reginfo->libmib_path) != 0 ||
-        run(&command) != 0) {
+    if (link_built_in(libmib_reginfo, &command) != 0) {
         TPG_ERROR(ctx, "Failed to execute command %s, %s, conduct full-reverse.", command.text,
-                  strerror(errno));
+                  why(errno));
         return false;
     }
     jsonmib_stats_source(ctx, slot, jsonmib_source_t::built_in);
@@ -495,8 +572,8 @@ static int reverse_library(tpg_context_t* ctx, const tpg_libmib_register_info_t*
     jsonmib_stats_source(ctx, libmib_reginfo->slot_no, jsonmib_source_t::reverse);
     text_t command = {};
     if (format(&command, "libmib_reverse %s", libmib_reginfo->libmib_path) != 0 ||
-        run(&command) != 0) {
-        TPG_ERROR(ctx, "command %s failed, %s", command.text, strerror(errno));
+        tpg_command_run(command.text) != 0) {
+        TPG_ERROR(ctx, "command %s failed, %s", command.text, why(errno));
         return -1;
     }
     return 0;

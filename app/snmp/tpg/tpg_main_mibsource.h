@@ -34,6 +34,13 @@ int tpg_proc_data_section(tpg_context_t* ctx, char* libmib_so_dir, uint32_t** da
                           size_t* data_bytes = nullptr);
 
 /*
+ * 0 when what registering the card would write stays out of the folders of the
+ * switches and of the built-in documents; otherwise logged, and -1. Reading
+ * what is in there is no matter.
+ */
+int tpg_check_libmib_path(tpg_context_t* ctx, const tpg_libmib_register_info_t* libmib_reginfo);
+
+/*
  * Leaves the card's document in the JSON file beside its library, from
  * whichever source has it. 0, or -1 (logged).
  */

@@ -3,6 +3,8 @@
 #include "tpg_jsonmib.h"
 #include "tpg_log.h"
 #include "tpg_main_cardmib.h"
+#include "tpg_main_command.h"
+#include "tpg_main_mibsource.h"
 
 #include <cassert>
 #include <cstring>
@@ -36,6 +38,7 @@ static int position_of(const tpg_context_t*, const tpg_jsonmib_register_info_t*)
 constexpr std::string_view SHELL_SAFE = "ABCDEFGHIJKLMNOPQRSTUVWXYZ"
                                         "abcdefghijklmnopqrstuvwxyz"
                                         "0123456789_./+-,:@=%";
+constexpr const char* SHELL_SAFE_MARKS = SHELL_SAFE.substr(SHELL_SAFE.find('_')).data();
 
 /* ---- records ---- */
 
@@ -102,7 +105,7 @@ static int check_text(tpg_context_t* ctx, const char* field, const char* text, s
 {
     const std::string_view value(text, strnlen(text, size));
     if (value.size() == size) {
-        TPG_ERROR(ctx, "refused a card: %s has no terminating zero", field);
+        TPG_ERROR(ctx, "refused a card: %s has no terminating zero within %zu bytes", field, size);
         return -1;
     }
     if (allowed.empty()) {
@@ -113,8 +116,10 @@ static int check_text(tpg_context_t* ctx, const char* field, const char* text, s
         return -1;
     }
     if (value.find_first_not_of(allowed) != std::string_view::npos) {
-        TPG_ERROR(ctx, "refused a card: %s \"%s\" holds a character that is not allowed", field,
-                  text);
+        TPG_ERROR(ctx,
+                  "refused a card: %s \"%s\" holds a character that is not allowed: letters, "
+                  "digits and %s are",
+                  field, text, SHELL_SAFE_MARKS);
         return -1;
     }
     return 0;
@@ -147,7 +152,8 @@ void tpg_proc_libmib_register(tpg_context_t* ctx, tpg_libmib_update_t* libmib_up
 {
     const uint32_t slot = libmib_update->slot_no;
     const tpg_log_slot_t served = tpg_log_serve(ctx, slot);
-    if (slot > TPG_SLOT_MAX || check_update(ctx, libmib_update) != 0) {
+    if (slot > TPG_SLOT_MAX || check_update(ctx, libmib_update) != 0 ||
+        tpg_check_libmib_path(ctx, libmib_update) != 0) {
         return;
     }
     TPG_INFO(ctx, "Registering %s:%s version %d.%d.%d slot_no %d libmib %s",
@@ -267,6 +273,9 @@ static void fall_back(tpg_context_t* ctx, const tpg_libmib_update_t* update,
     const bool restored = tpg_snmp_register_jsonmib(ctx, &master->libmib_reginfo, master) == 0;
     if (!restored) {
         TPG_ERROR(ctx, "failed to fallback to old master %d for slot_no %d", position, slot);
+        if (tpg_command_stop_asked()) {
+            return; /* for that reason, and the agent is to end in order */
+        }
     }
     assert((restored));
     TPG_INFO(ctx, "Successfully fallback to master %d, but target slot %d cannot be registered",

@@ -40,6 +40,7 @@ static void dispatch(tpg_context_t*, tpg_ipc_clnt_t*);
 static void dispatch_libmib_update(tpg_context_t*, tpg_ipc_clnt_t*, const com_msg_head_t*);
 static void dispatch_trap_notify(tpg_context_t*, tpg_ipc_clnt_t*, const com_msg_head_t*);
 static int send_update_ack(tpg_context_t*, tpg_ipc_clnt_t*);
+static void flush_output(const tpg_ipc_clnt_t*);
 static void carry_out_update(tpg_context_t*, tpg_msg_libmib_update_t*, tpg_ipc_clnt_t*);
 static void withdraw_slot(tpg_context_t*, uint32_t);
 static void begin_end(tpg_ipc_clnt_t*, short, int);
@@ -138,12 +139,13 @@ static bool has_room(tpg_context_t* ctx, int fd)
     }
     const rlim_t fds = std::min<rlim_t>(limit.rlim_cur, FD_SETSIZE);
     if (ctx->ipc_clnt_total >= TPG_CLIENTS_MAX) {
-        TPG_WARN(ctx, "refused connection FD %d: %u clients are connected", fd,
-                 ctx->ipc_clnt_total);
+        TPG_WARN(ctx, "refused connection FD %d: %u clients are connected, the limit is %u", fd,
+                 ctx->ipc_clnt_total, TPG_CLIENTS_MAX);
         return false;
     }
     if (static_cast<rlim_t>(fd) + RESERVED_FDS >= fds) {
-        TPG_WARN(ctx, "refused connection FD %d: descriptors are running out", fd);
+        TPG_WARN(ctx, "refused connection FD %d: descriptors are running out, clients have %llu", fd,
+                 static_cast<unsigned long long>(fds - std::min(fds, RESERVED_FDS)));
         return false;
     }
     return true;
@@ -639,6 +641,18 @@ static void dispatch_trap_notify(tpg_context_t* ctx, tpg_ipc_clnt_t* client,
               notify->slot_no, notify->var_id, notify->index);
 }
 
+/*
+ * The event loop sends nothing before the update is carried out, which may take
+ * seconds. What the socket has no room for stays with the loop, and so does a failure.
+ */
+static void flush_output(const tpg_ipc_clnt_t* client)
+{
+    evbuffer* output = bufferevent_get_output(client->bev);
+    evbuffer_unfreeze(output, 1);
+    evbuffer_write(output, bufferevent_getfd(client->bev));
+    evbuffer_freeze(output, 1);
+}
+
 /* A client that never reads its acknowledgements cannot pile them up here. */
 static int send_update_ack(tpg_context_t* ctx, tpg_ipc_clnt_t* client)
 {
@@ -647,15 +661,18 @@ static int send_update_ack(tpg_context_t* ctx, tpg_ipc_clnt_t* client)
     ack.head.usMsgLen = sizeof(ack);
     ack.head.usFlags = 1;
     ack.head.ulPid = static_cast<uint32_t>(getpid());
-    int ret = -1;
-    if (evbuffer_get_length(bufferevent_get_output(client->bev)) > OUTPUT_MAX) {
-        errno = ENOBUFS;
-    } else {
-        ret = bufferevent_write(client->bev, &ack, sizeof(ack));
+    const size_t waiting = evbuffer_get_length(bufferevent_get_output(client->bev));
+    if (waiting > OUTPUT_MAX) {
+        TPG_ERROR(ctx, "tpg_libmib_update: send update_ack failed, %s: %zu bytes wait, above %zu",
+                  strerror(ENOBUFS), waiting, OUTPUT_MAX);
+        return -1;
     }
+    const int ret = bufferevent_write(client->bev, &ack, sizeof(ack));
     if (ret < 0) {
         TPG_ERROR(ctx, "tpg_libmib_update: send update_ack failed, %s", strerror(errno));
+        return ret;
     }
+    flush_output(client);
     return ret;
 }
 

@@ -410,7 +410,8 @@ static int fill_binding(tpg_context_t* ctx, netsnmp_variable_list* binding,
     const uint8_t* varbind_str = trap_notify->data + VARBIND_STR_OFS;
     oid name[TPG_OID_MAX];
     if (length + 2 > TPG_OID_MAX) {
-        TPG_ERROR(ctx, "an oid of %u elements leaves no room for a trap binding", length);
+        TPG_ERROR(ctx, "an oid of %u elements leaves no room for a trap binding, at most %u", length,
+                  TPG_OID_MAX - 2);
         return -1;
     }
     std::copy_n(declared->oid, length, name);
