@@ -36,6 +36,8 @@ EXPLAINED = {
                         r"|connect slot_no \d+ failed, ",
     "a daemon closed the connection": r"(recv from|send to) slot_no \d+ failed\. ",
     "the request that met it": r"jsonmib_ipc_(send|recv) failed$",
+    "the state of a daemon": r"the daemon of slot_no \d+ is away: ",
+    "many lines of one kind": r"\d+ more like this (and others )?\(",
     "a card was pulled": r"got event 0x11$",
     "a card was pulled while a message of it, or to it, was on its way":
         r"got event 0x2[12]$"

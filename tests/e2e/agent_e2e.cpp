@@ -2,6 +2,8 @@
 
 #include "world.h"
 
+#include <regex>
+
 namespace fs = std::filesystem;
 
 static const std::string FAM = "1.3.6.1.4.1.32473.7", ONE = "1.1.1.";
@@ -9,6 +11,15 @@ static const std::string FAM = "1.3.6.1.4.1.32473.7", ONE = "1.1.1.";
 static tpg_msg_libmib_update_t card(int slot, tpg_msg_type type = TPG_MSG_LIBMIB_REGISTER)
 {
     return client_update(type, slot, "demo", "FAM", 1, std::string(CARDS) + "/libmib_demo.so");
+}
+
+/* A table of rows of which each card has as many; their values are their first index. */
+static table_t rows(int number, int last)
+{
+    return {"rows",
+            FAM + "." + std::to_string(number),
+            {{1, last}},
+            {{1, 1, 1, 9, R"("table_index": true)"}}};
 }
 
 static void card_start(world_t* w, const words_t& options = {})
@@ -52,6 +63,43 @@ TEST_F(World, OptionsSwitchTracesOn)
                   std::string(31, 'x') + "\nkk=7, h\n");
 }
 
+/* What the iterator's callbacks say of their way to a row: of each step one letter, or the value.
+ */
+static std::string steps_to(const std::string& oid, const std::string& expected)
+{
+    const auto before = fs::file_size("/tmp/run/own");
+    EXPECT_EQ(get(oid), expected);
+    const std::string own = read_file("/tmp/run/own").substr(before);
+    const std::regex texts(">>>Entering jsonmib_table_get_(f|n)|(<)<<Leaving jsonmib_table_get|"
+                           "increasing index_value to (\\d+)|(reach) the end of index_value|"
+                           "(end) of instance index_value|no (next) instance found|"
+                           "found next instance index_value (\\d+)|on to the one that is (sought)");
+    std::string steps;
+    for (std::sregex_iterator at(own.begin(), own.end(), texts), end; at != end; ++at) {
+        for (size_t i = 1; i < at->size(); i++) {
+            steps += (*at)[i].str();
+        }
+        steps += " ";
+    }
+    return steps;
+}
+
+TEST_F(World, DebugTextsFollowTheStepsToARow)
+{
+    card_files("demo", document({rows(1, 3), rows(2, 2000000000)}));
+    agents_start(&w, {"-D", "jsonmib", "-Lf", "/tmp/run/own"});
+    const int fd = client_connect();
+    EXPECT_TRUE(client_update_acked(fd, card(3)) && client_update_acked(fd, card(7)));
+    const std::string few = FAM + ".1.1.1.", vast = FAM + ".2.1.1.";
+    EXPECT_TRUE(wait_for([&] { return get(few + "1.7") == "INTEGER: 1"; }));
+    EXPECT_EQ(steps_to(few + "2.7", "INTEGER: 2"), "f < n 2 < n 3 < n reach 7 < n 2 < ");
+    EXPECT_EQ(steps_to(few + "4.7", "No Such Instance currently exists at this OID"),
+              "f < n 2 < n 3 < n reach 7 < n 2 < n 3 < n reach next ");
+    const std::string far = steps_to(vast + "1999999999.7", "INTEGER: 1999999999");
+    EXPECT_TRUE(far.starts_with("f < n 2 < n 3 < ") && far.ends_with(" n 128 < n sought ")) << far;
+    EXPECT_EQ(cells(FAM + ".1"), "1.1.1.3=1 1.1.1.7=1 1.1.2.3=2 1.1.2.7=2 1.1.3.3=3 1.1.3.7=3");
+}
+
 TEST_F(World, EverySignalEndsItCleanly)
 {
     write_file("/tmp/.tpg_debug", "");
@@ -84,6 +132,7 @@ TEST_F(World, ServesTheTestCardAndTheBuiltInTables)
 
 TEST_F(World, MasterAgentMayComeLateAndComeBack)
 {
+    write_file("/tmp/.tpg_debug", "");
     card_files("demo", numbered_document(FAM, 1));
     tpg_start(&w);
     chassis_start(&w, played_card(3, "demo", "FAM") + "," + played_card(4, "demo", "FAM"));
@@ -95,6 +144,15 @@ TEST_F(World, MasterAgentMayComeLateAndComeBack)
         chassis(&w, "unplug 4");
         EXPECT_EQ(chassis(&w, "plug 4"), "ok plug 4 registered");
     }
+    const std::string log = read_file(w.tpg.log);
+    const std::regex summary("added (\\d+) events, removed (\\d+) events, total of (\\d+) events");
+    int total = 0, summaries = 0;
+    for (std::sregex_iterator at(log.begin(), log.end(), summary), end; at != end; ++at) {
+        total += std::stoi((*at)[1]) - std::stoi((*at)[2]);
+        EXPECT_EQ(total, std::stoi((*at)[3]));
+        summaries++;
+    }
+    EXPECT_GE(summaries, 4);
 }
 
 TEST_F(World, CardsGoWithTheirClients)

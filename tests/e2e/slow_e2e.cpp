@@ -332,6 +332,30 @@ TEST_F(Cards, CostOneAnswerWhenTheirDaemonCloses)
     EXPECT_EQ(get(cell(3)), value(3));
 }
 
+/* And many lines of one kind are summed up, though nobody asks any more. */
+TEST_F(Cards, WhoseDaemonIsAwayAreSpokenOfOnce)
+{
+    start({3, 4});
+    words_t many = {SNMPD};
+    for (int i = 0; i < 50; i++) {
+        many.push_back(cell(3));
+    }
+    const int connected = log_count(w, "Connected to slot_no 3");
+    daemon_close(&d, 3, true);
+    for (int i = 0; i < 20; i++) {
+        EXPECT_EQ(said(snmp("snmpget", many)), FAILED);
+    }
+    EXPECT_TRUE(log_has(w, ", slot 3), the last: slot_no 3 ipc is down"));
+    EXPECT_LT(log_count(w, "slot_no 3 ipc is down"), 900);
+    daemon_play(&d, 3);
+    EXPECT_EQ(get(cell(3)), value(3));
+    EXPECT_EQ(log_count(w, "Connected to slot_no 3"), connected + 1);
+    EXPECT_EQ(log_count(w, "the daemon of slot_no 3 is away: "), 1);
+    EXPECT_EQ(log_count(w, "the daemon of slot_no 3 is back after "), 1);
+    EXPECT_EQ(log_count(w, " s, requests failed: 1000\n"), 1);
+    EXPECT_EQ(log_count(w, "the daemon of slot_no 4"), 0);
+}
+
 TEST_F(Cards, ComeAndGoUnderLoadBesideOneThatHangs)
 {
     start({3, 4, 5});

@@ -76,6 +76,13 @@ TEST_F(World, ReadsEveryKindOfColumn)
         EXPECT_TRUE(get(PORT + none).starts_with("No Such")) << none;
     }
     EXPECT_EQ(snmp("snmpwalk", {SNMPD, CARD + ".10.2"}).vars.size(), 36U);
+    /* Behind the last number of all, wherever it stands, there is no earlier cell. */
+    for (const auto& [asked, next] :
+         {std::pair{"1.2.3.", "2.1.1.1"}, {"1.1.", "1.2.1.1"}, {"1.", "2.1.1.1"}}) {
+        const snmp_t behind = snmp("snmpgetnext", {SNMPD, GRID + asked + "4294967295"});
+        ASSERT_EQ(behind.vars.size(), 1U) << behind.error;
+        EXPECT_EQ(behind.vars[0].oid, "." + GRID + next) << asked;
+    }
     EXPECT_EQ(chassis(&w, "refuse 5 -9"), "ok refuse 5");
     EXPECT_EQ(gets(PORT, "3.1.5 5.2.5"), "genError, genError");
 }

@@ -55,6 +55,10 @@ TEST_F(World, TrapsAreNumberedByTheirRows)
     client_send(fd, notify(3, 999, 0) + notify(3, ROW_VAR, 6) + notify(3, ROW_VAR, 0x10002));
     client_send(fd, notify(4, ROW_VAR, 3, big_endian(70000)) + notify(3, ROW_VAR, 4, brief));
     client_send(fd, notify(3, GRID_VAR, 0x203) + notify(4, GRID_VAR, 0xff000309, big_endian(1)));
+    EXPECT_TRUE(log_has(w, "table 3 var 210 has no row for index 0xff000309. [1:4], [1:10]"));
+    EXPECT_EQ(log_count(w, "table 1 var 200 has no row for index 0x10002. [1:64], [1:15]"), 1);
+    EXPECT_EQ(log_count(w, " has no row for index "), 3); /* the first has two tables */
+    EXPECT_EQ(log_count(w, "no fault table of slot_no 3 has var-id 999, no trap"), 1);
     expect_traps({trap(1105, 4), trap(160, 3), trap(5006, 3), trap(120, 3), trap(5002, 3),
                   trap(70130, 4), trap(75003, 4), trap(140, 3), trap(5004, 3), trap(1209, 3),
                   trap(1328, 4)});

@@ -79,6 +79,7 @@ struct ctrl : testing::Test {
         const auto us = static_cast<int64_t>(seconds * 1e6);
         queue->sent_at -= us;
         queue->heard_at -= us;
+        queue->away_since -= queue->away_since == 0 ? 0 : us;
         for (request_t& request : requests) {
             request.exchange.born -= us;
             request.exchange.queued -= us;
@@ -107,7 +108,7 @@ struct ctrl : testing::Test {
         }
     }
     /* ?g7 is a request, !g7a a reply, /g7a the first 10 bytes of one and ! its rest, 5s time that
-     * passes, x the end of the connection. */
+     * passes, x the end of the connection, - the daemon's end and + its return. */
     std::string story(const std::string& text)
     {
         std::istringstream words(text);
@@ -121,6 +122,11 @@ struct ctrl : testing::Test {
                 rest.erase(0, word[0] == '/' ? 10 : rest.size());
             } else if (word == "x") {
                 close(std::exchange(peer, -1));
+            } else if (word == "-") {
+                close(std::exchange(listener, -1));
+                unlink("/tmp/.uevgend_svr3");
+            } else if (word == "+") {
+                listener = unix_socket("/tmp/.uevgend_svr3", true);
             } else {
                 time_passes(std::stod(word));
             }
@@ -223,4 +229,35 @@ TEST_F(ctrl, stories)
         expected += ">" + request + " " + request + "! ";
     }
     EXPECT_EQ(story(steps + "?g7 !g7a"), expected + "+ >g7 g7=a ");
+}
+
+/* However many requests meet it. */
+TEST_F(ctrl, that_a_daemon_goes_and_comes_is_said_once)
+{
+    ctx->log_level = TPG_LOG_LEVEL_DEFAULT;
+    const struct {
+        std::string steps, why, back;
+    } stories[] = {
+        {"?g7 ?g8 5s ?g9 0.2s ?n4 !g7a !g9c ?s1 !s1k", "it is silent", "5.2 s, requests failed: 4"},
+        {"?g7 5s ?g8 0.2s 5s /g7a !", "it is silent", "10.2 s, requests failed: 2"},
+        {"?g7 !g7a ?g8 ?g9 x !g9b", "it has closed the connection", "0.0 s, requests failed: 1"},
+        {"?g7 /g7a 5s ?g8 !g8b", "the rest of an answer does not come",
+         "0.0 s, requests failed: 1"},
+        {"- ?g7 ?s8 7s ?n9 + ?g9 !g9a", "it cannot be connected", "7.0 s, requests failed: 3"},
+        {"?g7 !g7a x ?s8 ?g9 !g9a", "it takes no request", "0.0 s, requests failed: 1"},
+        {"?g7 3s !g7x x", "", ""},
+    };
+    for (const auto& [steps, why, back] : stories) {
+        const std::string log = log_of([&, text = steps] { story(text); });
+        std::string said;
+        std::istringstream lines(log);
+        for (std::string line; std::getline(lines, line);) {
+            said += has(line, " the daemon of ") ? line + "\n" : "";
+        }
+        const std::string daemon = "the daemon of slot_no 3 is ";
+        EXPECT_EQ(said, why.empty() ? ""
+                                    : "Warn " + daemon + "away: " + why + "\nInfo " + daemon +
+                                          "back after " + back + "\n")
+            << steps << log;
+    }
 }

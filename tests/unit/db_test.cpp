@@ -4,14 +4,39 @@
 #include "tpg_json.h"
 #include "unit.h"
 
+#include <climits>
+#include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 
 namespace fs = std::filesystem;
 
 static const std::string DIR = "/mnt/flash0/cards/fam_slot03", FILE_NAME = DIR + "/sendtrap.json",
-                         SPARE_NAME = FILE_NAME + ".last";
+                         SPARE_NAME = FILE_NAME + ".last", STAGE_NAME = FILE_NAME + ".new";
 constexpr int OLD = 1, NEW = 2, NONE = 255;
+
+/* What makes files and names durable, in its order. */
+static std::string disk_calls;
+
+static std::string base_name(const fs::path& path)
+{
+    return path.filename();
+}
+
+/* In place of the system's. */
+extern "C" int fsync(int fd)
+{
+    disk_calls += "sync " + base_name(fs::read_symlink("/proc/self/fd/" + std::to_string(fd)));
+    disk_calls += "\n";
+    return static_cast<int>(syscall(SYS_fsync, fd));
+}
+
+extern "C" int rename(const char* from, const char* to) noexcept
+{
+    disk_calls += base_name(from) + " is now " + base_name(to) + "\n";
+    return static_cast<int>(syscall(SYS_renameat2, AT_FDCWD, from, AT_FDCWD, to, 0));
+}
 
 /* The file with one switch byte that says which text it is. */
 static std::string text_of(int byte)
@@ -30,15 +55,32 @@ struct db : testing::Test {
     tpg_jsonmib_register_info_t* record = new_card(ctx.get(), 3, "fam");
     uint8_t* row = table->send_trap_storage[2];
 
+    std::vector<jsonmib_table_info_t*> tables = {table.get()};
+    std::vector<netsnmp_handler_registration*> registrations = {nullptr, nullptr, nullptr};
+
     void SetUp() override
     {
         clear_folder(DIR);
         set_text(table->name, "t");
+        list_tables();
     }
     void TearDown() override
     {
-        json_object_put(std::exchange(record->sendtrap_json_db, nullptr));
+        forget();
         fs::remove_all(DIR);
+    }
+    void list_tables()
+    {
+        record->fault_json_table = tables.data();
+        record->fault_table_reginfo = registrations.data();
+        record->fault_table_reginfo_sum = static_cast<uint32_t>(tables.size());
+    }
+    /* What the agent knows is gone, as at its end. */
+    void forget()
+    {
+        json_object_put(std::exchange(record->sendtrap_json_db, nullptr));
+        record->sendtrap_state = {};
+        memset(row, NONE, JSONMIB_SENDTRAP_ROW);
     }
     /* What a start makes of the files ("-": there is none). */
     std::string start(const std::string& file, const std::string& spare)
@@ -53,8 +95,7 @@ struct db : testing::Test {
     }
     std::string recall()
     {
-        json_object_put(std::exchange(record->sendtrap_json_db, nullptr));
-        memset(row, NONE, JSONMIB_SENDTRAP_ROW);
+        forget();
         return outcome_of([&] {
             const int ret = tpg_db_load_sendtrap_db_file(ctx.get(), record);
             tpg_db_recall_sendtrap_persistence(ctx.get(), table.get(), record);
@@ -87,20 +128,25 @@ TEST_F(db, stored_documents)
         /* A power cut while the file was written leaves its text in the spare. */
         {"", good, "is unusable, its switches come from", 5, 0, 0},
         {"-", good, "is unusable, its switches come from", 5, 0, 0},
-        {good, "{\"t\":[6", "0 Info Successfully loaded", 5, 0, 0},
-        {"-", "{\"t\":[6", "-1 Error", 255, 255, 255},
+        {"{\"t\":[4]}", good, "is out of date, its switches come from", 5, 0, 0},
+        {good, "{\"t\":[6", "Info Successfully loaded", 5, 0, 0},
+        {good, "[6]", "Info Successfully loaded", 5, 0, 0},
+        {"-", "{\"t\":[6", "Info Creating", 255, 255, 255},
     };
     for (const auto& [file, spare, log, first, tenth, last] : cases) {
         const std::string outcome = start(file, spare);
         EXPECT_TRUE(has(outcome, log)) << file << spare << outcome;
-        EXPECT_EQ(fs::exists(SPARE_NAME), file + spare == "-{\"t\":[6") << file << spare;
         EXPECT_EQ((std::vector<int>{row[0], row[9], row[1023], row[1024]}),
                   (std::vector<int>{first, tenth, last, 0}));
         row[9] = 77;
         update();
+        EXPECT_FALSE(fs::exists(SPARE_NAME)) << file << spare;
         const bool is_usable = outcome.starts_with("0 ") && !has(log, "stored switches are");
         EXPECT_EQ(has(read_file(FILE_NAME), ", 77, "), is_usable);
     }
+    ctx->log_level = TPG_LOG_LEVEL_DEBUG;
+    EXPECT_TRUE(has(start(good, "-"), "Debug Matched table name t\n"));
+    EXPECT_EQ(update(), "Debug Matched table name t");
 }
 
 /* Flash shows what was not written yet as cut off, or as zeros. */
@@ -108,54 +154,148 @@ TEST_F(db, power_cut_at_every_step)
 {
     ctx->log_level = 0;
     const std::string old_text = text_of(OLD), new_text = text_of(NEW);
-    for (size_t done = 0; done <= new_text.size(); done += 61) {
+    for (size_t done = 0; done < new_text.size() - 2; done += 307) {
         for (const std::string& rest : {std::string(), std::string(new_text.size() - done, '\0')}) {
             const std::string torn = new_text.substr(0, done) + rest;
-            for (const bool in_spare : {true, false}) {
-                start(in_spare ? old_text : torn, in_spare ? torn : new_text);
-                EXPECT_EQ(row[0], in_spare ? OLD : NEW) << done;
-                EXPECT_EQ(read_file(FILE_NAME), in_spare ? old_text : new_text);
-                EXPECT_FALSE(fs::exists(SPARE_NAME));
+            /* The stage, the spare, the file | what holds then. */
+            for (const auto& [stage, spare, file, byte] :
+                 {std::tuple{torn, std::string("-"), std::string("-"), NONE},
+                  {torn, "-", old_text, OLD},
+                  {torn, new_text, old_text, NEW},
+                  {"", torn, old_text, OLD},
+                  {"", new_text, torn, NEW}}) {
+                write_file(STAGE_NAME, stage);
+                start(file, spare);
+                EXPECT_EQ(row[0], byte) << done;
+                update();
+                EXPECT_TRUE(read_file(FILE_NAME) == text_of(byte));
+                EXPECT_FALSE(fs::exists(SPARE_NAME) || fs::exists(STAGE_NAME));
             }
         }
     }
 }
 
-TEST_F(db, a_flash_that_cannot_be_written)
+/* However many tables come at once: the whole text is on the disk, then its name. */
+TEST_F(db, one_save_for_all_tables)
 {
-    /* As long as the file is broken, the spare's is the only good text: it is not touched. */
-    write_file(FILE_NAME, "");
-    write_file(SPARE_NAME, text_of(OLD));
-    for (const char* name : {FILE_NAME.c_str(), SPARE_NAME.c_str()}) {
-        ASSERT_EQ(mount(name, name, nullptr, MS_BIND, nullptr), 0);
-        ASSERT_EQ(mount(nullptr, name, nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr), 0);
-    }
-    recall();
-    EXPECT_EQ(row[0], OLD);
-    EXPECT_TRUE(update().starts_with("Error Failed to open " + FILE_NAME + ","));
-    EXPECT_EQ(read_file(SPARE_NAME), text_of(OLD));
-    ASSERT_EQ(umount(FILE_NAME.c_str()) + umount(SPARE_NAME.c_str()), 0);
-    recall();
-    EXPECT_EQ(row[0], OLD);
-    EXPECT_EQ(read_file(FILE_NAME), text_of(OLD));
-
-    const auto failing_update = [&] {
-        const std::string log = update();
-        EXPECT_TRUE(log.starts_with("Error Failed to open " + SPARE_NAME)) << log;
-        EXPECT_TRUE(log.ends_with("Error Losing persistence storage capability!\n")) << log;
+    const std::string once = "sync sendtrap.json.new\nsendtrap.json.new is now sendtrap.json.last\n"
+                             "sendtrap.json.last is now sendtrap.json\nsync fam_slot03\n";
+    jsonmib_table_info_t more[2] = {};
+    set_text(more[0].name, "more");
+    set_text(more[1].name, "last");
+    const auto register_card = [&] {
+        disk_calls.clear();
+        const std::string outcome =
+            outcome_of([&] { return tpg_preload_send_trap_storage(ctx.get(), record); });
+        return std::regex_replace(outcome, std::regex("Info tpg_preload.*\n"), "");
     };
-    /* Room for the file, but not for the spare beside it. */
-    ASSERT_EQ(mount("tmpfs", DIR.c_str(), "tmpfs", 0, "size=12k"), 0);
-    write_file(FILE_NAME, text_of(OLD));
-    failing_update();
-    EXPECT_EQ(read_file(FILE_NAME), text_of(OLD));
-    EXPECT_FALSE(fs::exists(SPARE_NAME));
-    ASSERT_EQ(umount(DIR.c_str()), 0);
-    fs::remove_all(DIR);
-    failing_update();
+    tables = {table.get(), &more[0]};
+    list_tables();
+    EXPECT_EQ(register_card(), "0 Info Creating " + FILE_NAME +
+                                   "\nInfo Created default send_trap_storage for table t\n"
+                                   "Info Created default send_trap_storage for table more\n"
+                                   "Info Created empty persistent file " +
+                                   FILE_NAME + "\n");
+    EXPECT_EQ(disk_calls, once);
+    EXPECT_TRUE(has(register_card(), "Info Successfully loaded"));
+    EXPECT_EQ(disk_calls, "");
+    tables.push_back(&more[1]);
+    list_tables();
+    EXPECT_TRUE(has(register_card(), "Created default send_trap_storage for table last\n"));
+    EXPECT_EQ(disk_calls, once);
+    disk_calls.clear();
+    update();
+    EXPECT_EQ(disk_calls, once);
 }
 
-/* A file that cannot be opened now is neither emptied nor removed; a link is not followed. */
+/* A thousand tables need more than a document may have; what is no document needs no memory. */
+TEST_F(db, large_files)
+{
+    recall();
+    log_of([&] {
+        for (int i = 0; i < 1000; i++) {
+            set_text(table->name, "table " + std::to_string(i));
+            row[0] = static_cast<uint8_t>(i % 7);
+            tpg_db_recall_sendtrap_persistence(ctx.get(), table.get(), record);
+        }
+    });
+    update();
+    EXPECT_GT(fs::file_size(FILE_NAME), TPG_FILE_MAX);
+    const std::string loaded = recall();
+    EXPECT_TRUE(loaded.starts_with("0 Info Successfully loaded")) << loaded;
+    EXPECT_EQ(row[0], 999 % 7);
+    for (const auto& [size, log] : {std::pair{1U << 30U, "1073741824 bytes, from 1 to "},
+                                    {200U << 20U, "json_tokener_parse_ex failed"}}) {
+        fs::remove(FILE_NAME);
+        write_file(FILE_NAME, "");
+        fs::resize_file(FILE_NAME, size);
+        const std::string outcome = recall();
+        EXPECT_TRUE(outcome.starts_with("-1 ") && has(outcome, log)) << outcome;
+    }
+}
+
+/* What a flash did not take is saved with the next change, and is not forgotten before. */
+TEST_F(db, a_flash_that_cannot_be_written)
+{
+    const auto failing_update = [&](const std::string& name) {
+        const std::string log = update();
+        EXPECT_TRUE(log.starts_with("Error Failed to open " + name + ", ")) << log;
+        EXPECT_TRUE(has(log, "Error Losing persistence storage capability!\n")) << log;
+    };
+    /* Room for one text, but not for two. */
+    ASSERT_EQ(mount("tmpfs", DIR.c_str(), "tmpfs", 0, "size=20k"), 0);
+    start(text_of(OLD), "-");
+    write_file(DIR + "/filler", std::string(8192, 'x'));
+    row[0] = NEW;
+    failing_update(STAGE_NAME);
+    EXPECT_TRUE(read_file(FILE_NAME) == text_of(OLD));
+    EXPECT_FALSE(fs::exists(SPARE_NAME) || fs::exists(STAGE_NAME));
+    memset(row, NONE, JSONMIB_SENDTRAP_ROW);
+    log_of([&] { tpg_preload_send_trap_storage(ctx.get(), record); }); /* for a new master */
+    EXPECT_EQ(row[0], NEW);
+    fs::remove(DIR + "/filler");
+    tpg_db_release(ctx.get(), record);
+    EXPECT_TRUE(read_file(FILE_NAME) == text_of(NEW));
+    ASSERT_EQ(umount(DIR.c_str()), 0);
+
+    /* A file that cannot be replaced, good or not: the newest text stands beside it. */
+    for (const std::string& text : {text_of(OLD), std::string()}) {
+        start(text, text_of(OLD));
+        fs::remove(SPARE_NAME);
+        write_file(FILE_NAME, text);
+        ASSERT_EQ(mount(FILE_NAME.c_str(), FILE_NAME.c_str(), nullptr, MS_BIND, nullptr), 0);
+        for (const uint8_t byte : {uint8_t{3}, uint8_t{NEW}}) {
+            row[0] = byte;
+            failing_update(FILE_NAME);
+            recall();
+            EXPECT_EQ(row[0], byte);
+        }
+        EXPECT_TRUE(read_file(FILE_NAME) == text);
+        ASSERT_EQ(umount(FILE_NAME.c_str()), 0);
+        EXPECT_EQ(update(), "");
+        EXPECT_TRUE(read_file(FILE_NAME) == text_of(NEW));
+        EXPECT_FALSE(fs::exists(SPARE_NAME));
+    }
+}
+
+/* A file that could not be created is created with the next change; none that is there is lost. */
+TEST_F(db, a_folder_that_comes_late)
+{
+    fs::remove_all(DIR);
+    EXPECT_TRUE(has(recall(), "Error Failed to open " + FILE_NAME + ", No such file or directory"));
+    row[0] = NEW;
+    EXPECT_TRUE(has(update(), "Error NULL sendtrap_json_db for table t of slot 3!\n"));
+    fs::create_directories(DIR);
+    write_file(FILE_NAME, "[");
+    EXPECT_EQ(update(), "Error NULL sendtrap_json_db for table t of slot 3!\n");
+    EXPECT_EQ(read_file(FILE_NAME), "[");
+    fs::remove(FILE_NAME);
+    EXPECT_TRUE(has(update(), "Info Created empty persistent file " + FILE_NAME));
+    EXPECT_TRUE(read_file(FILE_NAME) == text_of(NEW));
+}
+
+/* A file that cannot be opened now is neither emptied nor removed; a link is not followed, but
+ * replaced. */
 TEST_F(db, a_file_that_cannot_be_read)
 {
     write_file(FILE_NAME, text_of(OLD));
@@ -172,14 +312,16 @@ TEST_F(db, a_file_that_cannot_be_read)
     setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_EQ(ret, -1);
     EXPECT_EQ(record->sendtrap_json_db, nullptr);
-    EXPECT_EQ(read_file(FILE_NAME), text_of(OLD));
+    EXPECT_TRUE(read_file(FILE_NAME) == text_of(OLD));
     recall();
     row[0] = NEW;
     write_file("/tmp/target", text_of(OLD));
     fs::remove(FILE_NAME);
     fs::create_symlink("/tmp/target", FILE_NAME);
+    fs::create_symlink("/tmp/target", STAGE_NAME);
+    EXPECT_TRUE(update().starts_with("Error Failed to open " + STAGE_NAME));
     update();
-    fs::remove(SPARE_NAME);
-    EXPECT_TRUE(recall().starts_with("-1 "));
-    EXPECT_EQ(read_file("/tmp/target"), text_of(OLD));
+    EXPECT_TRUE(read_file("/tmp/target") == text_of(OLD));
+    EXPECT_FALSE(fs::is_symlink(FILE_NAME));
+    EXPECT_TRUE(read_file(FILE_NAME) == text_of(NEW));
 }

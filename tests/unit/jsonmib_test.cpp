@@ -122,6 +122,20 @@ TEST(jsonmib, what_a_document_may_hold)
     }
 }
 
+TEST(jsonmib, fault_tables_of_one_name)
+{
+    card_t card;
+    std::string list;
+    for (const char* name : {"a", "b", "c", "a", "b", "a"}) {
+        const std::string arcs = std::to_string(list.size() + 1);
+        list += (list.empty() ? "{" : ",{") + ("'name':'" + std::string(name)) + "'," +
+                table(arcs, ",'trap_info':{'fault_present_var_id':5}").substr(arcs.size() + 12);
+    }
+    const std::string shared = "\": they share their stored switches\n";
+    EXPECT_EQ(card.loaded(tables(list, "fault")), "0 Warn 3 fault tables are named \"a" + shared +
+                                                      "Warn 2 fault tables are named \"b" + shared);
+}
+
 TEST(jsonmib, a_taken_oid_stays_its_owners)
 {
     card_t card;

@@ -1,8 +1,10 @@
-/* Both copies of a message, and the budget of a connection. */
+/* Both copies of a message, and how many of them a place may write. */
 
 #include "unit.h"
 
+#include <chrono>
 #include <cstdarg>
+#include <event2/event.h>
 #include <syslog.h>
 
 /* The last message to syslog, and how many there were. */
@@ -81,33 +83,121 @@ TEST(log, texts_from_outside)
     }
 }
 
-TEST(log, budget_of_a_connection)
+/* How many lines come of count of them from one place about a slot. */
+static int lines_of(tpg_context_t* ctx, uint32_t slot, int count, int line = 7)
 {
-    const auto ctx = new_context();
-    tpg_log_budget_t budget = {};
-    const auto emit = [&] { TPG_ERROR(ctx.get(), "line"); };
-    time_t begin = 0;
-    const auto emit_many = [&] {
-        budget = {};
-        budget.fd = 9;
-        tpg_log_charge(ctx.get(), &budget);
-        syslog_total = 0;
-        for (int i = 0; i < 160; i++) {
-            TPG_WARN(ctx.get(), "detail");
-        }
-        for (int i = 0; i < 53; i++) {
-            emit();
-        }
-    };
-    for (int i = 0; time(nullptr) != begin && i < 60; i++) { /* until all are of one second */
-        begin = time(nullptr);
-        log_of(emit_many);
+    const tpg_log_slot_t served = tpg_log_serve(ctx, slot);
+    syslog_total = 0;
+    for (int i = 0; i < count; i++) {
+        tpg_log_write(ctx, tpg_log_level::warn, tpg_log_end::line, {"log.cpp", line}, "text %d", i);
     }
-    EXPECT_EQ(syslog_total, 200);
-    EXPECT_EQ(budget.dropped, 13U); /* 10 warnings for the sake of the others, and 3 */
-    tpg_log_charge(ctx.get(), nullptr);
-    EXPECT_EQ(log_of(emit), "Error line\n");
-    tpg_log_charge(ctx.get(), &budget);
-    budget.second = 0;
-    EXPECT_EQ(log_of(emit), "Warn 13 more lines about connection FD 9 are left out\nError line\n");
+    return syslog_total;
+}
+
+static std::string sum_of(tpg_context_t* ctx)
+{
+    return log_of([ctx] { tpg_log_sum_up(ctx); });
+}
+
+/* Forgets what it stands for, or lets the places make up for so many lines. */
+static void time_passes(tpg_context_t* ctx, int64_t lines)
+{
+    for (auto& set : ctx->log_limit.places) {
+        for (tpg_log_place_t& place : set) {
+            place.paid_until -= lines * TPG_LOG_LINE_MS;
+        }
+    }
+}
+
+struct log_limit : testing::Test {
+    std::unique_ptr<tpg_context_t> ctx = new_context();
+
+    void SetUp() override
+    {
+        ctx->log_console = 0;
+    }
+    std::string sum()
+    {
+        ctx->log_console = 1;
+        const std::string text = sum_of(ctx.get());
+        ctx->log_console = 0;
+        return text;
+    }
+};
+
+TEST_F(log_limit, is_wide_enough_for_ordinary_work)
+{
+    for (uint32_t slot = 0; slot <= TPG_SLOT_MAX; slot++) {
+        EXPECT_EQ(lines_of(ctx.get(), slot, 64) + lines_of(ctx.get(), slot, 500, 8), 564);
+    }
+    EXPECT_EQ(sum(), "");
+}
+
+TEST_F(log_limit, is_a_places_and_a_slots_own)
+{
+    EXPECT_EQ(lines_of(ctx.get(), 5, 5000), TPG_LOG_BURST);
+    EXPECT_EQ(lines_of(ctx.get(), 4, 1) + lines_of(ctx.get(), 5, 1, 8), 2);
+    EXPECT_EQ(lines_of(ctx.get(), 99, 600), TPG_LOG_BURST); /* of no slot */
+    EXPECT_EQ(lines_of(ctx.get(), 0, 1), 0);
+    std::string sums = sum();
+    EXPECT_TRUE(has(sums, "Warn 4488 more like this (log.cpp:7, slot 5), the last: text 4999\n"));
+    EXPECT_TRUE(has(sums, "Warn 89 more like this (log.cpp:7), the last: text 0\n")) << sums;
+    EXPECT_EQ(sum(), "");
+    time_passes(ctx.get(), 5);
+    EXPECT_EQ(lines_of(ctx.get(), 5, 100), 5); /* as many as a second brings */
+    for (const bool token : {false, true}) {
+        ctx->log_level = token ? TPG_LOG_LEVEL_DEFAULT : TPG_LOG_LEVEL_DEBUG;
+        tpg_debug_tokens_total = token ? 1 : 0;
+        EXPECT_EQ(lines_of(ctx.get(), 5, 5000), 5000);
+    }
+    tpg_debug_tokens_total = 0;
+    EXPECT_TRUE(has(sum(), "Warn 95 more like this (log.cpp:7, slot 5), the last: text 99\n"));
+}
+
+/* Those that find no record share one, and every line is written or counted. */
+TEST_F(log_limit, of_more_places_than_there_is_room_for)
+{
+    constexpr int PLACES = 3 * TPG_LOG_SETS * TPG_LOG_WAYS;
+    int written = 0;
+    for (int line = 1; line <= PLACES; line++) {
+        written += lines_of(ctx.get(), 3, 2, line);
+    }
+    EXPECT_EQ(written, 2 * PLACES);
+    for (int line = 1; line <= PLACES; line++) {
+        written += lines_of(ctx.get(), 3, 200, line);
+    }
+    int left_out = 0;
+    std::istringstream sums(sum());
+    for (std::string warn, line; sums >> warn && std::getline(sums, line);) {
+        left_out += std::stoi(line);
+    }
+    EXPECT_GT(left_out, 0);
+    EXPECT_EQ(written + left_out, 202 * PLACES);
+    time_passes(ctx.get(), 2 * TPG_LOG_BURST);
+    EXPECT_EQ(lines_of(ctx.get(), 3, 9000, PLACES), TPG_LOG_BURST);
+    EXPECT_TRUE(has(sum(), "Warn 8488 more like this (log.cpp:" + std::to_string(PLACES)));
+}
+
+/* The sum comes whether or not anybody speaks, and at once when the loop is late. */
+TEST_F(log_limit, is_summed_up_in_time)
+{
+    ctx->levent_base = event_base_new();
+    for (int round = 0; round < 2; round++) {
+        lines_of(ctx.get(), 5, 600);
+        syslog_text.clear();
+        const auto begin = std::chrono::steady_clock::now();
+        tpg_log_before_turn(ctx.get());
+        EXPECT_EQ(event_base_loop(ctx->levent_base, EVLOOP_ONCE), 0);
+        EXPECT_TRUE(has(syslog_text, " more like this")) << syslog_text;
+        EXPECT_LE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+    }
+    lines_of(ctx.get(), 5, 600);
+    ctx->log_limit.sum_at -= 1000;
+    EXPECT_EQ(lines_of(ctx.get(), 6, 1), 2);
+    lines_of(ctx.get(), 5, 600);
+    tpg_log_before_turn(ctx.get());
+    tpg_log_close(ctx.get());
+    EXPECT_TRUE(has(syslog_text, " more like this")) << syslog_text;
+    EXPECT_EQ(event_base_loop(ctx->levent_base, EVLOOP_ONCE), 1); /* no timer is left */
+    event_base_free(ctx->levent_base);
 }

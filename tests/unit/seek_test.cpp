@@ -13,8 +13,8 @@ static void stop_seeking(netsnmp_handler_registration* registration)
     int taken = 0;
     for (netsnmp_mib_handler* above = registration->handler; above->next != nullptr;) {
         netsnmp_mib_handler* handler = above->next;
-        if (strcmp(handler->handler_name, JSONMIB_SEEK_HANDLER_NAME) != 0 &&
-            strcmp(handler->handler_name, JSONMIB_ROW_HANDLER_NAME) != 0) {
+        if (handler->access_method != jsonmib_seek_helper_handler &&
+            handler->access_method != jsonmib_row_helper_handler) {
             above = handler;
             continue;
         }
@@ -70,9 +70,12 @@ static std::string random_table(random_t* random)
 {
     std::string indexes;
     for (int i = number(random, 0, 3); i > 0; i--) {
+        const bool at_the_end = number(random, 0, 9) == 0; /* 4294967295 is read as -1 */
+        const int low = at_the_end ? number(random, -3, -1) : number(random, 0, 4);
+        const int high = at_the_end ? number(random, low, -1) : number(random, 0, 5);
         indexes.append(indexes.empty() ? "" : ",")
-            .append(R"({"range0":)" + std::to_string(number(random, 0, 4)))
-            .append(R"(,"range1":)" + std::to_string(number(random, 0, 5)) + "}");
+            .append(R"({"range0":)" + std::to_string(low))
+            .append(R"(,"range1":)" + std::to_string(high) + "}");
     }
     return R"("index_array":[)" + indexes +
            R"(],"param_array":[{"table_index":true},{"table_index":true},{"var_id":7,"type":3}]})";
@@ -88,8 +91,10 @@ static std::vector<oid> random_suffix(random_t* random)
         if (i == 0) {
             suffix.push_back(odd ? static_cast<oid>(number(random, 0, 2)) : 1);
         } else if (odd) {
-            suffix.push_back(
-                static_cast<oid>(number(random, 0, 1) == 0 ? 0xffffffffUL : 1UL << 31U));
+            /* A manager's 4294967295 becomes the last of them. */
+            static constexpr oid HIGH[] = {1UL << 31U, 0xfffffffeUL, 0xffffffffUL, ~oid{0} - 1,
+                                           ~oid{0}};
+            suffix.push_back(HIGH[number(random, 0, 4)]);
         } else {
             suffix.push_back(static_cast<oid>(number(random, 0, i == 1 ? 4 : 7)));
         }

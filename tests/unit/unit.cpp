@@ -1,5 +1,7 @@
 #include "unit.h"
 
+#include "tpg_jsonmib_table.h"
+
 std::unique_ptr<tpg_context_t> new_context(uint8_t log_level)
 {
     auto ctx = std::make_unique<tpg_context_t>();
@@ -26,7 +28,7 @@ std::string outcome_of(const std::function<int()>& action)
 jsonmib_table_info_t* table_of(const netsnmp_handler_registration* registration)
 {
     const netsnmp_mib_handler* handler = registration->handler;
-    while (strncmp(handler->handler_name, "tpg_", 4) != 0) {
+    while (handler->data_free != jsonmib_table_free) {
         handler = handler->next;
     }
     return static_cast<jsonmib_table_info_t*>(handler->myvoid);

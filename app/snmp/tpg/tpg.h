@@ -12,7 +12,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <ctime>
 
 struct bufferevent;
 struct evconnlistener;
@@ -34,7 +33,7 @@ constexpr char TPG_FLASH_DIR[] = "/mnt/flash0/cards";
 /* Its presence at start raises the log level. */
 constexpr char TPG_DEBUG_MARKER[] = "/tmp/.tpg_debug";
 
-/* Documents and switch files above this size are refused. */
+/* Documents above this size are refused. */
 constexpr size_t TPG_FILE_MAX = size_t{4} * 1024 * 1024;
 
 /* Paths and commands are formatted into buffers of this size. */
@@ -98,10 +97,12 @@ constexpr uint32_t JSONMIB_SENDTRAP_ROW = 1024;
 constexpr uint32_t JSONMIB_SENDTRAP_PER_BYTE = 4;
 constexpr uint32_t JSONMIB_SENDTRAP_POSITIONS = JSONMIB_SENDTRAP_ROW * JSONMIB_SENDTRAP_PER_BYTE;
 
-/* The one row that the iterator is shown while a request is answered. */
+/* The row that answers a request, and what else the iterator is shown meanwhile. */
 struct jsonmib_seek_t {
     bool active;
     bool found;            /* false: no row answers */
+    uint32_t aloud;        /* rows that are stepped through on the way to it, with debug texts */
+    uint32_t stepped;      /* of them */
     uint32_t passed_slots; /* bit n: the rows of slot n are not there */
     uint32_t values[JSONMIB_INDEX_MAX + 1];
 };
@@ -155,6 +156,13 @@ struct jsonmib_trap_bindings_info_t {
 
 /* ---- registration of a slot ---- */
 
+/* What the flash has of a slot's send-trap document. */
+enum class tpg_db_state : uint8_t {
+    saved,
+    unsaved, /* some changes are missing */
+    fresh,   /* it has never been saved */
+};
+
 /*
  * All zero when the slot is empty. On a master slot_ref_mask has bit n set for
  * every slot n it serves and actual_reginfo is the record itself; a card that
@@ -174,6 +182,7 @@ struct tpg_jsonmib_register_info_t {
     uint32_t instslot_oid[TPG_OID_MAX];
     uint32_t instslot_oid_len;
     json_object* sendtrap_json_db; /* owned */
+    tpg_db_state sendtrap_state;
     uint32_t trap_bindings_len;
     jsonmib_trap_bindings_info_t* trap_bindings_info; /* owned, with every specific_list */
 };
@@ -230,6 +239,8 @@ struct jsonmib_queue_t {
     bool quick;                         /* its last answer took no time worth speaking of */
     int64_t connecting_since;           /* its backlog is full; 0: it is not */
     int64_t walked_at;                  /* when a walk last asked an unreadable slot */
+    int64_t away_since;                 /* the daemon has given no answer; 0: it is there */
+    uint32_t away_failed;               /* requests that have failed meanwhile */
     event* timer;
     int64_t timer_at; /* 0: not running */
 };
@@ -246,14 +257,6 @@ struct jsonmib_later_t {
 };
 
 /* ---- clients ---- */
-
-/* Log lines about one connection in the current second. */
-struct tpg_log_budget_t {
-    time_t second;
-    uint32_t lines;
-    uint32_t dropped;
-    int32_t fd;
-};
 
 /* What a client did while a SET was being carried out, and what is done about it afterwards. */
 struct tpg_held_t {
@@ -272,7 +275,6 @@ struct tpg_ipc_clnt_t {
     tpg_context_t* ctx;
     event* rdcb_timer;
     int32_t remote;
-    tpg_log_budget_t log_budget;
     tpg_held_t held;
 };
 
@@ -300,6 +302,33 @@ struct tpg_lev_snmpfd_t {
     bool paused; /* not watched until it has been read */
 };
 
+/* ---- log ---- */
+
+constexpr uint32_t TPG_LOG_SETS = 64; /* a place has its set, and in it room for some */
+constexpr uint32_t TPG_LOG_WAYS = 8;
+constexpr size_t TPG_LOG_LAST_MAX = 96;
+
+/* A place in the source, as the lines about one slot come from it. */
+struct tpg_log_place_t {
+    const char* file; /* null: never used */
+    int32_t line;
+    uint8_t slot;       /* 0: about none */
+    uint8_t level;      /* of what was left out */
+    bool shared;        /* by others, which found no room */
+    uint32_t left_out;  /* lines that no sum has told of */
+    int64_t paid_until; /* in milliseconds; every line written moves it on, time catches up */
+    char last[TPG_LOG_LAST_MAX]; /* the beginning of the last line left out */
+};
+
+/* How much each of them may write. */
+struct tpg_log_limit_t {
+    tpg_log_place_t places[TPG_LOG_SETS][TPG_LOG_WAYS];
+    uint32_t slot;  /* that is being served; 0 for none */
+    int64_t sum_at; /* when the lines left out are summed up; 0: there are none */
+    event* timer;
+    bool timer_runs;
+};
+
 /* ---- the agent ---- */
 
 struct tpg_context_t {
@@ -320,12 +349,13 @@ struct tpg_context_t {
     tpg_jsonmib_register_info_t jsonmib_reg_info[TPG_SLOT_MAX]; /* slot - 1 */
     jsonmib_tombs_t jsonmib_tombs;
     tpg_read_st read_proc;
-    bool snmp_talked;             /* to the master, in this turn of the loop, unasked */
-    bool snmp_timer_due;          /* the SNMP timer has run out and waits for the loop's turn */
-    uint32_t ipc_clnt_total;      /* entries of ipc_clnt_list */
-    uint32_t ipc_clnt_held;       /* those among them with something held */
-    event* svr_retry_timer;       /* opens the listener again after it ran out of descriptors */
-    tpg_log_budget_t* log_budget; /* of the connection being served; null outside */
+    int snmp_fds_dropped;    /* from lev_snmp_fd_list, since the last summary */
+    bool snmp_talked;        /* to the master, in this turn of the loop, unasked */
+    bool snmp_timer_due;     /* the SNMP timer has run out and waits for the loop's turn */
+    uint32_t ipc_clnt_total; /* entries of ipc_clnt_list */
+    uint32_t ipc_clnt_held;  /* those among them with something held */
+    event* svr_retry_timer;  /* opens the listener again after it ran out of descriptors */
+    tpg_log_limit_t log_limit;
 };
 
 /* The one instance. */

@@ -8,41 +8,78 @@
 #include <algorithm>
 #include <cassert>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <unistd.h>
 
-/* The slot's file, and the newest good text of it while the file itself is being rewritten. */
+/*
+ * The slot's file, and what is beside it. A new text goes to the stage, which
+ * nobody reads, then becomes the spare and at once the file. So each of the
+ * two is whole, and a spare that stands is newer than the file: it could not
+ * take the file's place.
+ */
 struct db_paths_t {
+    char folder[TPG_CMD_MAX];
     char file[TPG_CMD_MAX];
     char spare[TPG_CMD_MAX];
+    char stage[TPG_CMD_MAX];
 };
 
 /* How reading a switch file ended. */
 enum class db_read {
     ok,
     missing,
-    broken,
+    corrupted,
+    unreadable, /* for now: it may hold good switches */
+};
+
+/* Where a text that was to be saved stands. */
+enum class db_saved {
+    nowhere,
+    spare,
+    file,
 };
 
 static db_paths_t db_paths(const tpg_jsonmib_register_info_t*);
-static db_read db_read_file(tpg_context_t*, const char*, uint32_t, json_object**);
+static int db_choose(tpg_context_t*, tpg_jsonmib_register_info_t*, const db_paths_t*);
+static db_read db_read_file(tpg_context_t*, const char*, tpg_json_t*);
+static db_read db_parse(tpg_context_t*, int, size_t, tpg_json_t*);
 static int db_create(tpg_context_t*, tpg_jsonmib_register_info_t*, const db_paths_t*);
-static int db_load_spare(tpg_context_t*, tpg_jsonmib_register_info_t*, const db_paths_t*);
-static int db_write_text(const char*, const char*);
+static bool db_create_late(tpg_context_t*, tpg_jsonmib_register_info_t*);
 static const char* db_text(json_object*);
-static json_object* db_find_array(tpg_context_t*, json_object*, const char*);
+static int db_write_text(const char*, const char*);
+static db_saved db_save(const db_paths_t*, const char*, const char**);
+static json_object* db_find_array(tpg_context_t*, json_object*, const char*, tpg_log_end);
 static void db_copy_to_row(tpg_context_t*, json_object*, const char*, uint8_t*);
+static bool db_add_array(tpg_context_t*, tpg_jsonmib_register_info_t*, jsonmib_table_info_t*);
 static json_object* db_new_array(const uint8_t*);
 static bool db_store_row(json_object*, const uint8_t*);
 
+/* The shortest fault table that a document can list, and what the file can hold of any. */
+constexpr size_t DB_TABLE_MIN =
+    sizeof(R"({"name":"","oid":[1],"param_array":[{}],"trap_info":{"fault_present_var_id":1}},)") -
+    1;
+constexpr size_t DB_ESCAPED = 6; /* a character of a name as \u001f */
+constexpr size_t DB_MEMBER_MAX = sizeof(R"("": [  ], )") + DB_ESCAPED * JSONMIB_NAME_MAX +
+                                 JSONMIB_SENDTRAP_ROW * (sizeof("255, ") - 1);
+/* Files above this size are refused; those of the largest document are smaller. */
+constexpr size_t DB_FILE_MAX = TPG_FILE_MAX / DB_TABLE_MIN * DB_MEMBER_MAX;
+static_assert(DB_FILE_MAX <= INT_MAX);
+constexpr size_t DB_PIECE = size_t{16} * 1024; /* read at once */
+
 static db_paths_t db_paths(const tpg_jsonmib_register_info_t* jsonmib_reginfo)
 {
+    const tpg_libmib_register_info_t* card = &jsonmib_reginfo->libmib_reginfo;
     db_paths_t paths = {};
-    snprintf(paths.file, sizeof(paths.file), "%s/%s_slot%02d/sendtrap.json", TPG_FLASH_DIR,
-             jsonmib_reginfo->libmib_reginfo.prod_family, jsonmib_reginfo->libmib_reginfo.slot_no);
-    snprintf(paths.spare, sizeof(paths.spare), "%s/%s_slot%02d/sendtrap.json.last", TPG_FLASH_DIR,
-             jsonmib_reginfo->libmib_reginfo.prod_family, jsonmib_reginfo->libmib_reginfo.slot_no);
+    const auto fill = [card](char* path, const char* name) {
+        snprintf(path, TPG_CMD_MAX, "%s/%s_slot%02d%s", TPG_FLASH_DIR, card->prod_family,
+                 card->slot_no, name);
+    };
+    fill(paths.folder, "");
+    fill(paths.file, "/sendtrap.json");
+    fill(paths.spare, "/sendtrap.json.last");
+    fill(paths.stage, "/sendtrap.json.new");
     return paths;
 }
 
@@ -50,32 +87,56 @@ static db_paths_t db_paths(const tpg_jsonmib_register_info_t* jsonmib_reginfo)
 
 int tpg_db_load_sendtrap_db_file(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_reginfo)
 {
-    const uint32_t slot = jsonmib_reginfo->libmib_reginfo.slot_no;
     if (jsonmib_reginfo->sendtrap_json_db != nullptr) {
-        TPG_ERROR(ctx, "%s(%d): free target sendtrap_json_db (%p)", __func__, slot,
+        if (jsonmib_reginfo->sendtrap_state != tpg_db_state::saved) {
+            return 0; /* only this document has the newest changes */
+        }
+        TPG_ERROR(ctx, "%s(%d): free target sendtrap_json_db (%p)", __func__,
+                  jsonmib_reginfo->libmib_reginfo.slot_no,
                   static_cast<void*>(jsonmib_reginfo->sendtrap_json_db));
         json_object_put(jsonmib_reginfo->sendtrap_json_db);
         jsonmib_reginfo->sendtrap_json_db = nullptr;
     }
     const db_paths_t paths = db_paths(jsonmib_reginfo);
-    switch (db_read_file(ctx, paths.file, slot, &jsonmib_reginfo->sendtrap_json_db)) {
-    case db_read::ok:
-        unlink(paths.spare); /* of a rewrite that never came to the file */
-        TPG_INFO(ctx, "Successfully loaded sendtrap json db file %s.", paths.file);
-        return 0;
-    case db_read::missing:
-        if (access(paths.spare, F_OK) != 0) {
-            return db_create(ctx, jsonmib_reginfo, &paths);
-        }
-        break;
-    case db_read::broken:
-        break;
-    }
-    return db_load_spare(ctx, jsonmib_reginfo, &paths);
+    unlink(paths.stage); /* of a save that was cut off */
+    return db_choose(ctx, jsonmib_reginfo, &paths);
 }
 
-/* Reads one file into a document that the caller comes to own; what is wrong with it is logged. */
-static db_read db_read_file(tpg_context_t* ctx, const char* path, uint32_t slot, json_object** db)
+/* Takes the newest whole document of those on the flash. */
+static int db_choose(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_reginfo,
+                     const db_paths_t* paths)
+{
+    tpg_json_t in_file;
+    tpg_json_t in_spare;
+    const db_read file = db_read_file(ctx, paths->file, &in_file);
+    const db_read spare = db_read_file(ctx, paths->spare, &in_spare);
+    if (spare == db_read::unreadable) {
+        return -1;
+    }
+    if (spare == db_read::ok && json_object_is_type(in_spare.get(), json_type_object) != 0) {
+        TPG_WARN(ctx, "%s is %s, its switches come from %s", paths->file,
+                 file == db_read::ok ? "out of date" : "unusable", paths->spare);
+        jsonmib_reginfo->sendtrap_json_db = in_spare.release();
+        tpg_db_update_sendtrap_db_file(ctx, jsonmib_reginfo);
+        return 0;
+    }
+    if (file == db_read::missing) {
+        return db_create(ctx, jsonmib_reginfo, paths);
+    }
+    if (file != db_read::ok) {
+        return -1;
+    }
+    if (spare != db_read::missing) {
+        unlink(paths->spare);
+    }
+    jsonmib_reginfo->sendtrap_json_db = in_file.release();
+    jsonmib_reginfo->sendtrap_state = tpg_db_state::saved;
+    TPG_INFO(ctx, "Successfully loaded sendtrap json db file %s.", paths->file);
+    return 0;
+}
+
+/* Reads one file; what is wrong with it is logged. */
+static db_read db_read_file(tpg_context_t* ctx, const char* path, tpg_json_t* db)
 {
     off_t size = 0;
     const tpg_fd_t file = {tpg_file_open_read(path, tpg_links::refuse, &size)};
@@ -84,67 +145,87 @@ static db_read db_read_file(tpg_context_t* ctx, const char* path, uint32_t slot,
     }
     if (file.fd < 0) {
         TPG_ERROR(ctx, "Failed to open %s, %s", path, strerror(errno));
-        return db_read::broken; /* out of descriptors, say: what it holds must stay */
+        return db_read::unreadable;
     }
-    if (size < 1 || static_cast<size_t>(size) > TPG_FILE_MAX) {
+    if (size < 1 || static_cast<uint64_t>(size) > DB_FILE_MAX) {
         TPG_ERROR(ctx, "Corrupted persistence json file!");
-        return db_read::broken;
+        TPG_ERROR(ctx, "%s has %lld bytes, from 1 to %zu are allowed", path,
+                  static_cast<long long>(size), DB_FILE_MAX);
+        return db_read::corrupted;
     }
-    const auto length = static_cast<size_t>(size);
-    const tpg_heap_chars text(static_cast<char*>(calloc(1, length)));
-    if (text == nullptr) {
-        TPG_ERROR(ctx, "tpg_db_load_sendtrap_db_file(%u): calloc failed, %s", slot,
-                  strerror(errno));
-        return db_read::broken;
-    }
-    if (tpg_file_read(file.fd, text.get(), length) != 0) {
-        TPG_ERROR(ctx, "...........fread failed, %s", strerror(errno));
-        TPG_ERROR(ctx, "...........Losing persistence storage capability!");
-        return db_read::broken;
-    }
+    return db_parse(ctx, file.fd, static_cast<size_t>(size), db);
+}
+
+/* In pieces: what is no document at all needs no memory, however much of it there is. */
+static db_read db_parse(tpg_context_t* ctx, int fd, size_t size, tpg_json_t* db)
+{
+    char piece[DB_PIECE];
     const tpg_json_tokener_t tok(json_tokener_new());
     assert((tok));
-    *db = json_tokener_parse_ex(tok.get(), text.get(), static_cast<int>(length));
+    json_tokener_error error = json_tokener_continue;
+    while (*db == nullptr && size > 0 && error == json_tokener_continue) {
+        const size_t length = std::min(size, sizeof(piece));
+        if (tpg_file_read(fd, piece, length) != 0) {
+            TPG_ERROR(ctx, "...........fread failed, %s", strerror(errno));
+            TPG_ERROR(ctx, "...........Losing persistence storage capability!");
+            return db_read::unreadable;
+        }
+        size -= length;
+        db->reset(json_tokener_parse_ex(tok.get(), piece, static_cast<int>(length)));
+        error = json_tokener_get_error(tok.get());
+    }
     if (*db == nullptr) {
         TPG_ERROR(ctx, "...........json_tokener_parse_ex failed, %s",
-                  json_tokener_error_desc(json_tokener_get_error(tok.get())));
+                  json_tokener_error_desc(error));
         TPG_ERROR(ctx, "...........Corrupted persistence json file!");
-        return db_read::broken;
+        return db_read::corrupted;
     }
     return db_read::ok;
 }
 
+/* An empty document; the first save, with all tables in it, makes the file. */
 static int db_create(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_reginfo,
                      const db_paths_t* paths)
 {
     TPG_INFO(ctx, "Creating %s", paths->file);
     tpg_json_t empty(json_object_new_object());
-    const char* text = empty == nullptr ? nullptr : db_text(empty.get());
-    if (text == nullptr || db_write_text(paths->file, text) != 0) {
+    if (empty == nullptr) {
+        errno = ENOMEM;
+    }
+    if (empty == nullptr || access(paths->folder, W_OK | X_OK) != 0) {
         TPG_ERROR(ctx, "Failed to open %s, %s", paths->file, strerror(errno));
-        unlink(paths->file); /* half a file would count as a broken one at the next load */
         return -1;
     }
     jsonmib_reginfo->sendtrap_json_db = empty.release();
-    TPG_INFO(ctx, "Created empty persistent file %s", paths->file);
+    jsonmib_reginfo->sendtrap_state = tpg_db_state::fresh;
     return 0;
 }
 
-/* The file was cut off while it was rewritten: the text that was to stand in it is beside it. */
-static int db_load_spare(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_reginfo,
-                         const db_paths_t* paths)
+/*
+ * For a change in a slot that has no document, because its file could not be
+ * created: tries again, with the switches of all tables as they are now. A
+ * file that is there, in whatever state, is left to whoever repairs it.
+ */
+static bool db_create_late(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_reginfo)
 {
-    if (access(paths->spare, F_OK) != 0 ||
-        db_read_file(ctx, paths->spare, jsonmib_reginfo->libmib_reginfo.slot_no,
-                     &jsonmib_reginfo->sendtrap_json_db) != db_read::ok) {
-        return -1;
+    const db_paths_t paths = db_paths(jsonmib_reginfo);
+    const auto is_missing = [](const char* path) {
+        return access(path, F_OK) != 0 && errno == ENOENT;
+    };
+    const tpg_jsonmib_register_info_t* master = jsonmib_reginfo->actual_reginfo;
+    if (master == nullptr || master->fault_json_table == nullptr || !is_missing(paths.file) ||
+        !is_missing(paths.spare) || db_create(ctx, jsonmib_reginfo, &paths) != 0) {
+        return false;
     }
-    TPG_WARN(ctx, "%s is unusable, its switches come from %s", paths->file, paths->spare);
-    tpg_db_update_sendtrap_db_file(ctx, jsonmib_reginfo);
-    return 0;
+    for (uint32_t i = 0; i < master->fault_table_reginfo_sum; i++) {
+        if (master->fault_json_table[i] != nullptr) {
+            db_add_array(ctx, jsonmib_reginfo, master->fault_json_table[i]);
+        }
+    }
+    return true;
 }
 
-/* ---- write ---- */
+/* ---- save ---- */
 
 /* The text belongs to the document; null with errno set when there is no memory for it. */
 static const char* db_text(json_object* db)
@@ -164,40 +245,74 @@ static int db_write_text(const char* path, const char* text)
         tpg_file_write(file.fd, "\n", 1) != 0 || fsync(file.fd) != 0) {
         return -1;
     }
-    return tpg_file_sync_dir(path);
+    return 0;
 }
 
 /*
- * The file is rewritten in place. Its new text goes to the spare first, so
- * that a power cut at any moment leaves one of the two whole; a flash without
- * room for the spare keeps the old file. A spare that stands from before holds
- * the only good text, the file's being broken: it stays until the file is whole.
+ * A power cut at any moment leaves the text from before or the new one; a
+ * flash without room for another text keeps the one that it has. Unless the
+ * text is in the file, *failed is what could not be written, errno tells why.
  */
+static db_saved db_save(const db_paths_t* paths, const char* text, const char** failed)
+{
+    const bool staged = text != nullptr && db_write_text(paths->stage, text) == 0;
+    *failed = staged ? paths->spare : paths->stage;
+    if (!staged || rename(paths->stage, paths->spare) != 0) {
+        const int error = errno;
+        unlink(paths->stage);
+        errno = error;
+        return db_saved::nowhere;
+    }
+    *failed = paths->file;
+    if (rename(paths->spare, paths->file) == 0) {
+        return tpg_file_sync_dir(paths->file) == 0 ? db_saved::file : db_saved::nowhere;
+    }
+    const int error = errno;
+    const bool kept = tpg_file_sync_dir(paths->spare) == 0;
+    errno = error;
+    return kept ? db_saved::spare : db_saved::nowhere;
+}
+
 void tpg_db_update_sendtrap_db_file(tpg_context_t* ctx,
                                     tpg_jsonmib_register_info_t* jsonmib_reginfo)
 {
     const db_paths_t paths = db_paths(jsonmib_reginfo);
-    const char* text = db_text(jsonmib_reginfo->sendtrap_json_db);
-    const bool spare_stands = access(paths.spare, F_OK) == 0;
     const char* failed = nullptr;
-    if (text == nullptr || (!spare_stands && db_write_text(paths.spare, text) != 0)) {
-        failed = paths.spare;
-    } else if (db_write_text(paths.file, text) != 0) {
-        failed = paths.file;
-    }
-    if (failed != nullptr) {
+    const db_saved saved = db_save(&paths, db_text(jsonmib_reginfo->sendtrap_json_db), &failed);
+    if (saved != db_saved::file) {
         TPG_ERROR(ctx, "Failed to open %s, %s", failed, strerror(errno));
         TPG_ERROR(ctx, "Losing persistence storage capability!");
     }
-    if (failed == nullptr || (failed == paths.spare && !spare_stands)) {
-        unlink(paths.spare);
+    if (saved == db_saved::spare) {
+        TPG_WARN(ctx, "the switches are kept in %s", paths.spare);
     }
+    tpg_db_state* state = &jsonmib_reginfo->sendtrap_state;
+    if (saved == db_saved::file && *state == tpg_db_state::fresh) {
+        TPG_INFO(ctx, "Created empty persistent file %s", paths.file);
+    }
+    if (saved != db_saved::nowhere) {
+        *state = tpg_db_state::saved;
+    } else if (*state == tpg_db_state::saved) {
+        *state = tpg_db_state::unsaved;
+    }
+}
+
+void tpg_db_release(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_reginfo)
+{
+    if (jsonmib_reginfo->sendtrap_json_db != nullptr &&
+        jsonmib_reginfo->sendtrap_state != tpg_db_state::saved) {
+        tpg_db_update_sendtrap_db_file(ctx, jsonmib_reginfo);
+    }
+    json_object_put(jsonmib_reginfo->sendtrap_json_db);
+    jsonmib_reginfo->sendtrap_json_db = nullptr;
+    jsonmib_reginfo->sendtrap_state = tpg_db_state::saved;
 }
 
 /* ---- tables ---- */
 
-/* The array stored under the table's name, or null. */
-static json_object* db_find_array(tpg_context_t* ctx, json_object* db, const char* name)
+/* The array stored under the table's name, or null. matched: how the line that says so ends. */
+static json_object* db_find_array(tpg_context_t* ctx, json_object* db, const char* name,
+                                  tpg_log_end matched)
 {
     if (json_object_get_type(db) != json_type_object) {
         return nullptr;
@@ -207,7 +322,7 @@ static json_object* db_find_array(tpg_context_t* ctx, json_object* db, const cha
         if (strcmp(key, name) != 0) {
             continue;
         }
-        TPG_LOG_AT(ctx, tpg_log_level::debug, tpg_log_end::open, "Matched table name %s", name);
+        TPG_LOG_AT(ctx, tpg_log_level::debug, matched, "Matched table name %s", name);
         if (json_object_get_type(value) == json_type_array) {
             return value;
         }
@@ -245,6 +360,23 @@ static bool db_store_row(json_object* array, const uint8_t* row)
     return true;
 }
 
+/* Adds what the table's row for the slot holds to the document; false (logged) without memory. */
+static bool db_add_array(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_reginfo,
+                         jsonmib_table_info_t* jsonmib_table)
+{
+    const jsonmib_table_name_t name = jsonmib_table_name(jsonmib_table);
+    const uint8_t* row =
+        jsonmib_sendtrap_row(jsonmib_table, jsonmib_reginfo->libmib_reginfo.slot_no);
+    json_object* array = db_new_array(row);
+    if (array == nullptr ||
+        json_object_object_add(jsonmib_reginfo->sendtrap_json_db, name.text, array) != 0) {
+        json_object_put(array);
+        TPG_ERROR(ctx, "no memory for the stored switches of table %s", name.text);
+        return false;
+    }
+    return true;
+}
+
 static json_object* db_new_array(const uint8_t* row)
 {
     tpg_json_t array(json_object_new_array());
@@ -267,7 +399,7 @@ void tpg_db_recall_sendtrap_persistence(tpg_context_t* ctx, jsonmib_table_info_t
         return;
     }
     const jsonmib_table_name_t name = jsonmib_table_name(jsonmib_table);
-    json_object* stored = db_find_array(ctx, db, name.text);
+    json_object* stored = db_find_array(ctx, db, name.text, tpg_log_end::line);
     if (stored != nullptr) {
         db_copy_to_row(ctx, stored, name.text, row);
         return;
@@ -277,14 +409,13 @@ void tpg_db_recall_sendtrap_persistence(tpg_context_t* ctx, jsonmib_table_info_t
                   json_object_get_type(db), name.text);
         return;
     }
-    json_object* array = db_new_array(row);
-    if (array == nullptr || json_object_object_add(db, name.text, array) != 0) {
-        json_object_put(array);
-        TPG_ERROR(ctx, "no memory for the stored switches of table %s", name.text);
+    if (!db_add_array(ctx, jsonmib_reginfo, jsonmib_table)) {
         return;
     }
     TPG_INFO(ctx, "Created default send_trap_storage for table %s", name.text);
-    tpg_db_update_sendtrap_db_file(ctx, jsonmib_reginfo);
+    if (jsonmib_reginfo->sendtrap_state == tpg_db_state::saved) {
+        jsonmib_reginfo->sendtrap_state = tpg_db_state::unsaved;
+    }
 }
 
 void tpg_db_update_sendtrap_persistence(tpg_context_t* ctx, jsonmib_table_info_t* jsonmib_table,
@@ -292,12 +423,12 @@ void tpg_db_update_sendtrap_persistence(tpg_context_t* ctx, jsonmib_table_info_t
 {
     tpg_jsonmib_register_info_t* jsonmib_reginfo = &ctx->jsonmib_reg_info[slot_no - 1];
     const jsonmib_table_name_t name = jsonmib_table_name(jsonmib_table);
-    json_object* db = jsonmib_reginfo->sendtrap_json_db;
-    if (db == nullptr) {
+    if (jsonmib_reginfo->sendtrap_json_db == nullptr && !db_create_late(ctx, jsonmib_reginfo)) {
         TPG_ERROR(ctx, "NULL sendtrap_json_db for table %s of slot %d!", name.text, slot_no);
         return;
     }
-    json_object* stored = db_find_array(ctx, db, name.text);
+    json_object* db = jsonmib_reginfo->sendtrap_json_db;
+    json_object* stored = db_find_array(ctx, db, name.text, tpg_log_end::open);
     if (stored == nullptr) {
         TPG_ERROR(ctx, "Cannot find sendtrap for table %s!", name.text);
         return;

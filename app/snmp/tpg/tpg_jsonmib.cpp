@@ -1,5 +1,6 @@
 #include "tpg_jsonmib.h"
 
+#include "tpg_db.h"
 #include "tpg_file.h"
 #include "tpg_json.h"
 #include "tpg_jsonmib_parse.h"
@@ -191,8 +192,7 @@ void jsonmib_release_tables(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jso
 void jsonmib_release(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_reginfo)
 {
     jsonmib_release_tables(ctx, jsonmib_reginfo);
-    json_object_put(jsonmib_reginfo->sendtrap_json_db);
-    jsonmib_reginfo->sendtrap_json_db = nullptr;
+    tpg_db_release(ctx, jsonmib_reginfo);
 }
 
 static void release_trap_bindings(tpg_jsonmib_register_info_t* jsonmib_reginfo)

@@ -120,6 +120,7 @@ int jsonmib_cell_read(tpg_context_t* ctx, const netsnmp_agent_request_info* reqi
                       netsnmp_request_info* request, netsnmp_variable_list* var,
                       const jsonmib_ask_t* ask)
 {
+    const tpg_log_slot_t served = tpg_log_serve(ctx, ask->slot_no);
     if (request == nullptr) {
         uint8_t value[JSONMIB_CELL_MAX] = {};
         const int result =

@@ -31,6 +31,7 @@ static int validate_table(tpg_context_t*, const jsonmib_table_info_t*);
 static void parse_binding(tpg_context_t*, json_object*, jsonmib_trap_bindings_info_t*);
 static void parse_binding_oid(tpg_context_t*, json_object*, jsonmib_trap_bindings_info_t*);
 static int grow_specific_list(tpg_context_t*, jsonmib_trap_bindings_info_t*, size_t*);
+static void warn_of_equal_names(tpg_context_t*, const tpg_jsonmib_register_info_t*);
 static jsonmib_table_info_t* new_table(tpg_context_t*, tpg_jsonmib_register_info_t*, uint32_t);
 static jsonmib_table_info_t* parse_one_table(tpg_context_t*, json_object*,
                                              tpg_jsonmib_register_info_t*, uint32_t);
@@ -114,7 +115,35 @@ int jsonmib_proc_fault_table_array(tpg_context_t* ctx, json_object* jobj_array,
             return -1;
         }
     }
+    warn_of_equal_names(ctx, jsonmib_reginfo);
     return 0;
+}
+
+/* Switches are stored by the name of their table. */
+static void warn_of_equal_names(tpg_context_t* ctx,
+                                const tpg_jsonmib_register_info_t* jsonmib_reginfo)
+{
+    using table_t = const jsonmib_table_info_t*;
+    const size_t n = jsonmib_reginfo->fault_table_reginfo_sum;
+    auto* sorted = static_cast<table_t*>(calloc(std::max<size_t>(n, 1), sizeof(table_t)));
+    if (sorted == nullptr) {
+        TPG_ERROR(ctx, "calloc failed for the names of fault tables, %s", strerror(errno));
+        return;
+    }
+    std::copy_n(jsonmib_reginfo->fault_json_table, n, sorted);
+    const auto order = [](table_t a, table_t b) {
+        return memcmp(a->name, b->name, JSONMIB_NAME_MAX) < 0;
+    };
+    std::sort(sorted, sorted + n, order);
+    for (size_t i = 0, end = 0; i < n; i = end) {
+        end = static_cast<size_t>(std::upper_bound(sorted + i, sorted + n, sorted[i], order) -
+                                  sorted);
+        if (end - i > 1) {
+            TPG_WARN(ctx, "%zu fault tables are named \"%s\": they share their stored switches",
+                     end - i, jsonmib_table_name(sorted[i]).text);
+        }
+    }
+    free(sorted);
 }
 
 int jsonmib_proc_one_gen_table(tpg_context_t* ctx, json_object* jobj,

@@ -14,6 +14,7 @@
 #include <event2/event.h>
 #include <poll.h>
 #include <sched.h>
+#include <utility>
 
 static jsonmib_queue_t* queue_of(tpg_context_t*, uint32_t);
 static void start_next(tpg_context_t*, uint32_t, int64_t);
@@ -25,12 +26,14 @@ static void receive(tpg_context_t*, uint32_t, bool);
 static ssize_t take_bytes(tpg_context_t*, uint32_t);
 static const jsonmib_asked_t* being_read(const jsonmib_queue_t*);
 static void reply_is_whole(tpg_context_t*, uint32_t);
-static void connection_lost(tpg_context_t*, uint32_t);
+static void connection_lost(tpg_context_t*, uint32_t, const char*);
 static void forget_connection(jsonmib_queue_t*);
 static void check_time(tpg_context_t*, uint32_t);
 static void check_connecting(tpg_context_t*, uint32_t, int64_t);
 static void flight_ended(tpg_context_t*, uint32_t);
 static void became_silent(tpg_context_t*, uint32_t);
+static void daemon_went(tpg_context_t*, uint32_t, int64_t, const char*);
+static void daemon_came(tpg_context_t*, uint32_t);
 static void fail_waiting(tpg_context_t*, uint32_t);
 static void timed_out(tpg_context_t*, jsonmib_exchange_t*);
 static void complete(tpg_context_t*, jsonmib_exchange_t*, int);
@@ -96,6 +99,7 @@ bool jsonmib_queue_start(tpg_context_t* ctx, jsonmib_exchange_t* exchange)
 {
     const uint32_t slot_no = exchange->slot_no;
     jsonmib_queue_t* queue = queue_of(ctx, slot_no);
+    const tpg_log_slot_t served = tpg_log_serve(ctx, slot_no);
     const bool idle = !queue->in_flight && queue->first == nullptr;
     exchange->queued = jsonmib_now();
     exchange->born = exchange->born == 0 ? exchange->queued : exchange->born;
@@ -104,8 +108,8 @@ bool jsonmib_queue_start(tpg_context_t* ctx, jsonmib_exchange_t* exchange)
         queue->walked_at = exchange->queued;
     }
     if (ctx->jsonmib_later.closed || (exchange->walk && queue->silent && queue->in_flight)) {
-        exchange->result = JSONMIB_CTRL_TRANSPORT;
-        exchange->done = true;
+        exchange->complete = nullptr;
+        complete(ctx, exchange, JSONMIB_CTRL_TRANSPORT);
         return true;
     }
     append(queue, exchange);
@@ -163,6 +167,7 @@ static int send_first(tpg_context_t* ctx, uint32_t slot_no)
     if (result == 0) {
         result = jsonmib_ctrl_send(ctx, exchange);
         if (ipc_of(ctx, slot_no)->connected == 0) {
+            daemon_went(ctx, slot_no, jsonmib_now(), "it takes no request");
             forget_connection(queue);
         }
     }
@@ -187,6 +192,9 @@ static int connect_slot(tpg_context_t* ctx, uint32_t slot_no)
     queue->quick = true; /* most are */
     queue->down = result != 0;
     queue->walked_at = now;
+    if (queue->down) {
+        daemon_went(ctx, slot_no, now, "it cannot be connected");
+    }
     result = result == 0 ? watch(ctx, slot_no) : result;
     if (result != 0) {
         jsonmib_ipc_not_available(ctx, slot_no);
@@ -255,6 +263,7 @@ static void wait_shortly(tpg_context_t* ctx, uint32_t slot_no)
 static void receive(tpg_context_t* ctx, uint32_t slot_no, bool at_once)
 {
     jsonmib_queue_t* queue = queue_of(ctx, slot_no);
+    const tpg_log_slot_t served = tpg_log_serve(ctx, slot_no);
     while (ipc_of(ctx, slot_no)->connected != 0 &&
            (queue->in_flight || queue->replies.dead_total > 0)) {
         if (queue->got == 0) {
@@ -263,7 +272,7 @@ static void receive(tpg_context_t* ctx, uint32_t slot_no, bool at_once)
         }
         const ssize_t n = take_bytes(ctx, slot_no);
         if (n < 0) {
-            connection_lost(ctx, slot_no);
+            connection_lost(ctx, slot_no, "it has closed the connection");
             return;
         }
         if (n == 0) {
@@ -323,6 +332,7 @@ static void reply_is_whole(tpg_context_t* ctx, uint32_t slot_no)
 {
     jsonmib_queue_t* queue = queue_of(ctx, slot_no);
     queue->got = 0;
+    daemon_came(ctx, slot_no);
     if (queue->reading != JSONMIB_READS_FLIGHT) {
         jsonmib_late_remove(&queue->replies,
                             static_cast<uint32_t>(queue->reading - JSONMIB_READS_DEAD));
@@ -346,12 +356,13 @@ static void reply_is_whole(tpg_context_t* ctx, uint32_t slot_no)
 }
 
 /* The one request that was out fails, the others go out on the next connection. */
-static void connection_lost(tpg_context_t* ctx, uint32_t slot_no)
+static void connection_lost(tpg_context_t* ctx, uint32_t slot_no, const char* why)
 {
     jsonmib_queue_t* queue = queue_of(ctx, slot_no);
     jsonmib_exchange_t* owner = queue->owner;
     forget_connection(queue);
     if (owner != nullptr) {
+        daemon_went(ctx, slot_no, jsonmib_now(), why);
         TPG_ERROR(ctx, "jsonmib_ipc_recv failed");
         complete(ctx, owner, JSONMIB_CTRL_TRANSPORT);
     }
@@ -443,6 +454,7 @@ static void arm(tpg_context_t* ctx, uint32_t slot_no)
 static void check_time(tpg_context_t* ctx, uint32_t slot_no)
 {
     jsonmib_queue_t* queue = queue_of(ctx, slot_no);
+    const tpg_log_slot_t served = tpg_log_serve(ctx, slot_no);
     const int64_t now = jsonmib_now();
     if ((queue->in_flight || queue->got > 0) && now >= flight_end(queue)) {
         flight_ended(ctx, slot_no);
@@ -470,8 +482,9 @@ static void check_connecting(tpg_context_t* ctx, uint32_t slot_no, int64_t now)
     if (queue->first == nullptr) {
         queue->connecting_since = 0;
     } else if (queue->connecting_since != 0 && now >= queue->connecting_since + REPLY_US) {
-        queue->connecting_since = 0;
+        const int64_t since = std::exchange(queue->connecting_since, 0);
         if (jsonmib_ipc_connect(ctx, slot_no) != 0) {
+            daemon_went(ctx, slot_no, since, "it accepts no connection");
             became_silent(ctx, slot_no);
         }
     }
@@ -488,7 +501,7 @@ static void flight_ended(tpg_context_t* ctx, uint32_t slot_no)
                           asked == nullptr ? static_cast<uint32_t>(UEVGEND_DATA_OFS)
                                            : asked->reply_len,
                           queue->got);
-        connection_lost(ctx, slot_no);
+        connection_lost(ctx, slot_no, "the rest of an answer does not come");
         return;
     }
     const bool silent = !queue->heard;
@@ -500,11 +513,37 @@ static void flight_ended(tpg_context_t* ctx, uint32_t slot_no)
         jsonmib_ipc_disconnect(ctx, slot_no);
         forget_connection(queue);
     }
+    if (silent) {
+        daemon_went(ctx, slot_no, queue->sent_at, "it is silent");
+    }
     if (owner != nullptr) {
         timed_out(ctx, owner);
     }
     if (silent && !queue->silent) {
         became_silent(ctx, slot_no);
+    }
+}
+
+/* Since a time. Said once, however many requests meet it. */
+static void daemon_went(tpg_context_t* ctx, uint32_t slot_no, int64_t since, const char* why)
+{
+    jsonmib_queue_t* queue = queue_of(ctx, slot_no);
+    if (queue->away_since == 0) {
+        queue->away_since = since;
+        queue->away_failed = 0;
+        TPG_WARN(ctx, "the daemon of slot_no %u is away: %s", slot_no, why);
+    }
+}
+
+/* It has given an answer. */
+static void daemon_came(tpg_context_t* ctx, uint32_t slot_no)
+{
+    jsonmib_queue_t* queue = queue_of(ctx, slot_no);
+    if (queue->away_since != 0) {
+        const double seconds = static_cast<double>(jsonmib_now() - queue->away_since) / SECOND_US;
+        queue->away_since = 0;
+        TPG_INFO(ctx, "the daemon of slot_no %u is back after %.1f s, requests failed: %u", slot_no,
+                 seconds, queue->away_failed);
     }
 }
 
@@ -538,6 +577,10 @@ static void timed_out(tpg_context_t* ctx, jsonmib_exchange_t* exchange)
 
 static void complete(tpg_context_t* ctx, jsonmib_exchange_t* exchange, int result)
 {
+    jsonmib_queue_t* queue = queue_of(ctx, exchange->slot_no);
+    if (result == JSONMIB_CTRL_TRANSPORT && queue->away_since != 0) {
+        queue->away_failed++;
+    }
     exchange->result = result;
     exchange->done = true;
     if (exchange->complete != nullptr) {
@@ -554,6 +597,7 @@ static void give_up(tpg_context_t* ctx, jsonmib_exchange_t* exchange, const char
 static void give_up_slot(tpg_context_t* ctx, uint32_t slot_no, const char* why)
 {
     jsonmib_queue_t* queue = queue_of(ctx, slot_no);
+    const tpg_log_slot_t served = tpg_log_serve(ctx, slot_no);
     jsonmib_exchange_t* owner = queue->owner;
     if (owner != nullptr) {
         queue->owner = nullptr;
@@ -706,6 +750,8 @@ static bool loop_goes_on(tpg_context_t* ctx)
     if (event_base_got_break(ctx->levent_base) != 0) {
         return false;
     }
+    const tpg_log_slot_t served = tpg_log_serve(ctx, 0); /* whoever comes */
+    tpg_log_before_turn(ctx);
     ctx->jsonmib_later.loop_busy = true;
     const int ended = event_base_loop(ctx->levent_base, EVLOOP_ONCE);
     ctx->jsonmib_later.loop_busy = false;

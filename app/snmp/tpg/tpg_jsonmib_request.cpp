@@ -288,6 +288,7 @@ static int proc_cell(netsnmp_variable_list* var, netsnmp_table_request_info* tab
     if (status != SNMP_ERR_NOERROR) {
         return status;
     }
+    const tpg_log_slot_t served = tpg_log_serve(cell.ctx, cell.instance);
     if ((table->flags & JSONMIB_TABLE_FAULT) == 0) {
         TPG_DEBUG(cell.ctx, "mode %d, colnum %d, instance %d, index 0x%x, MOD_GET=%d", cell.mode,
                   cell.colnum, cell.instance, cell.index, MODE_GET);

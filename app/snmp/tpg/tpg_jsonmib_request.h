@@ -6,10 +6,6 @@
 #include "tpg.h"
 #include "tpg_snmp.h"
 
-/* Names of the request handlers in a registration's chain. */
-constexpr char JSONMIB_GEN_HANDLER_NAME[] = "tpg_generic_table";
-constexpr char JSONMIB_FAULT_HANDLER_NAME[] = "tpg_fault_table";
-
 /* Handler entry points; the handler's private pointer is the table record. */
 int jsonmib_gen_table_helper_handler(netsnmp_mib_handler* handler,
                                      netsnmp_handler_registration* reginfo,

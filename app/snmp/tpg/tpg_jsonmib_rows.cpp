@@ -9,10 +9,13 @@
 static uint32_t next_built_in_instance(const tpg_context_t*, int32_t);
 static const jsonmib_index_info_t* used_index(const jsonmib_table_info_t*, size_t);
 static void set_index(netsnmp_variable_list*, uint32_t);
-static netsnmp_variable_list* row_found(void**, netsnmp_variable_list*, netsnmp_iterator_info*);
+static netsnmp_table_request_info* row_begins(const jsonmib_table_info_t*, void**);
+static netsnmp_variable_list* row_found(const jsonmib_table_info_t*, void**,
+                                        netsnmp_variable_list*);
 static netsnmp_variable_list* row_missing(void**);
 static netsnmp_variable_list* row_lost(const jsonmib_table_info_t*, void**);
-static netsnmp_variable_list* sought_row(void**, netsnmp_variable_list*, netsnmp_iterator_info*);
+static netsnmp_variable_list* sought_row(const jsonmib_table_info_t*, void**,
+                                         netsnmp_variable_list*);
 static void free_row_context(void*);
 static void debug_index(const jsonmib_table_info_t*, size_t, const netsnmp_variable_list*);
 
@@ -130,8 +133,12 @@ netsnmp_variable_list* jsonmib_table_get_first_data_point(void** loop_context, v
     (void)loop_context;
     jsonmib_table_info_t* jsonmib_table = table_of(iterator_info);
     DEBUGMSGTL(("jsonmib", ">>>Entering jsonmib_table_get_first_data_point\n"));
-    if (jsonmib_table->seek.active) {
-        return sought_row(data_context, index_data, iterator_info);
+    jsonmib_table->seek.stepped = 0;
+    if (jsonmib_table->seek.active && jsonmib_table->seek.aloud == 0) {
+        return sought_row(jsonmib_table, data_context, index_data);
+    }
+    if (row_begins(jsonmib_table, data_context) == nullptr) {
+        return nullptr;
     }
     netsnmp_variable_list* index = index_data;
     for (size_t i = 0; i < jsonmib_table->index_used && index != nullptr;
@@ -150,7 +157,7 @@ netsnmp_variable_list* jsonmib_table_get_first_data_point(void** loop_context, v
         }
         set_index(index, value);
     }
-    netsnmp_variable_list* row = row_found(data_context, index_data, iterator_info);
+    netsnmp_variable_list* row = row_found(jsonmib_table, data_context, index_data);
     DEBUGMSGTL(("jsonmib", "<<<Leaving jsonmib_table_get_first_data_point\n"));
     return row;
 }
@@ -201,8 +208,18 @@ netsnmp_variable_list* jsonmib_table_get_next_data_point(void** loop_context, vo
     (void)loop_context;
     jsonmib_table_info_t* jsonmib_table = table_of(iterator_info);
     DEBUGMSGTL(("jsonmib", ">>>Entering jsonmib_table_get_next_data_point\n"));
-    if (jsonmib_table->seek.active) {
-        return row_missing(data_context); /* the first row was the only one to be shown */
+    jsonmib_seek_t* seek = &jsonmib_table->seek;
+    if (seek->active && seek->stepped++ >= seek->aloud) {
+        *data_context = nullptr;
+        return nullptr; /* the one that was sought has been shown */
+    }
+    if (seek->active && seek->stepped == seek->aloud) {
+        DEBUGMSGTL(("jsonmib", "%u rows were stepped through, on to the one that is sought\n",
+                    seek->stepped));
+        return sought_row(jsonmib_table, data_context, index_data);
+    }
+    if (row_begins(jsonmib_table, data_context) == nullptr) {
+        return nullptr;
     }
     netsnmp_variable_list* index = index_data;
     bool row_complete = false;
@@ -225,29 +242,50 @@ netsnmp_variable_list* jsonmib_table_get_next_data_point(void** loop_context, vo
     if (!row_complete) {
         return row_missing(data_context); /* every position has started over */
     }
-    netsnmp_variable_list* row = row_found(data_context, index_data, iterator_info);
+    netsnmp_variable_list* row = row_found(jsonmib_table, data_context, index_data);
     DEBUGMSGTL(("jsonmib", "<<<Leaving jsonmib_table_get_next_data_point\n"));
     return row;
 }
 
 /* The row that a handler in front of the iterator has found to answer. */
-static netsnmp_variable_list* sought_row(void** data_context, netsnmp_variable_list* index_data,
-                                         netsnmp_iterator_info* iterator_info)
+static netsnmp_variable_list* sought_row(const jsonmib_table_info_t* jsonmib_table,
+                                         void** data_context, netsnmp_variable_list* index_data)
 {
-    const jsonmib_table_info_t* jsonmib_table = table_of(iterator_info);
+    if (row_begins(jsonmib_table, data_context) == nullptr) {
+        return nullptr;
+    }
     if (!jsonmib_table->seek.found) {
         return row_missing(data_context);
     }
     netsnmp_variable_list* index = index_data;
     for (size_t i = 0; i < jsonmib_table->index_used && index != nullptr;
          i++, index = index->next_variable) {
+        debug_index(jsonmib_table, i, index);
         set_index(index, jsonmib_table->seek.values[i]);
     }
-    return row_found(data_context, index_data, iterator_info);
+    return row_found(jsonmib_table, data_context, index_data);
+}
+
+/* The row's context, the index values that the request handlers read; null without memory. */
+static netsnmp_table_request_info* row_begins(const jsonmib_table_info_t* jsonmib_table,
+                                              void** data_context)
+{
+    auto* table_request =
+        static_cast<netsnmp_table_request_info*>(calloc(1, sizeof(netsnmp_table_request_info)));
+    *data_context = table_request;
+    if (table_request == nullptr) {
+        row_lost(jsonmib_table, data_context);
+        return nullptr;
+    }
+    table_request->number_indexes = jsonmib_table->index_used;
+    DEBUGMSGTL(("jsonmib", "table_request[%p]\n", static_cast<void*>(table_request)));
+    DEBUGMSGTL(("jsonmib", "number_indexes: %d\n", table_request->number_indexes));
+    return table_request;
 }
 
 static netsnmp_variable_list* row_missing(void** data_context)
 {
+    free_row_context(*data_context);
     *data_context = nullptr;
     return nullptr;
 }
@@ -261,33 +299,22 @@ static netsnmp_variable_list* row_lost(const jsonmib_table_info_t* jsonmib_table
     return row_missing(data_context);
 }
 
-/* Hands out a row with its context, the index values that the request handlers read. */
-static netsnmp_variable_list* row_found(void** data_context, netsnmp_variable_list* index_data,
-                                        netsnmp_iterator_info* iterator_info)
+/* Hands out a row whose index values stand. */
+static netsnmp_variable_list* row_found(const jsonmib_table_info_t* jsonmib_table,
+                                        void** data_context, netsnmp_variable_list* index_data)
 {
-    const jsonmib_table_info_t* jsonmib_table = table_of(iterator_info);
-    auto* table_request =
-        static_cast<netsnmp_table_request_info*>(calloc(1, sizeof(netsnmp_table_request_info)));
-    if (table_request == nullptr) {
-        return row_lost(jsonmib_table, data_context);
-    }
-    table_request->number_indexes = jsonmib_table->index_used;
+    auto* table_request = static_cast<netsnmp_table_request_info*>(*data_context);
     table_request->indexes = snmp_clone_varbind(index_data);
-    DEBUGMSGTL(("jsonmib", "table_request[%p]\n", static_cast<void*>(table_request)));
-    DEBUGMSGTL(("jsonmib", "number_indexes: %d\n", table_request->number_indexes));
-    if (table_request->indexes == nullptr) {
-        free_row_context(table_request);
-        return row_lost(jsonmib_table, data_context);
-    }
-    *data_context = table_request;
-    return index_data;
+    return table_request->indexes == nullptr ? row_lost(jsonmib_table, data_context) : index_data;
 }
 
 static void free_row_context(void* context)
 {
     auto* table_request = static_cast<netsnmp_table_request_info*>(context);
-    snmp_free_varbind(table_request->indexes);
-    free(table_request);
+    if (table_request != nullptr) {
+        snmp_free_varbind(table_request->indexes);
+        free(table_request);
+    }
 }
 
 void jsonmib_table_free_data_context(void* data_context, netsnmp_iterator_info* iterator_info)

@@ -15,7 +15,11 @@ void jsonmib_find_used_indexes(jsonmib_table_info_t* jsonmib_table);
  */
 uint32_t jsonmib_get_next_instance(tpg_context_t* ctx, const char* family_string, uint32_t current);
 
-/* The library's iteration callbacks: index list of the first and of the next row, or null. */
+/*
+ * The library's iteration callbacks: index list of the first and of the next
+ * row, or null. While a row is sought the set is that row, behind those that
+ * are stepped through aloud.
+ */
 netsnmp_variable_list* jsonmib_table_get_first_data_point(void** loop_context, void** data_context,
                                                           netsnmp_variable_list* index_data,
                                                           netsnmp_iterator_info* iterator_info);

@@ -28,15 +28,17 @@ static void name_row(const netsnmp_handler_registration*, const jsonmib_table_in
                      netsnmp_variable_list*);
 static void aim(jsonmib_table_info_t*, const netsnmp_handler_registration*, int,
                 netsnmp_request_info*);
-static bool next_value(const jsonmib_table_info_t*, size_t, uint64_t, uint32_t*);
-static bool next_slot(const jsonmib_table_info_t*, const jsonmib_index_info_t*, uint64_t,
-                      uint32_t*);
+static bool next_value(const jsonmib_table_info_t*, size_t, oid, uint32_t*);
+static bool next_slot(const jsonmib_table_info_t*, const jsonmib_index_info_t*, oid, uint32_t*);
+static bool value_behind(const jsonmib_table_info_t*, size_t, oid, uint32_t*);
 static size_t leading_values(const jsonmib_table_info_t*, const oid*, size_t, jsonmib_seek_t*);
 static bool fill_lowest(const jsonmib_table_info_t*, size_t, jsonmib_seek_t*);
 
 /* Entry and column stand between a table's OID and the row's index values. */
 constexpr size_t INDEX_OFS = 2;
 constexpr oid ENTRY = 1;
+/* Of a small table every row, of the largest not more than somebody can read. */
+constexpr uint32_t ALOUD_MAX = 128;
 
 /* ---- a row that is known to be there ---- */
 
@@ -208,6 +210,12 @@ int jsonmib_seek_helper_handler(netsnmp_mib_handler* handler, netsnmp_handler_re
     return status;
 }
 
+/* True when somebody reads the debug texts of the iterator's steps. */
+static bool is_listened_to()
+{
+    return snmp_get_do_debugging() != 0 && debug_is_token_registered("jsonmib") == SNMPERR_SUCCESS;
+}
+
 /* In the other phases of a SET the iterator goes by the row that it found in the first. */
 static void aim(jsonmib_table_info_t* jsonmib_table, const netsnmp_handler_registration* reginfo,
                 int mode, netsnmp_request_info* request)
@@ -223,6 +231,7 @@ static void aim(jsonmib_table_info_t* jsonmib_table, const netsnmp_handler_regis
     const oid* suffix = var->name + std::min(fixed, var->name_length);
     seek->active = true;
     seek->passed_slots = 0;
+    seek->aloud = is_listened_to() ? ALOUD_MAX : 0;
     if (exact) {
         seek->found = jsonmib_seek_exact(jsonmib_table, suffix, len, seek);
     } else {
@@ -235,14 +244,14 @@ static void aim(jsonmib_table_info_t* jsonmib_table, const netsnmp_handler_regis
 /* ---- values of one index ---- */
 
 /* The lowest value of the i-th index that is not below from; false when there is none. */
-static bool next_value(const jsonmib_table_info_t* jsonmib_table, size_t i, uint64_t from,
+static bool next_value(const jsonmib_table_info_t* jsonmib_table, size_t i, oid from,
                        uint32_t* value)
 {
     const jsonmib_index_info_t* info = &jsonmib_table->index_info[jsonmib_table->index_pos[i]];
     if ((info->flags & JSONMIB_INDEX_SLOT) != 0) {
         return next_slot(jsonmib_table, info, from, value);
     }
-    const uint64_t candidate = std::max<uint64_t>(from, info->range[0]);
+    const oid candidate = std::max<oid>(from, info->range[0]);
     if (candidate > std::max(info->range[0], info->range[1])) {
         return false;
     }
@@ -251,7 +260,7 @@ static bool next_value(const jsonmib_table_info_t* jsonmib_table, size_t i, uint
 }
 
 static bool next_slot(const jsonmib_table_info_t* jsonmib_table, const jsonmib_index_info_t* info,
-                      uint64_t from, uint32_t* value)
+                      oid from, uint32_t* value)
 {
     if (from > info->range[1]) {
         return false;
@@ -262,6 +271,17 @@ static bool next_slot(const jsonmib_table_info_t* jsonmib_table, const jsonmib_i
         *value = jsonmib_get_next_instance(jsonmib_table->tpg_context, family, *value);
     } while ((jsonmib_table->seek.passed_slots & (1U << *value)) != 0);
     return *value != 0;
+}
+
+/*
+ * The lowest value of the i-th index above before; false when there is none.
+ * Nothing is above the last number, which stands in a manager's 4294967295
+ * however wide the library's numbers are.
+ */
+static bool value_behind(const jsonmib_table_info_t* jsonmib_table, size_t i, oid before,
+                         uint32_t* value)
+{
+    return before != ~oid{0} && next_value(jsonmib_table, i, before + 1, value);
 }
 
 /* ---- rows ---- */
@@ -309,7 +329,7 @@ bool jsonmib_seek_next(const jsonmib_table_info_t* jsonmib_table, const oid* suf
     }
     /* The last position whose value can be raised decides; those behind it start over. */
     for (size_t i = std::min(same + 1, used); i-- > 0;) {
-        if (next_value(jsonmib_table, i, static_cast<uint64_t>(suffix[i]) + 1, &seek->values[i])) {
+        if (value_behind(jsonmib_table, i, suffix[i], &seek->values[i])) {
             return fill_lowest(jsonmib_table, i + 1, seek);
         }
     }

@@ -9,9 +9,6 @@
 #include "tpg.h"
 #include "tpg_snmp.h"
 
-constexpr char JSONMIB_ROW_HANDLER_NAME[] = "tpg_row";
-constexpr char JSONMIB_SEEK_HANDLER_NAME[] = "tpg_seek";
-
 /*
  * Handler entry points; both are given one request at a time, and the
  * handlers' private pointer is the table record. The first, to stand in front

@@ -23,19 +23,24 @@ static netsnmp_mib_handler* new_row_handler(const char*, Netsnmp_Node_Handler*, 
 static void attach_table(netsnmp_mib_handler*, void*);
 static void* table_share(void*);
 
+/* What the handlers of a registration are called in logs; a table may have such a name too. */
+constexpr char GEN_HANDLER_NAME[] = "tpg_generic_table";
+constexpr char FAULT_HANDLER_NAME[] = "tpg_fault_table";
+constexpr char ROW_HANDLER_NAME[] = "tpg_row";
+constexpr char SEEK_HANDLER_NAME[] = "tpg_seek";
+
 /* ---- registration ---- */
 
 netsnmp_handler_registration* jsonmib_register_gen_table(tpg_context_t* ctx,
                                                          jsonmib_table_info_t* jsonmib_table)
 {
-    return register_table(ctx, jsonmib_table, JSONMIB_GEN_HANDLER_NAME,
-                          jsonmib_gen_table_helper_handler);
+    return register_table(ctx, jsonmib_table, GEN_HANDLER_NAME, jsonmib_gen_table_helper_handler);
 }
 
 netsnmp_handler_registration* jsonmib_register_fault_table(tpg_context_t* ctx,
                                                            jsonmib_table_info_t* jsonmib_table)
 {
-    return register_table(ctx, jsonmib_table, JSONMIB_FAULT_HANDLER_NAME,
+    return register_table(ctx, jsonmib_table, FAULT_HANDLER_NAME,
                           jsonmib_fault_table_helper_handler);
 }
 
@@ -102,11 +107,11 @@ static int inject_chain(tpg_context_t* ctx, netsnmp_handler_registration* regist
     }
     /* One request at a time: the iterator frees a row's context once per request of its list. */
     if (!inject(registration, iterator) ||
-        !inject(registration, new_row_handler(JSONMIB_SEEK_HANDLER_NAME,
-                                              jsonmib_seek_helper_handler, jsonmib_table)) ||
+        !inject(registration,
+                new_row_handler(SEEK_HANDLER_NAME, jsonmib_seek_helper_handler, jsonmib_table)) ||
         !inject(registration, netsnmp_get_table_handler(table_info)) ||
-        !inject(registration, new_row_handler(JSONMIB_ROW_HANDLER_NAME, jsonmib_row_helper_handler,
-                                              jsonmib_table)) ||
+        !inject(registration,
+                new_row_handler(ROW_HANDLER_NAME, jsonmib_row_helper_handler, jsonmib_table)) ||
         !inject(registration, netsnmp_get_serialize_handler())) {
         TPG_ERROR(ctx, "inject table helper failed");
         return -1;

@@ -3,7 +3,9 @@
 
 /*
  * The logging rule: a message goes to syslog and, when the context says so,
- * to standard error, if its level passes the context's threshold.
+ * to standard error, if its level passes the context's threshold. The same
+ * place in the source does not go on and on about the same slot: what is above
+ * its limit is counted, and told of in one line.
  */
 
 #include "tpg.h"
@@ -22,10 +24,13 @@ constexpr char TPG_LOG_IDENT[] = "tpg";
 constexpr uint8_t TPG_LOG_LEVEL_DEFAULT = 6;
 constexpr uint8_t TPG_LOG_LEVEL_DEBUG = 7;
 
-/* Lines a second about one connection; the rest are counted and summed up. */
-constexpr uint32_t TPG_LOG_BUDGET_LINES = 200;
-/* Warnings, of which one document may bring hundreds, leave room for its outcome. */
-constexpr uint32_t TPG_LOG_BUDGET_WARNINGS = 150;
+/*
+ * A place may write so many lines about a slot at once: 64 tables of a card, or
+ * what is wrong with one document, are told of in full. Each line is made up for
+ * in the time that follows.
+ */
+constexpr int64_t TPG_LOG_BURST = 512;
+constexpr int64_t TPG_LOG_LINE_MS = 200;
 
 /* The part of a source path behind its last slash. */
 constexpr const char* tpg_log_basename(const char* path)
@@ -67,11 +72,24 @@ void tpg_log_write(tpg_context_t* ctx, tpg_log_level level, tpg_log_end end, tpg
 /* Opens syslog under the agent's ident. */
 void tpg_log_open();
 
-/* Makes budget (of the connection fd) the one that messages are charged to; null for none. */
-void tpg_log_charge(tpg_context_t* ctx, tpg_log_budget_t* budget);
+/* What is logged in its scope is about a slot; then about the one from before again. */
+struct tpg_log_slot_t {
+    tpg_context_t* ctx;
+    uint32_t before;
+    ~tpg_log_slot_t();
+};
 
-/* Writes the line that sums up what the budget dropped, if anything, and starts it anew. */
-void tpg_log_settle(tpg_context_t* ctx, tpg_log_budget_t* budget);
+/* slot_no: 1 to 15; any other number stands for none. */
+[[nodiscard]] tpg_log_slot_t tpg_log_serve(tpg_context_t* ctx, uint32_t slot_no);
+
+/* To be called before every turn of the event loop: it will sum up what has been left out. */
+void tpg_log_before_turn(tpg_context_t* ctx);
+
+/* Tells of every place how many lines it has left out. */
+void tpg_log_sum_up(tpg_context_t* ctx);
+
+/* The same, and the timer goes: to be called last. */
+void tpg_log_close(tpg_context_t* ctx);
 
 #define TPG_LOG_AT(ctx, level, end, ...)                                                           \
     do {                                                                                           \

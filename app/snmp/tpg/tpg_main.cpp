@@ -74,6 +74,7 @@ int tpg_main(int argc, char** argv)
     run_loop(ctx);
     tpg_exit(ctx);
     TPG_INFO(ctx, "TPG exit!");
+    tpg_log_close(ctx);
     return 0;
 }
 
@@ -238,6 +239,7 @@ static void run_loop(tpg_context_t* ctx)
 {
     while (event_base_got_break(ctx->levent_base) == 0 &&
            event_base_got_exit(ctx->levent_base) == 0) {
+        tpg_log_before_turn(ctx);
         ctx->jsonmib_later.loop_busy = true;
         const int ended = event_base_loop(ctx->levent_base, EVLOOP_ONCE);
         ctx->jsonmib_later.loop_busy = false;

@@ -50,6 +50,7 @@ void tpg_snmp_unregister_jsonmib(tpg_context_t* ctx, tpg_jsonmib_register_info_t
 int tpg_preload_send_trap_storage(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_reginfo)
 {
     const uint32_t slot = jsonmib_reginfo->libmib_reginfo.slot_no;
+    const tpg_log_slot_t served = tpg_log_serve(ctx, slot); /* not always that of the newcomer */
     TPG_INFO(ctx, "%s(%d): enter", __func__, slot);
     const tpg_jsonmib_register_info_t* master = jsonmib_reginfo->actual_reginfo;
     if (master == nullptr) {
@@ -73,6 +74,9 @@ int tpg_preload_send_trap_storage(tpg_context_t* ctx, tpg_jsonmib_register_info_
             continue;
         }
         preload_table(ctx, table, jsonmib_reginfo);
+    }
+    if (jsonmib_reginfo->sendtrap_state != tpg_db_state::saved) {
+        tpg_db_update_sendtrap_db_file(ctx, jsonmib_reginfo); /* once for all tables */
     }
     return 0;
 }

@@ -16,7 +16,7 @@
 #include <sys/select.h>
 #include <sys/stat.h>
 
-static int keep_wanted(tpg_context_t*, int, fd_set*, int*);
+static int keep_wanted(tpg_context_t*, int, fd_set*);
 static int add_unwatched(tpg_context_t*, int, const fd_set*);
 static void watch(tpg_context_t*, int);
 static void readable_cb(int, short, void*);
@@ -41,27 +41,28 @@ void levent_snmp_update(tpg_context_t* ctx)
     timeval timeout = {};
     snmp_select_info(&numfds, &wanted, &timeout, &block);
 
-    int removed = 0;
-    const int kept = keep_wanted(ctx, numfds, &wanted, &removed);
+    const int kept = keep_wanted(ctx, numfds, &wanted);
     const int added = add_unwatched(ctx, numfds, &wanted);
-    if (kept + added != total) {
+    if (kept + added != total || ctx->snmp_fds_dropped > 0) {
         TPG_LOG_AT(ctx, tpg_log_level::debug, tpg_log_end::open,
-                   "added %d events, removed %d events, total of %d events", added, removed,
-                   kept + added);
+                   "added %d events, removed %d events, total of %d events", added,
+                   ctx->snmp_fds_dropped, kept + added);
         total = kept + added;
     }
+    ctx->snmp_fds_dropped = 0;
     arm_timer(ctx, block, &timeout);
 }
 
 static void unwatch(tpg_lev_snmpfd_t* entry)
 {
+    entry->ctx->snmp_fds_dropped++;
     event_free(entry->ev);
     list_del_init(&entry->ev_node);
     free(entry);
 }
 
 /* Drops the entries that are not in the set, and from the set those that are; returns how many. */
-static int keep_wanted(tpg_context_t* ctx, int numfds, fd_set* wanted, int* removed)
+static int keep_wanted(tpg_context_t* ctx, int numfds, fd_set* wanted)
 {
     int kept = 0;
     list_head* next = nullptr;
@@ -75,7 +76,6 @@ static int keep_wanted(tpg_context_t* ctx, int numfds, fd_set* wanted, int* remo
             FD_CLR(fd, wanted);
         } else {
             unwatch(entry);
-            (*removed)++;
         }
     }
     return kept;

@@ -146,6 +146,7 @@ static int check_update(tpg_context_t* ctx, const tpg_libmib_update_t* update)
 void tpg_proc_libmib_register(tpg_context_t* ctx, tpg_libmib_update_t* libmib_update)
 {
     const uint32_t slot = libmib_update->slot_no;
+    const tpg_log_slot_t served = tpg_log_serve(ctx, slot);
     if (slot > TPG_SLOT_MAX || check_update(ctx, libmib_update) != 0) {
         return;
     }
@@ -312,6 +313,7 @@ static void re_reference(tpg_context_t* ctx, const tpg_libmib_update_t* update,
 void tpg_proc_libmib_unregister(tpg_context_t* ctx, tpg_libmib_update_t* libmib_update)
 {
     const uint32_t slot = libmib_update->slot_no;
+    const tpg_log_slot_t served = tpg_log_serve(ctx, slot);
     if (slot > TPG_SLOT_MAX || check_update(ctx, libmib_update) != 0) {
         return;
     }

@@ -152,7 +152,6 @@ static tpg_ipc_clnt_t* new_client(tpg_context_t* ctx, int fd, bufferevent* bev)
     client->bev = bev;
     client->ctx = ctx;
     client->rdcb_timer = timer;
-    client->log_budget.fd = fd;
     return client;
 }
 
@@ -197,7 +196,6 @@ static void free_client(tpg_ipc_clnt_t* client)
 {
     tpg_context_t* ctx = client->ctx;
     ctx->ipc_clnt_held -= is_held(client) ? 1 : 0;
-    tpg_log_settle(ctx, &client->log_budget);
     bufferevent_free(client->bev);
     client->bev = nullptr;
     client->acc_fd = -1;
@@ -235,6 +233,7 @@ void tpg_svr_conn_eventcb(bufferevent* bev, short events, void* arg)
     (void)bev;
     auto* client = static_cast<tpg_ipc_clnt_t*>(arg);
     const int error = errno;
+    const tpg_log_slot_t served = tpg_log_serve(client->ctx, client->libmib_reg_slot);
     TPG_ERROR(client->ctx, "got event 0x%x", static_cast<unsigned>(events));
     if ((events & (BEV_EVENT_EOF | BEV_EVENT_ERROR)) == 0) {
         return;
@@ -297,6 +296,7 @@ static void serve_held(tpg_ipc_clnt_t* client)
 {
     tpg_context_t* ctx = client->ctx;
     const tpg_held_t held = client->held;
+    const tpg_log_slot_t served = tpg_log_serve(ctx, client->libmib_reg_slot);
     client->held = {};
     ctx->ipc_clnt_held--;
     if (held.message) {
@@ -329,10 +329,9 @@ void tpg_svr_conn_readcb(bufferevent* bev, void* arg)
 {
     auto* client = static_cast<tpg_ipc_clnt_t*>(arg);
     tpg_context_t* ctx = client->ctx;
-    tpg_log_charge(ctx, &client->log_budget);
+    const tpg_log_slot_t served = tpg_log_serve(ctx, client->libmib_reg_slot);
     TPG_TRACE(ctx, TRACE_READCB, "%s(): enter, state=%d", READCB_NAME, ctx->read_proc.state);
     const bool whole = !is_held(client) && read_message(ctx, client, bev);
-    tpg_log_charge(ctx, nullptr);
     if (whole && !is_held(client) && event_add(client->rdcb_timer, &REREAD_DELAY) != 0) {
         TPG_WARN(ctx, "FD %d: what else it has sent waits for its next message", client->acc_fd);
     }

@@ -21,8 +21,11 @@ static int build_slot_binding(tpg_context_t*, tpg_jsonmib_register_info_t*, uint
 static int set_integer_binding(tpg_context_t*, netsnmp_variable_list*, const oid*, size_t, int32_t);
 static jsonmib_table_info_t* find_fault_table(tpg_context_t*, const netsnmp_handler_registration*,
                                               uint32_t);
+static void notify_tables(tpg_context_t*, tpg_jsonmib_register_info_t*, const tpg_trap_notify_t*,
+                          netsnmp_variable_list*);
 static int notify_table(tpg_context_t*, tpg_jsonmib_register_info_t*, jsonmib_table_info_t*,
                         const tpg_trap_notify_t*, netsnmp_variable_list*);
+static bool is_a_row(const jsonmib_table_info_t*, uint32_t);
 static int send_table_trap(tpg_context_t*, const tpg_jsonmib_register_info_t*,
                            jsonmib_table_info_t*, const tpg_trap_notify_t*, uint32_t,
                            netsnmp_variable_list*);
@@ -83,6 +86,7 @@ void tpg_msg_trap_notify(tpg_context_t* ctx, tpg_msg_trap_notify_t* trap_notify_
 {
     const tpg_trap_notify_t* notify = &trap_notify_msg->trap_notify;
     const uint32_t slot = notify->slot_no;
+    const tpg_log_slot_t served = tpg_log_serve(ctx, slot);
     if (tpg_log_passes(ctx, tpg_log_level::debug)) {
         dump_notify(notify);
     }
@@ -103,10 +107,17 @@ void tpg_msg_trap_notify(tpg_context_t* ctx, tpg_msg_trap_notify_t* trap_notify_
         return;
     }
     netsnmp_variable_list slot_binding = {};
-    if (build_slot_binding(ctx, master, slot, &slot_binding) != 0) {
-        return;
+    if (build_slot_binding(ctx, master, slot, &slot_binding) == 0) {
+        notify_tables(ctx, master, notify, &slot_binding);
     }
+}
+
+/* Goes through the tables of the slot's master in their order. */
+static void notify_tables(tpg_context_t* ctx, tpg_jsonmib_register_info_t* master,
+                          const tpg_trap_notify_t* notify, netsnmp_variable_list* slot_binding)
+{
     TPG_TRACE(ctx, TRACE_TRAP, "fault_table_reginfo_sum=%d", master->fault_table_reginfo_sum);
+    bool known = false;
     for (uint32_t i = 0;
          master->fault_table_reginfo != nullptr && i < master->fault_table_reginfo_sum; i++) {
         const netsnmp_handler_registration* registration = master->fault_table_reginfo[i];
@@ -116,10 +127,15 @@ void tpg_msg_trap_notify(tpg_context_t* ctx, tpg_msg_trap_notify_t* trap_notify_
         TPG_TRACE(ctx, TRACE_TRAP, "i=%d, mib_handler=%p", i,
                   static_cast<void*>(registration->handler));
         jsonmib_table_info_t* table = find_fault_table(ctx, registration, notify->var_id);
-        if (table != nullptr && notify_table(ctx, master, table, notify, &slot_binding) != 0) {
+        known = known || table != nullptr;
+        if (table != nullptr && notify_table(ctx, master, table, notify, slot_binding) != 0) {
             return;
         }
         TPG_TRACE(ctx, TRACE_TRAP, "i=%d, done", i);
+    }
+    if (!known) {
+        TPG_WARN(ctx, "no fault table of slot_no %u has var-id %u, no trap", notify->slot_no,
+                 notify->var_id);
     }
     TPG_TRACE(ctx, TRACE_TRAP, "done");
 }
@@ -154,7 +170,11 @@ static int set_integer_binding(tpg_context_t* ctx, netsnmp_variable_list* bindin
     return 0;
 }
 
-/* The registration's table when its fault variable is var_id, or null. */
+/*
+ * The registration's table when its fault variable is var_id, or null. Names
+ * do not tell whose a handler is: the last one of each chain is the library's
+ * own and has the table's name, which is the card's choice.
+ */
 static jsonmib_table_info_t* find_fault_table(tpg_context_t* ctx,
                                               const netsnmp_handler_registration* registration,
                                               uint32_t var_id)
@@ -163,8 +183,8 @@ static jsonmib_table_info_t* find_fault_table(tpg_context_t* ctx,
          handler = handler->next) {
         TPG_TRACE(ctx, TRACE_TRAP, "mib_handler %p, handler_name %s", static_cast<void*>(handler),
                   handler->handler_name);
-        if (strncmp(handler->handler_name, JSONMIB_FAULT_HANDLER_NAME,
-                    sizeof(JSONMIB_FAULT_HANDLER_NAME) - 1) == 0) {
+        if (handler->access_method == jsonmib_fault_table_helper_handler &&
+            handler->myvoid != nullptr) {
             auto* table = static_cast<jsonmib_table_info_t*>(handler->myvoid);
             TPG_TRACE(ctx, TRACE_TRAP, "jsonmib_table=%p", static_cast<void*>(table));
             if (table->trap_info.fault_present_var_id == var_id) {
@@ -212,6 +232,22 @@ bool tpg_trap_is_enabled(const jsonmib_table_info_t* table, uint32_t slot_no, ui
                                                        flat_index % JSONMIB_SENDTRAP_POSITIONS);
 }
 
+/* True when the index, which counts from 0, lies in the document's ranges, which count from 1. */
+static bool is_a_row(const jsonmib_table_info_t* table, uint32_t notify_index)
+{
+    const bool two = table->index_total == 2;
+    const uint64_t rows[] = {uint64_t{two ? notify_index >> 8U : notify_index} + 1,
+                             uint64_t{notify_index & 0xffU} + 1};
+    for (size_t i = 0; i < (two ? 2 : 1); i++) {
+        const uint32_t* range = table->index_info[i].range;
+        const bool used = range[0] != 0 && range[1] != 0;
+        if (used && (rows[i] < range[0] || rows[i] > std::max(range[0], range[1]))) {
+            return false;
+        }
+    }
+    return true;
+}
+
 /* One table's answer to a notify; -1 when the rest of the tables are not to be asked. */
 static int notify_table(tpg_context_t* ctx, tpg_jsonmib_register_info_t* master,
                         jsonmib_table_info_t* table, const tpg_trap_notify_t* notify,
@@ -228,6 +264,12 @@ static int notify_table(tpg_context_t* ctx, tpg_jsonmib_register_info_t* master,
                   jsonmib_table_name(table).text, notify->var_id, notify->index, index[0].range[0],
                   index[0].range[1], index[1].range[0], index[1].range[1]);
         return -1;
+    }
+    if (!is_a_row(table, notify->index)) {
+        const jsonmib_index_info_t* index = table->index_info;
+        TPG_WARN(ctx, "table %s var %u has no row for index 0x%x. [%u:%u], [%u:%u]",
+                 jsonmib_table_name(table).text, notify->var_id, notify->index, index[0].range[0],
+                 index[0].range[1], index[1].range[0], index[1].range[1]);
     }
     if (!tpg_trap_is_enabled(table, notify->slot_no, row.flat_index)) {
         TPG_ERROR(ctx, "xxxSendTrap[0x%x] was disabled", notify->index);
