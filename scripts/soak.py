@@ -1,9 +1,10 @@
 """The run behind scripts/soak.sh; to be started inside scripts/world.sh.
 
-soak.py BUILD-FOLDER SECONDS
+soak.py BUILD-FOLDER SECONDS [valgrind]
 """
 
 import json
+import math
 import os
 import random
 import re
@@ -28,6 +29,10 @@ CARDS = {
     13: ("psu4", "POWER", "2.0.1", 3),
 }
 FAULTY = [slot for slot, card in CARDS.items() if card[0] != "psu4"]
+FAMILIES = sorted({card[1] for card in CARDS.values()})
+REST = 15  # seconds in which the cards of one family, or of all, are not moved
+WELL_AFTER = 6  # seconds until nothing is left of a daemon's trouble, for no request is older
+BACK_AFTER = 5  # seconds until the tables are back after the master's start, or a card's move
 
 # Why each Error or Warn line of the agent is there.
 EXPLAINED = {
@@ -39,6 +44,8 @@ EXPLAINED = {
     "the request that met it": r"jsonmib_ipc_(send|recv) failed$",
     "the state of a daemon": r"the daemon of slot_no \d+ is away: ",
     "many lines of one kind": r"\d+ more like this (and others )?\(",
+    "a card came or went while one was asked":
+        r"gave up a request to slot_no \d+: (tables are about to change|its card has gone)$",
     "a card was pulled": r"got event 0x11$",
     "a card was pulled while a message of it, or to it, was on its way":
         r"got event 0x2[12]$"
@@ -55,6 +62,8 @@ EXPLAINED = {
     "a library without a document": r"tpg_snmp_register_jsonmib\(\): No json string is found in "
                                     r"lib\.so file, to try built-in$",
     "a text of a fault row was read": r"regular trap table param var_id 201 range\[0:31\] ,type=3$",
+    "a card's master had forgotten it, and went":
+        r"no fault table of slot_no \d+ has var-id 200, no trap$",
     "a card was pulled while a switch of it was set":
         r"NULL sendtrap_json_db for table \w+ of slot \d+!$",
     "a pulled card had unregistered before": r"target was not registered yet$",
@@ -64,15 +73,23 @@ EXPLAINED = {
 class Run:
     """The programs, and when the disturbances stop."""
 
-    def __init__(self, build, seconds):
+    def __init__(self, build, seconds, valgrind):
         self.build = build
         self.seconds = seconds
+        self.valgrind = valgrind
         self.env = dict(os.environ, MIBS="", SNMPCONFPATH=f"{TOP}/packaging",
                         SNMP_PERSISTENT_DIR="/var/lib/snmp", BASE_BOARD="3100KX")
         self.busy = threading.Event()
         self.over = False
         self.chassis_lock = threading.Lock()
+        self.trouble_lock = threading.Lock()
+        self.well_since = dict.fromkeys(CARDS, 0.0)  # slot: None while its daemon has trouble
+        self.moved_at = dict.fromkeys(FAMILIES, 0.0)  # infinite during a move
+        self.resting = []  # families
+        self.master_at = time.monotonic()  # the last start; None while there is none
         self.counts = {}
+        self.slowest = 0.0  # in seconds, of the values read
+        self.values = {}  # slot: what its cell holds
         self.failures = []
         self.master = self.traps = self.agent = self.chassis = None
 
@@ -122,6 +139,12 @@ def write_cards():
         json.dump(scenario, out)
 
 
+def agent_command(run):
+    if not run.valgrind:
+        return [f"{run.build}/tpg"]
+    return ["valgrind", "--quiet", "--error-exitcode=99", "--num-callers=24", f"{run.build}/tpg"]
+
+
 def start_master(run):
     run.master = subprocess.Popen(
         ["snmpd", "-f", "-Lf", "/tmp/snmpd.log", "-C", "-c",
@@ -139,7 +162,7 @@ def start(run):
                                   "/tmp/snmptrapd.conf", "udp:127.0.0.1:1162"], env=run.env)
     start_master(run)
     with open(AGENT_LOG, "w", encoding="ascii") as log:
-        run.agent = subprocess.Popen([f"{run.build}/tpg"], env=run.env, stderr=log)
+        run.agent = subprocess.Popen(agent_command(run), env=run.env, stderr=log)
     run.chassis = subprocess.Popen([f"{run.build}/tpg-chassis", "/tmp/cards/scenario.json"],
                                    stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True,
                                    bufsize=1)
@@ -167,12 +190,41 @@ def snmp(run, tool, *words, timeout=15):
 # --- disturbances, each called again and again by a thread of its own ---
 
 
+def at_rest():
+    """The families whose cards are not moved for a while: each in turn, then all of them."""
+    turn = int(time.monotonic() / REST) % (len(FAMILIES) + 1)
+    return FAMILIES[turn:turn + 1] or FAMILIES
+
+
+def plug_anew(run, families):
+    """Brings all their cards back: a master of its family that registered twice has forgotten the
+    others."""
+    slots = [slot for slot, card in CARDS.items() if card[1] in families]
+    for family in families:
+        run.moved_at[family] = math.inf
+    for command in ("unplug", "plug"):
+        for slot in slots:
+            chassis(run, f"{command} {slot}")
+    for family in families:
+        run.moved_at[family] = time.monotonic()
+
+
 def move_cards(run):
-    slot = random.choice(list(CARDS))
+    resting = at_rest()
+    if resting != run.resting:
+        plug_anew(run, resting)
+        run.resting = resting
+    slots = [slot for slot, card in CARDS.items() if card[1] not in resting]
+    if not slots:
+        time.sleep(0.2)
+        return
+    slot = random.choice(slots)
     command = random.choice(["unplug", "unplug", "unregister", "plug"])
+    run.moved_at[CARDS[slot][1]] = math.inf
     chassis(run, f"{command} {slot}")
     time.sleep(random.uniform(0.05, 0.5))
     chassis(run, f"plug {slot}")
+    run.moved_at[CARDS[slot][1]] = time.monotonic()
     run.count("card moves")
 
 
@@ -185,19 +237,84 @@ def raise_faults(run):
     time.sleep(random.uniform(0.01, 0.2))
 
 
-def trouble_daemons(run):
-    slot = random.choice(list(CARDS))
-    command = random.choice(["hang {}", "slow {} 300", "refuse {} -3", "close {}", "down {}"])
-    chassis(run, command.format(slot))
-    time.sleep(random.uniform(0.2, 1))
+def trouble_daemon(run, commands, seconds):
+    """Some daemon that is well is in trouble for so long."""
+    with run.trouble_lock:
+        slot = random.choice([slot for slot, since in run.well_since.items() if since is not None])
+        run.well_since[slot] = None
+    chassis(run, random.choice(commands).format(slot))
+    time.sleep(seconds)
     chassis(run, f"resume {slot}")
+    run.well_since[slot] = time.monotonic()
     run.count("daemon troubles")
+
+
+def trouble_daemons(run):
+    trouble_daemon(run, ["hang {}", "slow {} 300", "refuse {} -3", "close {}", "down {}"],
+                   random.uniform(0.2, 1))
     time.sleep(random.uniform(0.5, 3))
 
 
+def hang_daemon(run):
+    trouble_daemon(run, ["hang {}"], random.uniform(2, 12))
+
+
+def slow_daemon(run):
+    trouble_daemon(run, [f"slow {{}} {random.choice([5, 50, 400, 2000])}"], random.uniform(2, 6))
+
+
+def undisturbed(run, slot, begin):
+    """True when the slot's daemon has been well, its family at rest and the master there from begin
+    on, and what was before is over."""
+    since = run.well_since[slot]
+    return (since is not None and since + WELL_AFTER < begin
+            and run.moved_at[CARDS[slot][1]] + BACK_AFTER < begin
+            and run.master_at is not None and run.master_at + BACK_AFTER < begin)
+
+
 def read_all(run):
-    rows = snmp(run, "snmpbulkwalk", BASE, timeout=8).count("\n")
-    run.count("walks" if rows > 1 else "walks cut short")
+    """A walk goes past the cards that are in trouble, and misses no other."""
+    begin = time.monotonic()
+    quiet = at_rest() == FAMILIES
+    slots = [slot for slot in CARDS if quiet and undisturbed(run, slot, begin)]
+    rows = snmp(run, "snmpbulkwalk", BASE).split("\n")
+    seen = {int(row.split(" ")[0].split(".")[-1]) for row in rows if row.startswith(".")}
+    run.count("walks" if len(rows) > 1 else "walks cut short")
+    if at_rest() == FAMILIES and run.busy.is_set():
+        run.count("walks that were looked at" if slots else "other walks")
+        for slot in slots:
+            if slot not in seen and undisturbed(run, slot, begin):
+                run.fail(f"a walk of {time.monotonic() - begin:.1f} s misses slot {slot}; it ends "
+                         f"\"{rows[-1]}\"")
+
+
+def value_cell(slot):
+    """A cell of the slot, and the daemon's name of the value behind it."""
+    family = CARDS[slot][3]
+    if CARDS[slot][0] == "psu4":
+        return f"{BASE}.{family}.10.1.1.3.1.1.{slot}", "300 0"
+    return f"{BASE}.{family}.10.1.1.2.2.{slot}", "101 1"
+
+
+def read_one(run):
+    """A value of a card that has no part in the troubles: it comes, whatever the others do."""
+    begin = time.monotonic()
+    slots = [slot for slot in CARDS
+             if CARDS[slot][1] in at_rest() and undisturbed(run, slot, begin)]
+    if not slots:
+        time.sleep(0.1)
+        return
+    slot = random.choice(slots)
+    answer = snmp(run, "snmpget", value_cell(slot)[0])
+    seconds = time.monotonic() - begin
+    if answer.endswith(f" {run.values[slot]}"):
+        run.count("values read")
+        run.slowest = max(run.slowest, seconds)
+    elif undisturbed(run, slot, begin) and CARDS[slot][1] in at_rest() and run.busy.is_set():
+        run.count("values lost")
+        run.fail(f"slot {slot} has no part in the troubles, its value {run.values[slot]} is read "
+                 f"as \"{answer}\" after {seconds:.1f} s")
+    time.sleep(0.02)
 
 
 def write_values(run):
@@ -208,11 +325,13 @@ def write_values(run):
     snmp(run, "snmpset", f"{BASE}.{family}.11.1.1.3.{random.randint(1, 4)}.{slot}", "i",
          str(random.randint(1, 2)), timeout=8)
     run.count("writes")
+    time.sleep(random.uniform(0.1, 1))  # while one waits for a daemon, so do all other requests
 
 
 def kill_master(run):
     time.sleep(random.uniform(10, 40))
     if run.busy.is_set():
+        run.master_at = None
         run.master.kill()
         run.count("masters killed")
 
@@ -229,10 +348,12 @@ def supervise_master(run):
     while not run.over:
         status = run.master.poll()
         if status is not None and not run.over:
+            run.master_at = None
             if status != -9:
                 run.count("masters that died of themselves")
             time.sleep(1)
             start_master(run)
+            run.master_at = time.monotonic()
             run.count("masters started again")
         time.sleep(0.1)
 
@@ -241,15 +362,12 @@ def supervise_master(run):
 
 
 def settle(run):
-    """Ends all disturbances and plugs every card anew: a master of its family that registered twice
-    has forgotten the others."""
+    """Ends all disturbances and plugs every card anew."""
     run.busy.clear()
-    time.sleep(12)  # as long as a request can last
+    time.sleep(14)  # as long as a request or a trouble can last
     for slot in CARDS:
         chassis(run, f"resume {slot}")
-        chassis(run, f"unplug {slot}")
-    for slot in CARDS:
-        chassis(run, f"plug {slot}")
+    plug_anew(run, FAMILIES)
 
 
 def eventually(condition, patience=30):
@@ -264,16 +382,17 @@ def eventually(condition, patience=30):
 def slot_answers(run, slot):
     """A value, a text, a write and a switch of the slot; of a power supply a value."""
     product, _, _, family = CARDS[slot]
+    cell, value = value_cell(slot)
     number = random.randrange(1, 400)
+    chassis(run, f"set {slot} {value} {number}")
+    run.values[slot] = number
     if product == "psu4":
-        chassis(run, f"set {slot} 300 0 {number}")
-        return snmp(run, "snmpget", f"{BASE}.{family}.10.1.1.3.1.1.{slot}").endswith(f" {number}")
+        return snmp(run, "snmpget", cell).endswith(f" {number}")
     port = f"{BASE}.{family}.10.1.1"
     switch = f"{BASE}.{family}.11.1.1.3.2.{slot}"
-    chassis(run, f"set {slot} 101 1 {number}")
     snmp(run, "snmpset", f"{port}.4.2.{slot}", "s", f"port {number}")
     snmp(run, "snmpset", switch, "i", "1")
-    return (snmp(run, "snmpget", f"{port}.2.2.{slot}").endswith(f" {number}")
+    return (snmp(run, "snmpget", cell).endswith(f" {number}")
             and f"port {number}" in chassis(run, f"get {slot} 103 1")
             and snmp(run, "snmpget", switch).endswith(" 1"))
 
@@ -307,11 +426,11 @@ def check_log(run):
 
 
 def main():
-    run = Run(sys.argv[1], float(sys.argv[2]))
+    run = Run(sys.argv[1], float(sys.argv[2]), "valgrind" in sys.argv[3:])
     start(run)
     check_slots(run, "at the start")
-    actions = [move_cards, raise_faults, trouble_daemons, read_all, read_all, read_all,
-               write_values, kill_master]
+    actions = [move_cards, raise_faults, trouble_daemons, hang_daemon, slow_daemon,
+               read_all, read_all, read_all, read_one, read_one, write_values, kill_master]
     for action in actions:
         threading.Thread(target=disturb, args=(run, action), daemon=True).start()
     threading.Thread(target=supervise_master, args=(run,), daemon=True).start()
@@ -333,14 +452,15 @@ def main():
     run.over = True
     run.busy.set()
     if len(use) == 2:
-        if use[1][0] > use[0][0] + 512:
+        if use[1][0] > use[0][0] + 512 and not run.valgrind:
             run.fail(f"resident memory grew by {use[1][0] - use[0][0]} KB")
         if use[1][1] != use[0][1]:
             run.fail(f"descriptors went from {use[0][1]} to {use[1][1]}")
     check_log(run)
     with open("/tmp/traps.log", encoding="ascii", errors="replace") as traps:
         run.counts["traps received"] = traps.read().count("1.3.6.1.6.3.1.1.4.1.0")
-    print("soak:", ", ".join(f"{number} {what}" for what, number in run.counts.items()))
+    print("soak:", ", ".join(f"{number} {what}" for what, number in run.counts.items()),
+          f"(the slowest after {run.slowest:.1f} s)")
     run.agent.terminate()
     if not run.failures and run.agent.wait(20) != 0:
         run.fail(f"the agent's exit status is {run.agent.returncode}")
