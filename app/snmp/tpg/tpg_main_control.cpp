@@ -68,8 +68,9 @@ void tpg_control_open(tpg_context_t* ctx)
             TPG_DEBUG(ctx, "operators are served at %s", path);
             return;
         }
+        TPG_INFO(ctx, "operators cannot be served at %s, %s", path, strerror(errno));
     }
-    TPG_WARN(ctx, "no socket for operators, %s", strerror(errno));
+    TPG_WARN(ctx, "operators are not served");
 }
 
 static int listen_at(tpg_context_t* ctx, const char* path)
