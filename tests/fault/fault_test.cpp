@@ -57,18 +57,18 @@ const std::regex
 const std::vector<std::string> SILENT_LIFE = {
     "unlink /mnt/flash0/cards/fam_slot03/sendtrap.json.new", /* the next save writes over it */
     "unlink /tmp/.tpg_svr", /* a stale one is noticed by the listener that it keeps out */
-    "getrlimit64",            /* the least limit is taken to hold */
+    "getrlimit64",          /* the least limit is taken to hold */
 };
 const std::vector<std::string> SILENT_START = {
     "unlink /tmp/.tpg_svr",
+    "unlink /run/tpg.ctl",     /* so is a stale socket of the operators; at the end it is removed */
+    "evconnlistener_new_bind", /* of the operators' socket: they are served in /tmp then */
     /* As if nobody had asked for more lines. */
-    "stat64 /tmp/.tpg_debug",
-    "__stat64_time64 /tmp/.tpg_debug",
+    "stat64 /tmp/.tpg_debug", "__stat64_time64 /tmp/.tpg_debug",
     /* As if it were not there, which is logged either way. */
-    "stat64 /var/built_in_jsonmib/",
-    "__stat64_time64 /var/built_in_jsonmib/",
-    "socket",                      /* the way to the system log, for the line of a crash ... */
-    "connect",                     /* ... which then goes to standard error alone */
+    "stat64 /var/built_in_jsonmib/", "__stat64_time64 /var/built_in_jsonmib/",
+    "socket",  /* the way to the system log, for the line of a crash ... */
+    "connect", /* ... which then goes to standard error alone */
 };
 
 /* The start of the agent is followed as far as its loop, which then ends at once. */
