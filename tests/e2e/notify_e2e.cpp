@@ -75,9 +75,13 @@ TEST_F(World, TellsTheServiceManager)
 
 TEST_F(World, JournalGetsEachLineOnce)
 {
+    std::string program;
+    for (const std::string& word : runner() + words_t{TPG_BIN}) {
+        program += " " + word;
+    }
     for (const std::string stream : {"$(stat -Lc %d:%i /proc/self/fd/2)", "1:1"}) {
         w.tpg = proc_start(
-            "tpg", {"sh", "-c", "JOURNAL_STREAM=" + stream + " BASE_BOARD=3100KX exec " TPG_BIN});
+            "tpg", {"sh", "-c", "JOURNAL_STREAM=" + stream + " BASE_BOARD=3100KX exec" + program});
         close(client_connect());
         EXPECT_EQ(proc_end(&w.tpg), 0);
         EXPECT_EQ(log_count(w, "|: TPG exit!"), stream == "1:1" ? 1 : 0);
