@@ -6,7 +6,8 @@
 #   scripts/deps.sh [PACKAGE...]     the packages named are wanted too
 set -eu
 
-packages=(g++ gcc cmake ninja-build pkg-config binutils
+packages=(g++ gcc cmake ninja-build pkg-config binutils smitools
+	libcli11-dev libjsoncpp-dev libvalijson-dev
 	libsnmp-dev libevent-dev libjson-c-dev libsystemd-dev libgtest-dev
 	snmpd snmptrapd snmp iproute2 util-linux "$@")
 
