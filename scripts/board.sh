@@ -5,7 +5,8 @@
 #   scripts/board.sh [CTEST-OPTION...]        for instance: scripts/board.sh -R Registry
 #
 # The libraries come from scripts/board-sysroot.sh, which names the variables it obeys.
-# Exit status: 0 passed, 1 failed, 3 not run ("board: not run: REASON").
+# Exit status: 0 passed, 1 failed; not run ("board: not run: REASON"): 3 the libraries' sources
+# cannot be fetched, 4 packages of the host are missing.
 set -u
 
 top=$(cd "$(dirname "$0")/.." && pwd)
@@ -23,10 +24,11 @@ failed() {
 }
 
 prepare_sysroot() {
-	"$top/scripts/board-sysroot.sh"
-	case $? in
+	local status=0
+	"$top/scripts/board-sysroot.sh" || status=$?
+	case $status in
 	0) ;;
-	3 | 4) exit 3 ;; # the reason has been printed
+	3 | 4) exit $status ;; # the reason has been printed
 	*) failed "no libraries to build with" ;;
 	esac
 }

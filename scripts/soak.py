@@ -40,7 +40,8 @@ EXPLAINED = {
     "a daemon is away": r"slot_no \d+ ipc is down$|connction to slot_no \d+ is not available$"
                         r"|connect slot_no \d+ failed, ",
     "a daemon closed the connection": r"(recv from|send to) slot_no \d+ failed\. ",
-    "the master is away": r"(Warning|Error): Failed to .* the agentx master agent ",
+    "the master is away": r"(Warning|Error): Failed to .* the agentx master agent "
+                          r"|AgentX master agent failed to respond to ping",
     "the request that met it": r"jsonmib_ipc_(send|recv) failed$",
     "the state of a daemon": r"the daemon of slot_no \d+ is away: ",
     "many lines of one kind": r"\d+ more like this (and others )?\(",
@@ -403,11 +404,22 @@ def check_slots(run, when):
             run.fail(f"{when}: slot {slot} does not answer correctly")
 
 
+def descriptors_of(run):
+    """What the agent's descriptors are, sorted; numbers of sockets and pipes are left out."""
+    kinds = []
+    for number in os.listdir(f"/proc/{run.agent.pid}/fd"):
+        try:
+            kinds.append(re.sub(r":\[\d+\]", "", os.readlink(f"/proc/{run.agent.pid}/fd/{number}")))
+        except FileNotFoundError:  # closed meanwhile
+            pass
+    return sorted(kinds)
+
+
 def use_of(run):
     """Resident memory in KB, and descriptors."""
     with open(f"/proc/{run.agent.pid}/status", encoding="ascii") as status:
         memory = int(re.search(r"VmRSS:\s+(\d+)", status.read()).group(1))
-    return memory, len(os.listdir(f"/proc/{run.agent.pid}/fd"))
+    return memory, descriptors_of(run)
 
 
 def check_log(run):
@@ -446,9 +458,11 @@ def main():
             break
         settle(run)
         check_slots(run, when)
+        if use:  # a connection that is just being served is no leak
+            eventually(lambda: descriptors_of(run) == use[0][1])
         use.append(use_of(run))
         print(f"soak: {when} ({time.monotonic() - begin:.0f} s):", f"{use[-1][0]} KB resident,",
-              f"{use[-1][1]} descriptors", flush=True)
+              f"{len(use[-1][1])} descriptors", flush=True)
     run.over = True
     run.busy.set()
     if len(use) == 2:
