@@ -8,6 +8,7 @@
  */
 
 #include "linux_list.h"
+#include "tpg_limits.h"
 #include "tpg_msg_i.h"
 
 #include <cstddef>
@@ -26,21 +27,12 @@ struct netsnmp_tdata_s;
 struct tpg_context_t;
 struct tpg_jsonmib_register_info_t;
 
-constexpr uint32_t TPG_SLOT_MAX = 15; /* slots are numbered 1 to 15 */
-constexpr uint32_t TPG_OID_MAX = 128; /* sub-identifiers of any OID */
-
 /* Built-in documents, named after the product. */
 constexpr char TPG_BUILT_IN_DIR[] = "/var/built_in_jsonmib";
 /* Send-trap switches, one directory a card slot. */
 constexpr char TPG_FLASH_DIR[] = "/mnt/flash0/cards";
 /* Its presence at start raises the log level. */
 constexpr char TPG_DEBUG_MARKER[] = "/tmp/.tpg_debug";
-
-/* Documents above this size are refused. */
-constexpr size_t TPG_FILE_MAX = size_t{4} * 1024 * 1024;
-
-/* Paths and commands are formatted into buffers of this size. */
-constexpr size_t TPG_CMD_MAX = 256;
 
 /* A card's identity is kept as its update message carried it. */
 using tpg_libmib_register_info_t = tpg_libmib_update_t;
@@ -51,9 +43,6 @@ enum class tpg_board_t : int32_t {
 };
 
 /* ---- tables of a card ---- */
-
-constexpr uint32_t JSONMIB_INDEX_MAX = 5; /* indexes a table may list */
-constexpr uint32_t JSONMIB_NAME_MAX = 64;
 
 /* jsonmib_index_info_t.flags */
 constexpr uint32_t JSONMIB_INDEX_SLOT = 1U << 0; /* the value is a card slot */
@@ -95,11 +84,6 @@ struct jsonmib_table_trap_info_t {
 /* jsonmib_table_info_t.flags */
 constexpr uint32_t JSONMIB_TABLE_FAULT = 1U << 0;
 
-/* Send-trap switches: four to a byte, in its low bits. */
-constexpr uint32_t JSONMIB_SENDTRAP_ROW = 1024;
-constexpr uint32_t JSONMIB_SENDTRAP_PER_BYTE = 4;
-constexpr uint32_t JSONMIB_SENDTRAP_POSITIONS = JSONMIB_SENDTRAP_ROW * JSONMIB_SENDTRAP_PER_BYTE;
-
 /* The row that answers a request, and what else the iterator is shown meanwhile. */
 struct jsonmib_seek_t {
     bool active;
@@ -131,8 +115,6 @@ struct jsonmib_table_info_t {
 };
 
 /* ---- withdrawn tables ---- */
-
-constexpr uint32_t JSONMIB_TOMB_MAX = 512;
 
 /* Registrations that have outlived their tables. */
 struct jsonmib_tombs_t {
@@ -206,9 +188,6 @@ struct jsonmib_asked_t {
     uint32_t index;
     uint32_t reply_len; /* in bytes */
 };
-
-/* A connection with more requests than this that were never answered is given up. */
-constexpr uint32_t JSONMIB_DEAD_MAX = 16;
 
 /* What a connection's replies are told apart by. */
 struct jsonmib_replies_t {
@@ -299,8 +278,6 @@ struct tpg_master_link_t {
 
 /* ---- operators ---- */
 
-constexpr uint32_t TPG_CONTROL_PEERS = 4; /* that are served at a time */
-
 struct tpg_control_peer_t {
     tpg_context_t* ctx;
     bufferevent* bev; /* owns the descriptor; null: nobody is connected */
@@ -363,10 +340,6 @@ struct tpg_lev_snmpfd_t {
 };
 
 /* ---- log ---- */
-
-constexpr uint32_t TPG_LOG_SETS = 64; /* a place has its set, and in it room for some */
-constexpr uint32_t TPG_LOG_WAYS = 8;
-constexpr size_t TPG_LOG_LAST_MAX = 96;
 
 /* A place in the source, as the lines about one slot come from it. */
 struct tpg_log_place_t {

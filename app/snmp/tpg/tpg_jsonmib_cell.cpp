@@ -24,9 +24,6 @@ static void set_transaction_aside(netsnmp_request_info*, request_history_t*);
 static void bring_transaction_back(netsnmp_request_info*, request_history_t*);
 static int pass_by(netsnmp_request_info*, int64_t);
 
-constexpr int64_t SETTLE_US = 250000;
-/* In one request; then the event loop gets its turn between any two. */
-constexpr uint32_t PASSED_IN_PLACE_MAX = 16;
 constexpr char HISTORY_NAME[] = "tpg_request_history";
 
 /* A cell whose card has been asked. */
@@ -163,7 +160,7 @@ static void prepare(late_cell_t* cell, netsnmp_request_info* request, const json
     cell->exchange.value = cell->value;
     cell->exchange.walk = next;
     cell->exchange.born = history == nullptr ? 0 : history->born;
-    cell->exchange.patient = history != nullptr && history->passed > PASSED_IN_PLACE_MAX;
+    cell->exchange.patient = history != nullptr && history->passed > JSONMIB_PASSED_MAX;
     cell->exchange.complete = cell_is_complete;
 }
 
@@ -307,7 +304,7 @@ void jsonmib_cells_settle(tpg_context_t* ctx)
 {
     jsonmib_later_t* later = &ctx->jsonmib_later;
     if (later->settled_until == 0) {
-        later->settled_until = jsonmib_now() + SETTLE_US;
+        later->settled_until = jsonmib_now() + JSONMIB_SETTLE_US;
     }
     jsonmib_cells_answer(ctx);
     while (jsonmib_queue_busy(ctx) && jsonmib_now() < later->settled_until) {

@@ -9,8 +9,6 @@
 #include "tpg_jsonmib_ctrl.h"
 #include "tpg_snmp.h"
 
-constexpr uint32_t JSONMIB_CELL_MAX = 256; /* longest string value of a card's table, in bytes */
-
 /* One cell and what is asked of it. */
 struct jsonmib_cell_t {
     tpg_context_t* ctx;

@@ -9,9 +9,6 @@
 
 #include "tpg_jsonmib_ctrl.h"
 
-/* What a manager's request has in all, in microseconds: the master gives up after 12 s. */
-constexpr int64_t JSONMIB_CELL_US = 10000000;
-
 /* Microseconds of the monotonic clock. */
 int64_t jsonmib_now();
 

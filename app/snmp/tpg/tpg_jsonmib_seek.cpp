@@ -37,8 +37,6 @@ static bool fill_lowest(const jsonmib_table_info_t*, size_t, jsonmib_seek_t*);
 /* Entry and column stand between a table's OID and the row's index values. */
 constexpr size_t INDEX_OFS = 2;
 constexpr oid ENTRY = 1;
-/* Of a small table every row, of the largest not more than somebody can read. */
-constexpr uint32_t ALOUD_MAX = 128;
 
 /* ---- a row that is known to be there ---- */
 
@@ -231,7 +229,7 @@ static void aim(jsonmib_table_info_t* jsonmib_table, const netsnmp_handler_regis
     const oid* suffix = var->name + std::min(fixed, var->name_length);
     seek->active = true;
     seek->passed_slots = 0;
-    seek->aloud = is_listened_to() ? ALOUD_MAX : 0;
+    seek->aloud = is_listened_to() ? JSONMIB_ALOUD_MAX : 0;
     if (exact) {
         seek->found = jsonmib_seek_exact(jsonmib_table, suffix, len, seek);
     } else {

@@ -45,7 +45,6 @@ static int legacymib_set_string(legacymib_var_map_t, uint32_t, const legacymib_w
 
 constexpr uint32_t LEGACYMIB_SLOT = 1; /* whose daemon holds every value */
 constexpr char LEGACYMIB_HANDLER_NAME[] = "tpg_legacymib";
-constexpr size_t LEGACYMIB_STRING_MAX = 128;
 /* The daemon's messages count their bytes in 16 bits. */
 constexpr size_t LEGACYMIB_SET_MAX = UINT16_MAX - UEVGEND_DATA_OFS;
 

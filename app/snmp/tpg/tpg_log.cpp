@@ -22,8 +22,7 @@ static void tpg_log_tell_sum(tpg_context_t*, const tpg_log_place_t*);
 static void tpg_log_timer_cb(int, short, void*);
 static const char* tpg_log_tag(tpg_log_level);
 
-constexpr size_t LOG_TEXT_MAX = 2048; /* longer texts are cut */
-constexpr int64_t SUM_MS = 1000;      /* from the first line that is left out to the sum */
+constexpr int64_t SUM_MS = 1000; /* from the first line that is left out to the sum */
 
 tpg_context_t ctx_local;
 char tpg_debug_tokens[TPG_DEBUG_TOKENS][TPG_DEBUG_TOKEN_LEN];
@@ -38,14 +37,14 @@ void tpg_log_write(tpg_context_t* ctx, tpg_log_level level, tpg_log_end end, tpg
                    const char* fmt, ...)
 {
     tpg_log_place_t* place = tpg_log_leave_out(ctx, level, pos);
-    char raw[LOG_TEXT_MAX];
+    char raw[TPG_LOG_TEXT_MAX];
     va_list args;
     va_start(args, fmt);
     vsnprintf(place == nullptr ? raw : place->last,
               place == nullptr ? sizeof(raw) : sizeof(place->last), fmt, args);
     va_end(args);
     if (place == nullptr) {
-        char text[LOG_TEXT_MAX];
+        char text[TPG_LOG_TEXT_MAX];
         tpg_log_escape(text, sizeof(text), raw);
         tpg_log_emit(ctx, level, end, pos, text);
     }
@@ -218,10 +217,10 @@ static void tpg_log_tell_sum(tpg_context_t* ctx, const tpg_log_place_t* place)
     if (place->slot != 0) {
         snprintf(slot, sizeof(slot), ", slot %u", place->slot % 100U);
     }
-    char raw[LOG_TEXT_MAX];
+    char raw[TPG_LOG_TEXT_MAX];
     snprintf(raw, sizeof(raw), "%u more like this%s (%s:%d%s), the last: %s", place->left_out,
              others, place->file, place->line, slot, place->last);
-    char text[LOG_TEXT_MAX];
+    char text[TPG_LOG_TEXT_MAX];
     tpg_log_escape(text, sizeof(text), raw);
     tpg_log_emit(ctx, static_cast<tpg_log_level>(place->level), tpg_log_end::line,
                  {place->file, place->line}, text);

@@ -24,14 +24,6 @@ constexpr char TPG_LOG_IDENT[] = "tpg";
 constexpr uint8_t TPG_LOG_LEVEL_DEFAULT = 6;
 constexpr uint8_t TPG_LOG_LEVEL_DEBUG = 7;
 
-/*
- * A place may write so many lines about a slot at once: 64 tables of a card, or
- * what is wrong with one document, are told of in full. Each line is made up for
- * in the time that follows.
- */
-constexpr int64_t TPG_LOG_BURST = 512;
-constexpr int64_t TPG_LOG_LINE_MS = 200;
-
 /* The part of a source path behind its last slash. */
 constexpr const char* tpg_log_basename(const char* path)
 {
@@ -110,9 +102,6 @@ void tpg_log_close(tpg_context_t* ctx);
             TPG_ERROR(ctx, __VA_ARGS__);                                                           \
         }                                                                                          \
     } while (0)
-
-constexpr int TPG_DEBUG_TOKENS = 8;
-constexpr size_t TPG_DEBUG_TOKEN_LEN = 32; /* with its terminating zero */
 
 extern char tpg_debug_tokens[TPG_DEBUG_TOKENS][TPG_DEBUG_TOKEN_LEN];
 extern int32_t tpg_debug_tokens_total;

@@ -7,10 +7,10 @@
  * process group and an environment of its own, and the signals' defaults.
  */
 
+#include "tpg_limits.h"
+
 #include <cerrno>
 #include <cstring>
-
-constexpr int TPG_COMMAND_SECONDS = 5; /* that a command may take */
 
 /*
  * Runs a line of the shell, and ends what it leaves behind. 0 when the shell

@@ -40,8 +40,6 @@ constexpr mode_t OTHERS = 0177; /* what the socket's mode leaves out */
 constexpr int BACKLOG = 8;
 constexpr timeval IDLE_LIMIT = {30, 0};
 constexpr timeval SEND_LIMIT = {5, 0};
-/* Answers that a peer may leave unread, in bytes. */
-constexpr size_t OUTPUT_MAX = size_t{64} * 1024;
 constexpr char GARBAGE[] = "not a request";
 /* No message is logged below the first level; the last is as much as there is. */
 constexpr int64_t LEVEL_MIN = static_cast<int64_t>(tpg_log_level::error);
@@ -236,7 +234,7 @@ static bool send_answer(tpg_control_peer_t* peer, json_object* answer)
     evbuffer* output = bufferevent_get_output(peer->bev);
     const char* text = json_object_to_json_string_ext(answer, JSON_C_TO_STRING_PLAIN |
                                                                   JSON_C_TO_STRING_NOSLASHESCAPE);
-    return text != nullptr && evbuffer_get_length(output) < OUTPUT_MAX &&
+    return text != nullptr && evbuffer_get_length(output) < TPG_CONTROL_OUTPUT_MAX &&
            evbuffer_add_printf(output, "%s\n", text) > 0;
 }
 

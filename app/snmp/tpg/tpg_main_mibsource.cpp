@@ -57,8 +57,6 @@ static bool locate_built_in(tpg_context_t*, const tpg_libmib_register_info_t*);
 static int reverse_library(tpg_context_t*, const tpg_libmib_register_info_t*);
 
 constexpr size_t WORD = sizeof(uint32_t);
-constexpr size_t SYMBOL_NAME_MAX = 64;
-constexpr uint32_t DATA_SECTION_MAX = 64U * 1024 * 1024; /* of a library; larger ones are refused */
 constexpr char SYMBOL_PREFIX[] = "jsonmib_";
 constexpr char BUILT_IN_FMT[] = "%s/libmib%s.so.json";
 constexpr char LINK_BUILT_IN_FMT[] = "ln -sf %s/libmib%s.so.json %s.json";
@@ -189,7 +187,7 @@ int tpg_get_jsonmib_string(tpg_context_t* ctx, tpg_libmib_register_info_t* libmi
         TPG_INFO(ctx, "Empty jsonmib symbol file.");
         return -1;
     }
-    char name[SYMBOL_NAME_MAX] = {};
+    char name[TPG_SYMBOL_NAME_MAX] = {};
     parse_symbol_line(line, offset, length, name, sizeof(name));
     constexpr size_t PREFIX_LEN = sizeof(SYMBOL_PREFIX) - 1;
     if (strlen(name) < PREFIX_LEN || strcmp(name + PREFIX_LEN, libmib_reginfo->prod_string) != 0) {
@@ -317,9 +315,9 @@ int tpg_proc_data_section(tpg_context_t* ctx, char* libmib_so_dir, uint32_t** da
     if (data_size == 0) {
         return -1;
     }
-    if (data_size > DATA_SECTION_MAX) {
+    if (data_size > TPG_DATA_SECTION_MAX) {
         TPG_ERROR(ctx, "calloc failed, %s: a .data section of %u bytes, the limit is %u",
-                  strerror(EFBIG), data_size, DATA_SECTION_MAX);
+                  strerror(EFBIG), data_size, TPG_DATA_SECTION_MAX);
         return -1;
     }
     /* A section that ends inside a word still gives up its last bytes. */

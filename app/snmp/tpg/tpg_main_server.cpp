@@ -61,11 +61,6 @@ constexpr timeval REREAD_DELAY = {0, 5000};
 constexpr int64_t REST_TURN_US = 1000;
 constexpr timeval LISTEN_RETRY_DELAY = {1, 0};
 constexpr mode_t SOCKET_MODE = 0777; /* processes of any user may connect */
-/* What a client may have waiting in the agent, in bytes; the rest waits in its socket. */
-constexpr size_t INPUT_MAX = size_t{64} * 1024;
-constexpr size_t OUTPUT_MAX = size_t{16} * 1024;
-/* Descriptors that clients leave to the SNMP library, the control channels and files. */
-constexpr rlim_t RESERVED_FDS = 64;
 constexpr char TRACE_READCB[] = "readcb";
 constexpr char READCB_NAME[] = "tpg_svr_conn_readcb";
 
@@ -143,9 +138,10 @@ static bool has_room(tpg_context_t* ctx, int fd)
                  ctx->ipc_clnt_total, TPG_CLIENTS_MAX);
         return false;
     }
-    if (static_cast<rlim_t>(fd) + RESERVED_FDS >= fds) {
-        TPG_WARN(ctx, "refused connection FD %d: descriptors are running out, clients have %llu", fd,
-                 static_cast<unsigned long long>(fds - std::min(fds, RESERVED_FDS)));
+    if (static_cast<rlim_t>(fd) + TPG_RESERVED_FDS >= fds) {
+        TPG_WARN(ctx, "refused connection FD %d: descriptors are running out, clients have %llu",
+                 fd,
+                 static_cast<unsigned long long>(fds - std::min<rlim_t>(fds, TPG_RESERVED_FDS)));
         return false;
     }
     return true;
@@ -194,7 +190,7 @@ void tpg_svr_accept_cb(evconnlistener* listener, int fd, sockaddr* address, int 
     list_add_tail(&client->node, &ctx->ipc_clnt_list);
     ctx->ipc_clnt_total++;
     bufferevent_setcb(bev, tpg_svr_conn_readcb, nullptr, tpg_svr_conn_eventcb, client);
-    bufferevent_setwatermark(bev, EV_READ, 0, INPUT_MAX);
+    bufferevent_setwatermark(bev, EV_READ, 0, TPG_CLIENT_INPUT_MAX);
     if (bufferevent_enable(bev, EV_READ | EV_WRITE) != 0) {
         TPG_ERROR(ctx, "cannot watch connection FD %d", fd);
         free_client(client);
@@ -662,9 +658,9 @@ static int send_update_ack(tpg_context_t* ctx, tpg_ipc_clnt_t* client)
     ack.head.usFlags = 1;
     ack.head.ulPid = static_cast<uint32_t>(getpid());
     const size_t waiting = evbuffer_get_length(bufferevent_get_output(client->bev));
-    if (waiting > OUTPUT_MAX) {
+    if (waiting > TPG_CLIENT_OUTPUT_MAX) {
         TPG_ERROR(ctx, "tpg_libmib_update: send update_ack failed, %s: %zu bytes wait, above %zu",
-                  strerror(ENOBUFS), waiting, OUTPUT_MAX);
+                  strerror(ENOBUFS), waiting, TPG_CLIENT_OUTPUT_MAX);
         return -1;
     }
     const int ret = bufferevent_write(client->bev, &ack, sizeof(ack));

@@ -7,9 +7,6 @@
 
 struct sockaddr;
 
-/* Clients beyond this many are refused. */
-constexpr uint32_t TPG_CLIENTS_MAX = 256;
-
 /* Listens on the client socket, in place of a file that nobody listens on; failure aborts. */
 void tpg_create_svr_listener(tpg_context_t* ctx);
 

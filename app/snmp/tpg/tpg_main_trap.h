@@ -6,9 +6,6 @@
 #include "tpg.h"
 #include "tpg_snmp.h"
 
-/* Flat row positions above this are refused. */
-constexpr uint32_t TPG_TRAP_FLAT_INDEX_MAX = 4099;
-
 /* Sends the traps of one notify; data_len is within the message. All outcomes are logged. */
 void tpg_msg_trap_notify(tpg_context_t* ctx, tpg_msg_trap_notify_t* trap_notify_msg,
                          tpg_ipc_clnt_t* clnt_conn);
