@@ -129,7 +129,7 @@ build_net_snmp() {
 		"$sources/net-snmp/tree/configure" --host=$triplet \
 			--build="$(dpkg-architecture -qDEB_BUILD_GNU_TYPE)" \
 			--prefix=/usr --sysconfdir=/etc CFLAGS=-O2 --disable-static \
-			--with-endianness=big --with-transports="TCP Unix UDP" --without-openssl \
+			--with-endianness=big --with-transports="TCP Unix UDP" --without-openssl --without-pcre \
 			--disable-embedded-perl --without-perl-modules --disable-manuals \
 			--disable-scripts --disable-mibs --disable-applications \
 			--with-mib-modules=agentx --with-default-snmp-version=3 \
