@@ -25,17 +25,10 @@ constexpr uint32_t BENCH_HUNG = UINT32_MAX; /* it reads and answers nothing */
 
 inline sockaddr_un exchange_address(uint32_t slot)
 {
-    sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    if (slot == BENCH_CONTROL) {
-        snprintf(addr.sun_path, sizeof(addr.sun_path), "/tmp/.bench_daemon");
-    } else if (slot == 1) {
-        snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", UEVGEND_SVR_PATH_SLOT1);
-    } else {
-        snprintf(addr.sun_path, sizeof(addr.sun_path), UEVGEND_SVR_PATH_FMT,
-                 static_cast<int>(slot));
+    if (slot != BENCH_CONTROL) {
+        return uevgend_svr_address(slot);
     }
-    return addr;
+    return {AF_UNIX, "/tmp/.bench_daemon"};
 }
 
 /* The slot's connection, made at the first call; -1 when there is no daemon. */

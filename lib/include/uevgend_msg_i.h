@@ -5,8 +5,22 @@
 
 #include "common_msg.h"
 
-constexpr char UEVGEND_SVR_PATH_SLOT1[] = "/tmp/.devm_svr";
-constexpr char UEVGEND_SVR_PATH_FMT[] = "/tmp/.uevgend_svr%d"; /* slots 2 to 15 */
+#include <cstdio>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+/* The address of the daemon that controls the slot, 1 to 15; slot 1 is the controller board. */
+inline sockaddr_un uevgend_svr_address(uint32_t slot_no)
+{
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    if (slot_no == 1) {
+        snprintf(addr.sun_path, sizeof(addr.sun_path), "/tmp/.devm_svr");
+    } else {
+        snprintf(addr.sun_path, sizeof(addr.sun_path), "/tmp/.uevgend_svr%u", slot_no);
+    }
+    return addr;
+}
 
 enum uevgend_msg_type : uint16_t {
     UEVGEND_MSG_GET = 1,

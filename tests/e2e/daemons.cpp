@@ -18,9 +18,7 @@ constexpr auto PATIENCE = std::chrono::milliseconds(4500);
 
 static std::string daemon_path(int slot)
 {
-    char path[sizeof(UEVGEND_SVR_PATH_FMT) + 8];
-    snprintf(path, sizeof(path), UEVGEND_SVR_PATH_FMT, slot);
-    return slot == 1 ? UEVGEND_SVR_PATH_SLOT1 : path;
+    return uevgend_svr_address(static_cast<uint32_t>(slot)).sun_path;
 }
 
 static int32_t value_of(const daemon_t& daemon, uint32_t var, uint32_t index)

@@ -568,8 +568,7 @@ void fuzz_one(tpg_context_t* ctx, std::string_view in)
     codes.clear();
     for (daemon_t& daemon : daemons) {
         const auto slot = &daemon - daemons + 1;
-        daemon.path =
-            slot == 1 ? UEVGEND_SVR_PATH_SLOT1 : "/tmp/.uevgend_svr" + std::to_string(slot);
+        daemon.path = uevgend_svr_address(static_cast<uint32_t>(slot)).sun_path;
         go(&daemon);
         come(&daemon);
     }

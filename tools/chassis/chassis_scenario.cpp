@@ -5,7 +5,6 @@
 #include "uevgend_msg_i.h"
 
 #include <cstddef>
-#include <cstdio>
 #include <span>
 
 namespace
@@ -179,13 +178,11 @@ static int scenario_board(scenario_t* scenario, json_object* board)
 static void scenario_slot_init(chassis_t* chassis, unsigned slot_no)
 {
     chassis_slot_t* const slot = &chassis->slots[slot_no - 1];
-    char path[sizeof(UEVGEND_SVR_PATH_FMT) + 8];
-    snprintf(path, sizeof(path), UEVGEND_SVR_PATH_FMT, static_cast<int>(slot_no));
     slot->chassis = chassis;
     slot->slot_no = slot_no;
     slot->vars.slot_no = slot_no;
     slot->identity.slot_no = static_cast<uint8_t>(slot_no);
-    slot->daemon.path = slot_no == CHASSIS_BOARD_SLOT ? UEVGEND_SVR_PATH_SLOT1 : path;
+    slot->daemon.path = uevgend_svr_address(slot_no).sun_path;
 }
 
 /* Copies a text into the key's field of the card's identity, which keeps a terminating zero. */

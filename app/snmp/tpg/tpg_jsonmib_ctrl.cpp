@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cassert>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <event2/event.h>
@@ -18,7 +17,6 @@
 #include <unistd.h>
 
 static jsonmib_ipc_info_t* ipc_info(tpg_context_t*, uint32_t);
-static void ipc_daemon_address(uint32_t, sockaddr_un*);
 static void ipc_open_socket(tpg_context_t*, jsonmib_ipc_info_t*);
 static int ipc_connect_at_once(int, const sockaddr_un*);
 static void ipc_connect_failed(tpg_context_t*, uint32_t);
@@ -34,18 +32,6 @@ constexpr timeval IPC_TIMEOUT = {5, 0};
 static jsonmib_ipc_info_t* ipc_info(tpg_context_t* ctx, uint32_t slot_no)
 {
     return &ctx->jsonmib_ipc_info[slot_no - 1];
-}
-
-static void ipc_daemon_address(uint32_t slot_no, sockaddr_un* addr)
-{
-    memset(addr, 0, sizeof(*addr));
-    addr->sun_family = AF_UNIX;
-    if (slot_no == 1) {
-        snprintf(addr->sun_path, sizeof(addr->sun_path), "%s", UEVGEND_SVR_PATH_SLOT1);
-    } else {
-        snprintf(addr->sun_path, sizeof(addr->sun_path), UEVGEND_SVR_PATH_FMT,
-                 static_cast<int>(slot_no));
-    }
 }
 
 /* ---- connection ---- */
@@ -81,9 +67,7 @@ static void ipc_connect_failed(tpg_context_t* ctx, uint32_t slot_no)
 int jsonmib_ipc_try_connect(tpg_context_t* ctx, uint32_t slot_no)
 {
     jsonmib_ipc_info_t* info = ipc_info(ctx, slot_no);
-    sockaddr_un addr;
-    ipc_daemon_address(slot_no, &addr);
-
+    const sockaddr_un addr = uevgend_svr_address(slot_no);
     if (!tpg_file_exists(addr.sun_path)) {
         TPG_ERROR(ctx, "slot_no %d ipc is down", slot_no);
         return -1;

@@ -17,6 +17,7 @@
 #include <event2/bufferevent.h>
 #include <event2/event.h>
 #include <event2/listener.h>
+#include <iterator>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
@@ -25,18 +26,34 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+/* A message that clients send. */
+struct message_t {
+    tpg_msg_type type;
+    const char* name;
+    size_t least; /* bytes with the header; a shorter one is refused */
+    void (*dispatch)(tpg_context_t*, tpg_ipc_clnt_t*, const com_msg_head_t*);
+};
+
+/* What one step of the reader came to. */
+enum class step_t : uint8_t {
+    again,   /* the next piece is to be read */
+    done,    /* the header, or the whole message, is there */
+    nothing, /* there is no more to read */
+};
+
 static void listener_error_cb(evconnlistener*, void*);
 static void listener_retry_cb(int, short, void*);
 static bool has_room(tpg_context_t*, int);
 static tpg_ipc_clnt_t* new_client(tpg_context_t*, int, bufferevent*);
 static void free_client(tpg_ipc_clnt_t*);
 static bool serve_message(tpg_ipc_clnt_t*);
-static bool read_message(tpg_context_t*, tpg_ipc_clnt_t*, bufferevent*);
-static int read_header(tpg_context_t*, bufferevent*, int);
-static bool header_accepted(tpg_read_st*);
-static int read_payload(tpg_context_t*, tpg_ipc_clnt_t*, bufferevent*, int);
+static bool read_message(tpg_context_t*, tpg_ipc_clnt_t*);
+static step_t read_header(tpg_context_t*, bufferevent*);
+static bool header_accepted(const com_msg_head_t*);
+static step_t read_payload(tpg_context_t*, tpg_ipc_clnt_t*);
 static void note_first_message(tpg_context_t*, tpg_ipc_clnt_t*, const com_msg_head_t*);
-static void dispatch(tpg_context_t*, tpg_ipc_clnt_t*);
+static const message_t* message_of(uint16_t);
+static void dispatch(tpg_context_t*, tpg_ipc_clnt_t*, const com_msg_head_t*);
 static void dispatch_libmib_update(tpg_context_t*, tpg_ipc_clnt_t*, const com_msg_head_t*);
 static void dispatch_trap_notify(tpg_context_t*, tpg_ipc_clnt_t*, const com_msg_head_t*);
 static int send_update_ack(tpg_context_t*, tpg_ipc_clnt_t*);
@@ -63,11 +80,19 @@ constexpr timeval LISTEN_RETRY_DELAY = {1, 0};
 constexpr mode_t SOCKET_MODE = 0777; /* processes of any user may connect */
 constexpr char TRACE_READCB[] = "readcb";
 constexpr char READCB_NAME[] = "tpg_svr_conn_readcb";
+/* The reader's traces tell how many messages it has read in this call. A message ends the call, so
+ * that it is always this many when there is something to tell. */
+constexpr int PROCESSED = 0;
 
-/* What one step of the reader came to. */
-constexpr int READ_AGAIN = 0;
-constexpr int READ_DONE = 1;
-constexpr int READ_NOTHING = -1;
+/* A new message has its type and layout in tpg_msg_i.h, and here its row and its function. */
+constexpr message_t MESSAGES[] = {
+    {TPG_MSG_LIBMIB_REGISTER, "libmib update", sizeof(tpg_msg_libmib_update_t),
+     dispatch_libmib_update},
+    {TPG_MSG_LIBMIB_UNREGISTER, "libmib update", sizeof(tpg_msg_libmib_update_t),
+     dispatch_libmib_update},
+    /* How long it has to be depends on its data. */
+    {TPG_MSG_TRAP_NOTIFY, "trap notify", sizeof(com_msg_head_t), dispatch_trap_notify},
+};
 
 /* ---- listener ---- */
 
@@ -457,66 +482,27 @@ static bool serve_message(tpg_ipc_clnt_t* client)
 {
     tpg_context_t* ctx = client->ctx;
     TPG_TRACE(ctx, TRACE_READCB, "%s(): enter, state=%d", READCB_NAME, ctx->read_proc.state);
-    return read_message(ctx, client, client->bev);
+    return read_message(ctx, client);
 }
 
 /* True when a whole message was read and dispatched. */
-static bool read_message(tpg_context_t* ctx, tpg_ipc_clnt_t* client, bufferevent* bev)
+static bool read_message(tpg_context_t* ctx, tpg_ipc_clnt_t* client)
 {
     tpg_read_st* reader = &ctx->read_proc;
-    const int processed = 0; /* a message ends the loop */
-    for (;;) {
-        int step = READ_DONE;
-        if (reader->state != TPG_READ_PAYLOAD) {
-            if (reader->state != TPG_READ_HEADER) {
-                reader->state = TPG_READ_HEADER;
-                reader->rd_idx = 0;
-                reader->wr_idx = 0;
-                TPG_TRACE(ctx, TRACE_READCB, "%s(): Invalid state, search for new header",
-                          READCB_NAME);
-            }
-            step = read_header(ctx, bev, processed);
+    step_t step = step_t::again;
+    while (step == step_t::again) {
+        if (reader->state != TPG_READ_HEADER && reader->state != TPG_READ_PAYLOAD) {
+            reader->state = TPG_READ_HEADER;
+            reader->rd_idx = 0;
+            reader->wr_idx = 0;
+            TPG_TRACE(ctx, TRACE_READCB, "%s(): Invalid state, search for new header", READCB_NAME);
         }
-        if (step == READ_DONE) {
-            step = read_payload(ctx, client, bev, processed);
-        }
-        if (step == READ_NOTHING) {
-            return false;
-        }
-        if (step == READ_DONE) {
-            return true;
+        step = reader->state == TPG_READ_HEADER ? read_header(ctx, client->bev) : step_t::done;
+        if (step == step_t::done) {
+            step = read_payload(ctx, client);
         }
     }
-}
-
-static int read_header(tpg_context_t* ctx, bufferevent* bev, int processed)
-{
-    tpg_read_st* reader = &ctx->read_proc;
-    const int32_t missing = HEAD_LEN - reader->wr_idx;
-    TPG_TRACE(ctx, TRACE_READCB, "%s(): to read %d bytes at maximum", READCB_NAME, missing);
-    const auto count = static_cast<int32_t>(
-        bufferevent_read(bev, reader->buf + reader->wr_idx, static_cast<size_t>(missing)));
-    if (count < 1) {
-        TPG_TRACE(ctx, TRACE_READCB, "%s(): bufferevent_read error, processed=%d, state=%d, wr=%d",
-                  READCB_NAME, processed, reader->state, reader->wr_idx);
-        return READ_NOTHING;
-    }
-    reader->wr_idx += count;
-    TPG_TRACE(ctx, TRACE_READCB, "%s(): read %d bytes, wr_idx=%d", READCB_NAME, count,
-              reader->wr_idx);
-    if (reader->wr_idx < HEAD_LEN) {
-        TPG_TRACE(ctx, TRACE_READCB, "not enough for header, go back");
-        return READ_AGAIN;
-    }
-    TPG_TRACE(ctx, TRACE_READCB, "%s(): to check header state=%d", READCB_NAME, reader->state);
-    if (!header_accepted(reader)) {
-        TPG_ERROR(ctx, "%s(): Invalid header", READCB_NAME);
-        reader->wr_idx = 0;
-        reader->state = TPG_READ_HEADER;
-        return READ_AGAIN;
-    }
-    reader->state = TPG_READ_PAYLOAD;
-    return READ_DONE;
+    return step == step_t::done;
 }
 
 static com_msg_head_t header_of(const tpg_read_st* reader)
@@ -526,41 +512,73 @@ static com_msg_head_t header_of(const tpg_read_st* reader)
     return head;
 }
 
-static bool header_accepted(tpg_read_st* reader)
+static step_t read_header(tpg_context_t* ctx, bufferevent* bev)
 {
+    tpg_read_st* reader = &ctx->read_proc;
+    const int32_t missing = HEAD_LEN - reader->wr_idx;
+    TPG_TRACE(ctx, TRACE_READCB, "%s(): to read %d bytes at maximum", READCB_NAME, missing);
+    const auto count = static_cast<int32_t>(
+        bufferevent_read(bev, reader->buf + reader->wr_idx, static_cast<size_t>(missing)));
+    if (count < 1) {
+        TPG_TRACE(ctx, TRACE_READCB, "%s(): bufferevent_read error, processed=%d, state=%d, wr=%d",
+                  READCB_NAME, PROCESSED, reader->state, reader->wr_idx);
+        return step_t::nothing;
+    }
+    reader->wr_idx += count;
+    TPG_TRACE(ctx, TRACE_READCB, "%s(): read %d bytes, wr_idx=%d", READCB_NAME, count,
+              reader->wr_idx);
+    if (reader->wr_idx < HEAD_LEN) {
+        TPG_TRACE(ctx, TRACE_READCB, "not enough for header, go back");
+        return step_t::again;
+    }
+    TPG_TRACE(ctx, TRACE_READCB, "%s(): to check header state=%d", READCB_NAME, reader->state);
     const com_msg_head_t head = header_of(reader);
-    return head.ulPid != 0 && head.usMsgType >= TPG_MSG_LIBMIB_REGISTER &&
-           head.usMsgType <= TPG_MSG_TRAP_NOTIFY && head.usMsgLen >= sizeof(head) &&
-           head.usMsgLen <= TPG_MSG_MAX && tpg_check_parity(&head, TPG_PARITY_KEY) == 0;
+    if (!header_accepted(&head)) {
+        TPG_ERROR(ctx, "%s(): Invalid header", READCB_NAME);
+        reader->wr_idx = 0;
+        reader->state = TPG_READ_HEADER;
+        return step_t::again;
+    }
+    reader->state = TPG_READ_PAYLOAD;
+    return step_t::done;
 }
 
-/* The payload is taken whole or, what has come of it, lost: clients write a message in one piece.
+static bool header_accepted(const com_msg_head_t* head)
+{
+    return head->ulPid != 0 && message_of(head->usMsgType) != nullptr &&
+           head->usMsgLen >= sizeof(*head) && head->usMsgLen <= TPG_MSG_MAX &&
+           tpg_check_parity(head, TPG_PARITY_KEY) == 0;
+}
+
+/*
+ * Only a whole payload counts: what has come of an incomplete one is overwritten by what comes
+ * next. Cards write each message in one piece.
  */
-static int read_payload(tpg_context_t* ctx, tpg_ipc_clnt_t* client, bufferevent* bev, int processed)
+static step_t read_payload(tpg_context_t* ctx, tpg_ipc_clnt_t* client)
 {
     tpg_read_st* reader = &ctx->read_proc;
     const com_msg_head_t head = header_of(reader);
     note_first_message(ctx, client, &head);
     const int32_t wanted = head.usMsgLen - HEAD_LEN;
     const auto count = static_cast<int32_t>(
-        bufferevent_read(bev, reader->buf + reader->wr_idx, static_cast<size_t>(wanted)));
+        bufferevent_read(client->bev, reader->buf + reader->wr_idx, static_cast<size_t>(wanted)));
     if (count < 1) {
         TPG_TRACE(ctx, TRACE_READCB,
                   "%s(): Cannot read payload data, exit  processed=%d, state=%d, wr=%d",
-                  READCB_NAME, processed, reader->state, reader->wr_idx);
-        return READ_NOTHING;
+                  READCB_NAME, PROCESSED, reader->state, reader->wr_idx);
+        return step_t::nothing;
     }
     if (count < wanted) {
         TPG_TRACE(ctx, TRACE_READCB, "%s(): Not enough payload, break", READCB_NAME);
-        return READ_AGAIN;
+        return step_t::again;
     }
     TPG_TRACE(ctx, TRACE_READCB, "%s(): Received a full packet( type=%d, len=%d, rd_idx=%d",
               READCB_NAME, head.usMsgType, head.usMsgLen, reader->rd_idx);
-    dispatch(ctx, client);
+    dispatch(ctx, client, &head);
     reader->state = TPG_READ_HEADER;
     reader->wr_idx = 0;
     reader->rd_idx = 0;
-    return READ_DONE;
+    return step_t::done;
 }
 
 /* What the client says of itself, and what the kernel knows of it. */
@@ -584,32 +602,31 @@ static void note_first_message(tpg_context_t* ctx, tpg_ipc_clnt_t* client,
 
 /* ---- dispatch ---- */
 
-static void dispatch(tpg_context_t* ctx, tpg_ipc_clnt_t* client)
+/* The message of this type, or null. */
+static const message_t* message_of(uint16_t type)
 {
-    const com_msg_head_t head = header_of(&ctx->read_proc);
-    switch (head.usMsgType) {
-    case TPG_MSG_LIBMIB_REGISTER:
-    case TPG_MSG_LIBMIB_UNREGISTER:
-        dispatch_libmib_update(ctx, client, &head);
-        break;
-    case TPG_MSG_TRAP_NOTIFY:
-        dispatch_trap_notify(ctx, client, &head);
-        break;
-    default:
-        TPG_WARN(ctx, "getset: invalid msg_type %d", head.usMsgType);
-        break;
+    const message_t* found = std::ranges::find(MESSAGES, type, &message_t::type);
+    return found != std::end(MESSAGES) ? found : nullptr;
+}
+
+static void dispatch(tpg_context_t* ctx, tpg_ipc_clnt_t* client, const com_msg_head_t* head)
+{
+    const message_t* message = message_of(head->usMsgType);
+    if (message == nullptr) {
+        TPG_WARN(ctx, "getset: invalid msg_type %d", head->usMsgType);
+    } else if (head->usMsgLen < message->least) {
+        TPG_ERROR(ctx, "refused a %s of %u bytes, expected %zu", message->name, head->usMsgLen,
+                  message->least);
+    } else {
+        message->dispatch(ctx, client, head);
     }
 }
 
 static void dispatch_libmib_update(tpg_context_t* ctx, tpg_ipc_clnt_t* client,
                                    const com_msg_head_t* head)
 {
+    (void)head;
     tpg_msg_libmib_update_t message;
-    if (head->usMsgLen < sizeof(message)) {
-        TPG_ERROR(ctx, "refused a libmib update of %u bytes, expected %zu", head->usMsgLen,
-                  sizeof(message));
-        return;
-    }
     memcpy(&message, ctx->read_proc.buf, sizeof(message));
     tpg_msg_libmib_update(ctx, &message, client);
     if (!is_held(client)) {
