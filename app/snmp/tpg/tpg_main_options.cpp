@@ -3,75 +3,124 @@
 #include "tpg_log.h"
 #include "tpg_snmp.h"
 
+#include <algorithm>
+#include <array>
 #include <cstdio>
 #include <getopt.h>
+#include <iterator>
 
-static void set_debug_tokens(char*);
-static void warn_of_option(tpg_context_t*, int, char**);
-
-constexpr option NO_WORDS[] = {{nullptr, 0, nullptr, 0}};
-constexpr option WORDS[] = {
-    {"help", no_argument, nullptr, 'h'},
-    {"version", no_argument, nullptr, 'v'},
-    {nullptr, 0, nullptr, 0},
+/* The command line as it is being read. */
+struct command_line_t {
+    tpg_context_t* ctx;
+    int argc;
+    char** argv;
+    tpg_options_t* options; /* what it asks for */
 };
 
-constexpr char HELP[] = R"(Usage: BASE_BOARD=3100KX|3101KX tpg [OPTION...]
-Serves the cards of a chassis over SNMP, as a sub-agent of the master at 127.0.0.1:705.
+/* An option of one letter, which has an argument. */
+struct letter_t {
+    char letter;
+    const char* argument; /* its name in the help */
+    const char* help;
+    int (*take)(command_line_t*, char*); /* 0, or -1 (logged): the agent is not to start */
+};
 
-  -d LIST      traces: readcb, snmpread, snmptimeout, mibregister, trap (with commas)
-  -D TOKENS    debug output of the SNMP library
-  -L OPTIONS   where the SNMP library logs, as in snmpcmd(1)
-  -t PATH      test mode: a card in slot 8 whose library is PATH
-  --help       print this and end
-  --version    print the version and end
+/* An option of one word, which is all that the agent then does. */
+struct word_t {
+    const char* word;
+    const char* help;
+    void (*tell)();
+};
 
-SIGINT, SIGTERM and SIGQUIT end it. SIGHUP looks for /tmp/.tpg_debug again: while it
-exists, debug lines are logged. The manual page is tpg(8).
-)";
+static int take_traces(command_line_t*, char*);
+static int take_debug_tokens(command_line_t*, char*);
+static int take_log_options(command_line_t*, char*);
+static int take_test_card(command_line_t*, char*);
+static void tell_help();
+static void tell_version();
+static void warn_of_option(tpg_context_t*, int, char**);
+
+constexpr letter_t LETTERS[] = {
+    {'d', "LIST", "traces: readcb, snmpread, snmptimeout, mibregister, trap (with commas)",
+     take_traces},
+    {'D', "TOKENS", "debug output of the SNMP library", take_debug_tokens},
+    {'L', "OPTIONS", "where the SNMP library logs, as in snmpcmd(1)", take_log_options},
+    {'t', "PATH", "test mode: a card in slot 8 whose library is PATH", take_test_card},
+};
+constexpr word_t WORDS[] = {
+    {"help", "print this and end", tell_help},
+    {"version", "print the version and end", tell_version},
+};
+
+/*
+ * What getopt is given. The sign in front keeps all words in their places: the
+ * SNMP library may take the one behind -L for itself. The colon has a missing
+ * argument told apart from an unknown option.
+ */
+constexpr auto ORDERED_OPTIONS = [] {
+    std::array<char, 2 + 2 * std::size(LETTERS) + 1> text = {'-', ':'};
+    size_t end = 2;
+    for (const letter_t& known : LETTERS) {
+        text[end++] = known.letter;
+        text[end++] = ':';
+    }
+    return text;
+}();
+constexpr const char* SHORT_OPTIONS = ORDERED_OPTIONS.data() + 1;
+constexpr int FIRST_WORD = UINT8_MAX + 1; /* above all letters */
 
 bool tpg_options_tell(int argc, char** argv)
 {
-    int told = 0;
-    /* The leading sign keeps the words in their places: -L may take the next one for itself. */
-    while (told != 'h' && told != 'v' && told != -1) {
-        told = getopt_long(argc, argv, "-:t:D:L:d:", WORDS, nullptr); // NOLINT
+    option words[std::size(WORDS) + 1] = {};
+    for (size_t i = 0; i < std::size(WORDS); i++) {
+        words[i] = {WORDS[i].word, no_argument, nullptr, FIRST_WORD + static_cast<int>(i)};
     }
-    optind = 0; /* the words are read again, from the first one */
+    int told = 0;
+    while (told < FIRST_WORD && told != -1) {
+        told = getopt_long(argc, argv, ORDERED_OPTIONS.data(), words, nullptr); // NOLINT
+    }
+    optind = 0; /* the command line is read again, from its beginning */
     if (told == -1) {
         return false;
     }
-    fputs(told == 'h' ? HELP : "tpg " TPG_VERSION "\n", stdout);
+    WORDS[told - FIRST_WORD].tell();
     fflush(stdout);
     return true;
 }
 
+static void tell_help()
+{
+    printf("Usage: BASE_BOARD=3100KX|3101KX tpg [OPTION...]\n"
+           "Serves the cards of a chassis over SNMP, as a sub-agent of the master at "
+           "127.0.0.1:705.\n\n");
+    for (const letter_t& known : LETTERS) {
+        printf("  -%c %-10s%s\n", known.letter, known.argument, known.help);
+    }
+    for (const word_t& known : WORDS) {
+        printf("  --%-11s%s\n", known.word, known.help);
+    }
+    printf("\nSIGINT, SIGTERM and SIGQUIT end it. SIGHUP looks for %s again: while it\n"
+           "exists, debug lines are logged. The manual page is tpg(8).\n",
+           TPG_DEBUG_MARKER);
+}
+
+static void tell_version()
+{
+    printf("tpg %s\n", TPG_VERSION);
+}
+
 int tpg_options_parse(tpg_context_t* ctx, int argc, char** argv, tpg_options_t* options)
 {
-    int option = 0;
-    while ((option = getopt_long(argc, argv, ":t:D:L:d:", NO_WORDS, nullptr)) != -1) { // NOLINT
-        switch (option) {
-        case 't':
-            options->test_card = optarg;
-            TPG_INFO(ctx, "Tpg Agent is running in test mode!");
-            break;
-        case 'D':
-            debug_register_tokens(optarg);
-            snmp_set_do_debugging(1);
-            TPG_INFO(ctx, "Registering net-snmp debug tokens %s", optarg);
-            break;
-        case 'L':
-            if (snmp_log_options(optarg, argc, argv) < 0) {
-                TPG_ERROR(ctx, "snmp_log_options %s failed!", optarg);
-                return -1;
-            }
-            break;
-        case 'd':
-            set_debug_tokens(optarg);
-            break;
-        default:
-            warn_of_option(ctx, option, argv);
-            break;
+    constexpr option NO_WORDS[] = {{nullptr, 0, nullptr, 0}};
+    command_line_t line = {ctx, argc, argv, options};
+    int letter = 0;
+    while ((letter = getopt_long(argc, argv, SHORT_OPTIONS, NO_WORDS, nullptr)) != // NOLINT
+           -1) {
+        const letter_t* known = std::ranges::find(LETTERS, letter, &letter_t::letter);
+        if (known == std::end(LETTERS)) {
+            warn_of_option(ctx, letter, argv);
+        } else if (known->take(&line, optarg) != 0) {
+            return -1;
         }
     }
     for (int i = optind; i < argc; i++) {
@@ -92,8 +141,10 @@ static void warn_of_option(tpg_context_t* ctx, int problem, char** argv)
     }
 }
 
-static void set_debug_tokens(char* list)
+/* What was taken stands on standard output, in the form that test benches read. */
+static int take_traces(command_line_t* line, char* list)
 {
+    (void)line;
     printf("option -d: %s\n", list);
     tpg_debug_tokens_set(list);
     printf("Debug tokens total=%d\n", tpg_debug_tokens_total);
@@ -101,4 +152,29 @@ static void set_debug_tokens(char* list)
         printf("kk=%d, %s\n", i, tpg_debug_tokens[i]);
     }
     fflush(stdout);
+    return 0;
+}
+
+static int take_debug_tokens(command_line_t* line, char* tokens)
+{
+    debug_register_tokens(tokens);
+    snmp_set_do_debugging(1);
+    TPG_INFO(line->ctx, "Registering net-snmp debug tokens %s", tokens);
+    return 0;
+}
+
+static int take_log_options(command_line_t* line, char* log_options)
+{
+    if (snmp_log_options(log_options, line->argc, line->argv) < 0) {
+        TPG_ERROR(line->ctx, "snmp_log_options %s failed!", log_options);
+        return -1;
+    }
+    return 0;
+}
+
+static int take_test_card(command_line_t* line, char* library)
+{
+    line->options->test_card = library;
+    TPG_INFO(line->ctx, "Tpg Agent is running in test mode!");
+    return 0;
 }
