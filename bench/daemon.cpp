@@ -36,13 +36,13 @@ static void answer_due();
 static void end(int fd);
 
 static std::multimap<due_t, owed_t> waiting;
-static uint32_t delays_us[BENCH_SLOTS + 1];
+static uint32_t delays_us[TPG_SLOT_MAX + 1];
 
 int main()
 {
     prctl(PR_SET_TIMERSLACK, 1UL); /* nanosecond */
     const int loop = epoll_create1(EPOLL_CLOEXEC);
-    for (uint32_t slot = BENCH_CONTROL; slot <= BENCH_SLOTS; slot++) {
+    for (uint32_t slot = BENCH_CONTROL; slot <= TPG_SLOT_MAX; slot++) {
         watch(loop, {listen_at(slot), static_cast<uint16_t>(slot), 1});
     }
     for (;;) {
@@ -100,7 +100,7 @@ static int wait_events(int loop, epoll_event* event)
 static void set_pace(int fd)
 {
     bench_pace_t pace = {};
-    if (recv(fd, &pace, sizeof(pace), MSG_WAITALL) != sizeof(pace) || pace.slot > BENCH_SLOTS) {
+    if (recv(fd, &pace, sizeof(pace), MSG_WAITALL) != sizeof(pace) || pace.slot > TPG_SLOT_MAX) {
         end(fd);
         return;
     }

@@ -13,7 +13,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-constexpr uint32_t BENCH_SLOTS = 15;
 constexpr uint32_t BENCH_CONTROL = 0; /* in a slot's place: where the daemons are told their pace */
 
 /* How long a slot's daemon takes for each answer; what comes back says that it holds. */
@@ -34,7 +33,7 @@ inline sockaddr_un exchange_address(uint32_t slot)
 /* The slot's connection, made at the first call; -1 when there is no daemon. */
 inline int exchange_connection(uint32_t slot)
 {
-    static int connections[BENCH_SLOTS + 1];
+    static int connections[TPG_SLOT_MAX + 1];
     if (connections[slot] == 0) {
         const sockaddr_un addr = exchange_address(slot);
         const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);

@@ -109,7 +109,7 @@ static void set_pace(uint32_t slot, uint32_t delay_us)
 static bool get_of_all(void* session)
 {
     std::vector<uint32_t> cells;
-    for (uint32_t slot = 2; slot <= BENCH_SLOTS; slot++) {
+    for (uint32_t slot = 2; slot <= TPG_SLOT_MAX; slot++) {
         for (uint32_t column = 0; column < BENCH_COLUMNS; column++) {
             cells.push_back(cell_at(column, 0, slot));
         }
@@ -275,7 +275,7 @@ static void recover(hang_t* hung, slow_row_t* row)
     }
     void* session = open_session(PATIENT_US);
     const double end = now_us() + RECOVERY_MS * 1000.0;
-    for (uint32_t slot = 1; slot <= BENCH_SLOTS;) {
+    for (uint32_t slot = 1; slot <= TPG_SLOT_MAX;) {
         if (get_slot(session, slot)) {
             slot++;
         } else if (now_us() > end) {
@@ -355,13 +355,13 @@ void measure_slow(void* session, const std::vector<int>& cards, int rounds)
 {
     for (int round = 0; round < rounds; round++) {
         fprintf(stderr, "slow cards: round %d of %d\n", round + 1, rounds);
-        for (uint32_t slot = 1; slot <= BENCH_SLOTS; slot++) {
+        for (uint32_t slot = 1; slot <= TPG_SLOT_MAX; slot++) {
             set_pace(slot, DELAY_US);
         }
         measure_get_of_all(session);
         measure_managers("8 managers, each at a slot of its own, 5 ms", get_slot);
         measure_managers("their daemons by themselves", get_directly);
-        for (uint32_t slot = 1; slot <= BENCH_SLOTS; slot++) {
+        for (uint32_t slot = 1; slot <= TPG_SLOT_MAX; slot++) {
             set_pace(slot, 0);
         }
         fprintf(stderr, "hung cards: round %d of %d\n", round + 1, rounds);

@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <string_view>
 
+constexpr uint32_t TPG_SLOT_MAX = 15; /* slots of a chassis, numbered 1 to 15 */
+
 struct com_msg_head_t {
     uint16_t usMsgType;
     uint16_t usMsgLen; /* whole message in bytes, header included */

@@ -21,7 +21,6 @@
 #include <string>
 #include <vector>
 
-constexpr unsigned CHASSIS_SLOT_MAX = 15;  /* slots are numbered 1 to 15 */
 constexpr unsigned CHASSIS_BOARD_SLOT = 1; /* where the controller board is */
 
 struct chassis_deleter_t {
@@ -149,7 +148,7 @@ struct chassis_t {
     bool swap;                    /* the byte order of the messages is not the host's */
     chassis_ptr_t<event> settled; /* activated when a client's state changed */
     std::string board_type;
-    std::array<chassis_slot_t, CHASSIS_SLOT_MAX> slots; /* by slot number - 1 */
+    std::array<chassis_slot_t, TPG_SLOT_MAX> slots; /* by slot number - 1 */
     chassis_input_t input;
 };
 

@@ -274,8 +274,8 @@ static chassis_slot_t* slot_arg(chassis_t* chassis, const command_t* command,
                                 const std::string& text)
 {
     int64_t slot_no = 0;
-    if (chassis_parse_number(text, 1, CHASSIS_SLOT_MAX, &slot_no) != 0) {
-        printf("error: SLOT must be a number from 1 to %u\n", CHASSIS_SLOT_MAX);
+    if (chassis_parse_number(text, 1, TPG_SLOT_MAX, &slot_no) != 0) {
+        printf("error: SLOT must be a number from 1 to %u\n", TPG_SLOT_MAX);
         return nullptr;
     }
     chassis_slot_t* const slot = &chassis->slots[static_cast<size_t>(slot_no - 1)];

@@ -82,7 +82,7 @@ int chassis_scenario_load(chassis_t* chassis, const std::string& path, std::stri
     if (!root) {
         return -1;
     }
-    for (unsigned slot_no = 1; slot_no <= CHASSIS_SLOT_MAX; slot_no++) {
+    for (unsigned slot_no = 1; slot_no <= TPG_SLOT_MAX; slot_no++) {
         scenario_slot_init(chassis, slot_no);
     }
     scenario_t scenario = {};
@@ -149,7 +149,7 @@ static int scenario_card(scenario_t* scenario, json_object* card)
     }
     if (!json_object_object_get_ex(card, "slot", &slot) ||
         !json_object_is_type(slot, json_type_int) || json_object_get_int64(slot) < 1 ||
-        json_object_get_int64(slot) > CHASSIS_SLOT_MAX) {
+        json_object_get_int64(slot) > TPG_SLOT_MAX) {
         return scenario_fail(scenario, "\"slot\" must be a number from 1 to 15");
     }
     const auto slot_no = static_cast<unsigned>(json_object_get_int64(slot));

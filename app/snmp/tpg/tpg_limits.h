@@ -6,16 +6,19 @@
  * What follows from a message's layout stands with the layout, in lib/include.
  */
 
+#include "common_msg.h"
+
 #include <cstddef>
 #include <cstdint>
 
-/* ---- the chassis and its names ---- */
+/* ---- names ---- */
 
-constexpr uint32_t TPG_SLOT_MAX = 15; /* slots are numbered 1 to 15 */
 constexpr uint32_t TPG_OID_MAX = 128; /* sub-identifiers of any OID */
 
 /* Paths and commands are formatted into buffers of this size. */
 constexpr size_t TPG_CMD_MAX = 256;
+constexpr char TPG_CMD_TOO_LONG[] = "File name too long: a command has at most 255 characters";
+static_assert(TPG_CMD_MAX == 256, "the text above has this number");
 
 /* ---- a card's document and library ---- */
 
@@ -28,6 +31,10 @@ constexpr size_t TPG_SYMBOL_NAME_MAX = 64; /* of a library, with its terminating
 /* Libraries with a larger data section are refused. */
 constexpr uint32_t TPG_DATA_SECTION_MAX = 64U * 1024 * 1024;
 constexpr int TPG_COMMAND_SECONDS = 5; /* that a command may take */
+constexpr char TPG_COMMAND_TOO_LONG[] = "it took more than 5 s";
+static_assert(TPG_COMMAND_SECONDS == 5, "the text above has this number");
+/* Milliseconds for a killed command to go; one that hangs in the kernel takes longer. */
+constexpr int64_t TPG_COMMAND_KILL_MS = 200;
 
 /* ---- cells ---- */
 
@@ -68,8 +75,14 @@ constexpr size_t TPG_CLIENT_INPUT_MAX = size_t{64} * 1024;
 constexpr size_t TPG_CLIENT_OUTPUT_MAX = size_t{16} * 1024;
 /* Descriptors that clients leave to the SNMP library, the control channels and files. */
 constexpr uint32_t TPG_RESERVED_FDS = 64;
+/* One turn of serving what a connection that has ended left behind, in microseconds. */
+constexpr int64_t TPG_CLIENT_REST_US = 1000;
 
 constexpr uint32_t TPG_CONTROL_PEERS = 4; /* operators that are served at a time */
+constexpr int TPG_CONTROL_BACKLOG = 8;    /* that wait to be */
+constexpr int TPG_CONTROL_DEPTH = 4;      /* objects inside one another in a request */
+constexpr long TPG_CONTROL_IDLE_S = 30;   /* seconds without a request */
+constexpr long TPG_CONTROL_SEND_S = 5;    /* seconds until an answer is taken */
 /* Answers that an operator may leave unread, in bytes. */
 constexpr size_t TPG_CONTROL_OUTPUT_MAX = size_t{64} * 1024;
 
@@ -79,6 +92,7 @@ constexpr uint32_t JSONMIB_TOMB_MAX = 512;
 /* ---- log ---- */
 
 constexpr size_t TPG_LOG_TEXT_MAX = 2048; /* longer texts are cut */
+constexpr int64_t TPG_LOG_SUM_MS = 1000;  /* from the first line that is left out to the sum */
 constexpr uint32_t TPG_LOG_SETS = 64;     /* a place has its set, and in it room for some */
 constexpr uint32_t TPG_LOG_WAYS = 8;
 constexpr size_t TPG_LOG_LAST_MAX = 96;

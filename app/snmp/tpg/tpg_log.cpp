@@ -22,8 +22,6 @@ static void tpg_log_tell_sum(tpg_context_t*, const tpg_log_place_t*);
 static void tpg_log_timer_cb(int, short, void*);
 static const char* tpg_log_tag(tpg_log_level);
 
-constexpr int64_t SUM_MS = 1000; /* from the first line that is left out to the sum */
-
 tpg_context_t ctx_local;
 char tpg_debug_tokens[TPG_DEBUG_TOKENS][TPG_DEBUG_TOKEN_LEN];
 int32_t tpg_debug_tokens_total;
@@ -119,7 +117,7 @@ static tpg_log_place_t* tpg_log_leave_out(tpg_context_t* ctx, tpg_log_level leve
     }
     place->left_out++;
     place->level = static_cast<uint8_t>(level);
-    limit->sum_at = limit->sum_at == 0 ? now + SUM_MS : limit->sum_at;
+    limit->sum_at = limit->sum_at == 0 ? now + TPG_LOG_SUM_MS : limit->sum_at;
     return place;
 }
 
@@ -236,7 +234,7 @@ void tpg_log_before_turn(tpg_context_t* ctx)
     if (limit->timer == nullptr) {
         limit->timer = event_new(ctx->levent_base, -1, 0, tpg_log_timer_cb, ctx);
     }
-    const int64_t left = std::clamp<int64_t>(limit->sum_at - tpg_log_now(), 0, SUM_MS);
+    const int64_t left = std::clamp<int64_t>(limit->sum_at - tpg_log_now(), 0, TPG_LOG_SUM_MS);
     const timeval delay = {static_cast<time_t>(left / 1000),
                            static_cast<suseconds_t>(left % 1000 * 1000)};
     limit->timer_runs = limit->timer != nullptr && event_add(limit->timer, &delay) == 0;

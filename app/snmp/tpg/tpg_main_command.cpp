@@ -30,7 +30,6 @@ constexpr char SHELL[] = "/bin/sh";
 constexpr char PATH_VARIABLE[] = "PATH=";
 constexpr int64_t MS_PER_S = 1000;
 constexpr int64_t NS_PER_MS = 1000000;
-constexpr int64_t KILL_PATIENCE = 200; /* ms; a process that hangs in the kernel takes longer */
 
 static volatile sig_atomic_t stop_asked;
 static void (*stop_before[std::size(STOP_SIGNALS)])(int); /* by the position of the signal */
@@ -201,7 +200,7 @@ static int await(pid_t pid, const sigset_t* mask)
         }
     }
     kill(-pid, SIGKILL);
-    const int64_t patience = now_ms() + KILL_PATIENCE;
+    const int64_t patience = now_ms() + TPG_COMMAND_KILL_MS;
     while (waitpid(pid, nullptr, WNOHANG) == 0 && nap_until(patience, mask)) {
     }
     return error;

@@ -37,9 +37,8 @@ static const char* set_trace(tpg_context_t*, json_object*, json_object*);
 static const char* reload(tpg_context_t*, json_object*, json_object*);
 
 constexpr mode_t OTHERS = 0177; /* what the socket's mode leaves out */
-constexpr int BACKLOG = 8;
-constexpr timeval IDLE_LIMIT = {30, 0};
-constexpr timeval SEND_LIMIT = {5, 0};
+constexpr timeval IDLE_LIMIT = {TPG_CONTROL_IDLE_S, 0};
+constexpr timeval SEND_LIMIT = {TPG_CONTROL_SEND_S, 0};
 constexpr char GARBAGE[] = "not a request";
 /* No message is logged below the first level; the last is as much as there is. */
 constexpr int64_t LEVEL_MIN = static_cast<int64_t>(tpg_log_level::error);
@@ -79,8 +78,8 @@ static int listen_at(tpg_context_t* ctx, const char* path)
     unlink(path);
     const mode_t before = umask(OTHERS);
     ctx->control.listener = evconnlistener_new_bind(
-        ctx->levent_base, accept_cb, ctx, LEV_OPT_CLOSE_ON_FREE | LEV_OPT_CLOSE_ON_EXEC, BACKLOG,
-        reinterpret_cast<sockaddr*>(&address), sizeof(address));
+        ctx->levent_base, accept_cb, ctx, LEV_OPT_CLOSE_ON_FREE | LEV_OPT_CLOSE_ON_EXEC,
+        TPG_CONTROL_BACKLOG, reinterpret_cast<sockaddr*>(&address), sizeof(address));
     umask(before);
     ctx->control.path = path;
     return ctx->control.listener == nullptr ? -1 : 0;
@@ -266,8 +265,7 @@ tpg_json_t tpg_control_answer(tpg_context_t* ctx, std::string_view line)
 /* The line's object, or null when it is anything else. */
 static tpg_json_t parse(std::string_view line)
 {
-    constexpr int DEPTH = 4;
-    const tpg_json_tokener_t tokener(json_tokener_new_ex(DEPTH));
+    const tpg_json_tokener_t tokener(json_tokener_new_ex(TPG_CONTROL_DEPTH));
     if (tokener == nullptr || line.empty()) {
         return nullptr;
     }

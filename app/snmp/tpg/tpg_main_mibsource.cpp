@@ -80,9 +80,7 @@ static int format(text_t* out, const char* fmt, ...)
 /* Why a command, or what has to be done for it, failed. */
 static const char* why(int error)
 {
-    static_assert(TPG_CMD_MAX == 256);
-    return error == ENAMETOOLONG ? "File name too long: a command has at most 255 characters"
-                                 : tpg_command_error(error);
+    return error == ENAMETOOLONG ? TPG_CMD_TOO_LONG : tpg_command_error(error);
 }
 
 /* 0 when nothing stands under the name any more. */

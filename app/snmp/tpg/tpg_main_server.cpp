@@ -74,8 +74,6 @@ static void watch_again(tpg_ipc_clnt_t*);
 
 constexpr int32_t HEAD_LEN = sizeof(com_msg_head_t);
 constexpr timeval REREAD_DELAY = {0, 5000};
-/* One turn of serving what a connection that has ended left behind, in microseconds. */
-constexpr int64_t REST_TURN_US = 1000;
 constexpr timeval LISTEN_RETRY_DELAY = {1, 0};
 constexpr mode_t SOCKET_MODE = 0777; /* processes of any user may connect */
 constexpr char TRACE_READCB[] = "readcb";
@@ -314,7 +312,7 @@ static void take_rest(bufferevent* bev)
  */
 static void serve_rest(tpg_ipc_clnt_t* client)
 {
-    const int64_t turn_ends = jsonmib_now() + REST_TURN_US;
+    const int64_t turn_ends = jsonmib_now() + TPG_CLIENT_REST_US;
     while (!is_held(client) && serve_message(client)) {
         if (jsonmib_now() >= turn_ends && event_add(client->rdcb_timer, &REREAD_DELAY) == 0) {
             return;
