@@ -1,12 +1,12 @@
 /* The card author's program: its command line. */
 
-#include "author.h"
+#include "author_check.h"
 
 #include <CLI/CLI.hpp>
 #include <vector>
 
 /* The commands, in the order in which --help lists them. */
-static const std::vector<author_add_t> commands = {};
+static const std::vector<author_add_t> commands = {author_add_check, author_add_schema};
 
 int main(int argc, char** argv)
 {

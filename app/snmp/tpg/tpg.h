@@ -353,6 +353,11 @@ struct tpg_log_place_t {
     char last[TPG_LOG_LAST_MAX]; /* the beginning of the last line left out */
 };
 
+enum class tpg_log_level : int;
+
+/* Takes the text of a message from the agent, which is printable, with the context's argument. */
+using tpg_log_taker_t = void (*)(void* arg, tpg_log_level level, const char* text);
+
 /* How much each of them may write. */
 struct tpg_log_limit_t {
     tpg_log_place_t places[TPG_LOG_SETS][TPG_LOG_WAYS];
@@ -405,6 +410,8 @@ struct tpg_context_t {
     uint8_t log_level;
     uint8_t log_console;
     char reserved[2];
+    tpg_log_taker_t log_taker; /* gets every message, which then goes nowhere else; may be null */
+    void* log_taker_arg;
     tpg_board_t base_board_type;
     uint32_t mib_kx_node_oid;
     const char* board_name;

@@ -51,6 +51,10 @@ void tpg_log_write(tpg_context_t* ctx, tpg_log_level level, tpg_log_end end, tpg
 static void tpg_log_emit(const tpg_context_t* ctx, tpg_log_level level, tpg_log_end end,
                          tpg_log_pos_t pos, const char* text)
 {
+    if (ctx->log_taker != nullptr) {
+        ctx->log_taker(ctx->log_taker_arg, level, text);
+        return;
+    }
     syslog(static_cast<int>(level), "%s:%d: %s", pos.file, pos.line, text);
     if (ctx->log_console == 0) {
         return;
@@ -121,10 +125,11 @@ static tpg_log_place_t* tpg_log_leave_out(tpg_context_t* ctx, tpg_log_level leve
     return place;
 }
 
-/* Whoever debugs gets every line. */
+/* Whoever debugs gets every line, and whoever takes them. */
 static bool tpg_log_is_limited(const tpg_context_t* ctx)
 {
-    return ctx->log_level <= TPG_LOG_LEVEL_DEFAULT && tpg_debug_tokens_total == 0;
+    return ctx->log_taker == nullptr && ctx->log_level <= TPG_LOG_LEVEL_DEFAULT &&
+           tpg_debug_tokens_total == 0;
 }
 
 /* Milliseconds of the monotonic clock. */

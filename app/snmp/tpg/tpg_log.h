@@ -3,7 +3,8 @@
 
 /*
  * The logging rule: a message goes to syslog and, when the context says so,
- * to standard error, if its level passes the context's threshold. The same
+ * to standard error, if its level passes the context's threshold; or to the
+ * context's taker, when a tool has one. The same
  * place in the source does not go on and on about the same slot: what is above
  * its limit is counted, and told of in one line.
  */
