@@ -26,6 +26,9 @@ enum author_status_t : int {
  */
 using author_add_t = void (*)(CLI::App& line, int* status);
 
+/* A document's MIB module. */
+void author_add_mib(CLI::App& line, int* status);
+
 /*
  * Reads a whole file, or standard input when the name is "-", into *text.
  * 0, or -1 with one line on standard error.

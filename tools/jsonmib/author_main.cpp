@@ -6,7 +6,8 @@
 #include <vector>
 
 /* The commands, in the order in which --help lists them. */
-static const std::vector<author_add_t> commands = {author_add_check, author_add_schema};
+static const std::vector<author_add_t> commands = {author_add_check, author_add_schema,
+                                                   author_add_mib};
 
 int main(int argc, char** argv)
 {

@@ -35,6 +35,11 @@ bool jsonmib_fault_is_switch(const jsonmib_table_param_info_t* param)
     return kind_of(param) == column_kind::send_trap;
 }
 
+bool jsonmib_fault_is_state(const jsonmib_table_param_info_t* param)
+{
+    return kind_of(param) == column_kind::state;
+}
+
 int jsonmib_fault_get(const jsonmib_cell_t* cell, jsonmib_ask_t* ask, bool* asks)
 {
     const jsonmib_table_param_info_t* param = cell->param;
