@@ -3,6 +3,7 @@
  * here, with an SNMP library that has no master and no log.
  */
 
+#include "author_agent.h"
 #include "author_check.h"
 #include "tpg_file.h"
 #include "tpg_jsonmib.h"
@@ -21,16 +22,6 @@
 
 using lines_t = std::vector<std::string>;
 
-namespace
-{
-/* The agent, with what it said last and the cards that it has. */
-struct agent_t {
-    tpg_context_t ctx;
-    lines_t lines;
-    std::vector<tpg_jsonmib_register_info_t*> cards;
-};
-} // namespace
-
 static void take_line(void* lines, tpg_log_level level, const char* text)
 {
     if (level == tpg_log_level::error) {
@@ -38,11 +29,10 @@ static void take_line(void* lines, tpg_log_level level, const char* text)
     }
 }
 
-/* The agent of a board with all that it has registered before the first card comes. */
-static agent_t* start_agent()
+author_agent_t* author_agent_start()
 {
     constexpr const char* BOARDS[] = {"3100KX", "3101KX"}; /* a card may be plugged into either */
-    static agent_t agent;
+    static author_agent_t agent;
     if (agent.ctx.log_taker != nullptr) {
         return &agent;
     }
@@ -70,7 +60,7 @@ static int text_file(const author_doc_t& doc, tpg_fd_t* file)
 }
 
 /* Sets refused; the card's record is the agent's. Null when it could not be asked. */
-static const tpg_jsonmib_register_info_t* ask(agent_t* agent, author_doc_t* doc)
+static const tpg_jsonmib_register_info_t* ask(author_agent_t* agent, author_doc_t* doc)
 {
     void* memory = calloc(1, sizeof(tpg_jsonmib_register_info_t));
     auto* card = static_cast<tpg_jsonmib_register_info_t*>(memory);
@@ -189,7 +179,7 @@ static void agree(author_doc_t* doc, const author_node_t* failed, const std::str
 
 int author_ask_agent(std::span<author_doc_t> docs)
 {
-    agent_t* agent = start_agent();
+    author_agent_t* agent = author_agent_start();
     for (author_doc_t& doc : docs) {
         const tpg_jsonmib_register_info_t* card = ask(agent, &doc);
         if (card == nullptr) {
@@ -202,7 +192,7 @@ int author_ask_agent(std::span<author_doc_t> docs)
 
 void author_forget_cards()
 {
-    agent_t* agent = start_agent();
+    author_agent_t* agent = author_agent_start();
     for (tpg_jsonmib_register_info_t* card : agent->cards) {
         jsonmib_release(&agent->ctx, card);
         free(card);

@@ -96,7 +96,6 @@ struct mib_source_table_t {
 };
 
 struct mib_source_t {
-    tpg_context_t* ctx;
     tpg_jsonmib_register_info_t* card; /* the agent's record; it lives until the program ends */
     std::string description, organization, contact;
     std::vector<mib_source_table_t> tables;

@@ -1,32 +1,11 @@
 /* A document as the agent reads it, and the names in it, which the agent only logs. */
 
+#include "author_agent.h"
 #include "author_mib.h"
 #include "tpg_json.h"
 #include "tpg_jsonmib.h"
 #include "tpg_jsonmib_table.h"
-#include "tpg_legacymib_kx.h"
-#include "tpg_log_library.h"
-#include "tpg_main.h"
 #include "tpg_snmp.h"
-
-#include <syslog.h>
-
-/* The agent of either board, with all that it has before the first card comes; it has no master. */
-static tpg_context_t* start_agent()
-{
-    constexpr uint8_t ERRORS_ONLY = 3;
-    static tpg_context_t ctx;
-    setlogmask(LOG_MASK(LOG_EMERG)); /* the lines are for the author, not for the system */
-    ctx.log_level = ERRORS_ONLY;
-    ctx.log_console = 1;
-    tpg_log_library_take(&ctx);
-    setup_tree();
-    for (const char* board : {"3100KX", "3101KX"}) {
-        tpg_board_select(&ctx, board);
-        tpg_legacymib_kx_init(&ctx);
-    }
-    return &ctx;
-}
 
 /* The member of an object when it has the type, or null. */
 static json_object* member(json_object* object, const char* key, json_type type)
@@ -81,9 +60,12 @@ int mib_load(const std::string& text, mib_source_t* source)
         author_say("a document has 1 to %zu bytes, this one has %zu", TPG_FILE_MAX, text.size());
         return -1;
     }
-    source->ctx = start_agent();
-    source->card = &source->ctx->jsonmib_reg_info[TPG_SLOT_MAX - 1];
-    if (jsonmib_proc_registration(source->ctx, text.data(), text.size(), source->card) != 0) {
+    author_agent_t* agent = author_agent_start();
+    source->card = &agent->ctx.jsonmib_reg_info[TPG_SLOT_MAX - 1];
+    if (jsonmib_proc_registration(&agent->ctx, text.data(), text.size(), source->card) != 0) {
+        for (const std::string& line : agent->lines) {
+            author_say("the agent refuses it: %s", line.c_str());
+        }
         return -1;
     }
     const tpg_json_tokener_t tokener(json_tokener_new());

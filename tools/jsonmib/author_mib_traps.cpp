@@ -57,8 +57,9 @@ static bool numbers_of(const mib_table_t& table, numbers_t* numbers)
     numbers->offsets = 0;
     for (const index_rows_t& index : numbers->index) {
         numbers->rows *= index.last - index.first + 1;
-        if (index.step != 0 && (numbers->offsets == 0 || index.step < numbers->offsets)) {
-            numbers->offsets = index.step;
+        const uint32_t distance = index.step > INT32_MAX ? 0 - index.step : index.step;
+        if (distance != 0 && (numbers->offsets == 0 || distance < numbers->offsets)) {
+            numbers->offsets = distance;
         }
     }
     numbers->offsets = std::max(numbers->offsets, 1U);
