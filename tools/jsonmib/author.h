@@ -35,6 +35,9 @@ void author_add_mib(CLI::App& line, int* status);
  */
 int author_read(const std::string& file, std::string* text);
 
+/* Writes to standard output. AUTHOR_FINE, or AUTHOR_MISUSE with one line on standard error. */
+int author_write(const std::string& text);
+
 /* The name to call a file by in messages: "-" is "<stdin>". */
 std::string author_file_name(const std::string& file);
 

@@ -44,3 +44,12 @@ int author_read(const std::string& file, std::string* text)
     author_say("cannot read %s: %s", author_file_name(file).c_str(), strerror(errno));
     return -1;
 }
+
+int author_write(const std::string& text)
+{
+    if (fwrite(text.data(), 1, text.size(), stdout) == text.size() && fflush(stdout) == 0) {
+        return AUTHOR_FINE;
+    }
+    author_say("cannot write: %s", strerror(errno));
+    return AUTHOR_MISUSE;
+}

@@ -1,13 +1,15 @@
 /* The card author's program: its command line. */
 
 #include "author_check.h"
+#include "author_library.h"
 
 #include <CLI/CLI.hpp>
 #include <vector>
 
 /* The commands, in the order in which --help lists them. */
 static const std::vector<author_add_t> commands = {author_add_check, author_add_schema,
-                                                   author_add_mib};
+                                                   author_add_mib, author_add_embed,
+                                                   author_add_extract};
 
 int main(int argc, char** argv)
 {

@@ -57,7 +57,6 @@ static bool locate_built_in(tpg_context_t*, const tpg_libmib_register_info_t*);
 static int reverse_library(tpg_context_t*, const tpg_libmib_register_info_t*);
 
 constexpr size_t WORD = sizeof(uint32_t);
-constexpr char SYMBOL_PREFIX[] = "jsonmib_";
 constexpr char BUILT_IN_FMT[] = "%s/libmib%s.so.json";
 constexpr char LINK_BUILT_IN_FMT[] = "ln -sf %s/libmib%s.so.json %s.json";
 
@@ -187,7 +186,7 @@ int tpg_get_jsonmib_string(tpg_context_t* ctx, tpg_libmib_register_info_t* libmi
     }
     char name[TPG_SYMBOL_NAME_MAX] = {};
     parse_symbol_line(line, offset, length, name, sizeof(name));
-    constexpr size_t PREFIX_LEN = sizeof(SYMBOL_PREFIX) - 1;
+    constexpr size_t PREFIX_LEN = sizeof(TPG_SYMBOL_PREFIX) - 1;
     if (strlen(name) < PREFIX_LEN || strcmp(name + PREFIX_LEN, libmib_reginfo->prod_string) != 0) {
         TPG_ERROR(ctx, "Mismatched jsonmib symbol name[%s] and prod_string[%s]", name,
                   libmib_reginfo->prod_string);
@@ -508,14 +507,13 @@ static int locate_non_generic(tpg_context_t* ctx, const tpg_libmib_register_info
 
 static bool locate_in_library(tpg_context_t* ctx, tpg_libmib_register_info_t* libmib_reginfo)
 {
-    constexpr char NEVER_FROM_LIBRARY[] = "tolvk"; /* its library's document is not to be used */
     constexpr char CALLER[] = "tpg_snmp_register_jsonmib";
     const char* product = libmib_reginfo->prod_string;
     const uint32_t slot = libmib_reginfo->slot_no;
     uint32_t offset = 0;
     uint32_t length = 0;
     if (tpg_get_jsonmib_string(ctx, libmib_reginfo, &offset, &length) != 0 ||
-        strcmp(product, NEVER_FROM_LIBRARY) == 0) {
+        strcmp(product, TPG_NEVER_FROM_LIBRARY) == 0) {
         TPG_ERROR(ctx, "%s(): No json string is found in lib.so file, to try built-in", CALLER);
         return false;
     }

@@ -10,6 +10,12 @@
 
 #include <cstddef>
 
+/* The symbol of a card's document is this and the product. */
+constexpr char TPG_SYMBOL_PREFIX[] = "jsonmib_";
+
+/* The product whose library has a document that is not to be used. */
+constexpr char TPG_NEVER_FROM_LIBRARY[] = "tolvk";
+
 /*
  * Finds the document's symbol in the card's library: its address goes to
  * *offset, its size in bytes to *length. 0, or -1 (logged, both 0 or unusable).

@@ -10,7 +10,6 @@
 #include <cstring>
 #include <string_view>
 
-static int check_update(tpg_context_t*, const tpg_libmib_update_t*);
 static int check_text(tpg_context_t*, const char*, const char*, size_t, std::string_view);
 static bool is_empty(const tpg_jsonmib_register_info_t*);
 static tpg_jsonmib_register_info_t* record_of(tpg_context_t*, uint32_t);
@@ -125,8 +124,7 @@ static int check_text(tpg_context_t* ctx, const char* field, const char* text, s
     return 0;
 }
 
-/* 0 when the card's texts may go into file names and command lines; otherwise logged, and -1. */
-static int check_update(tpg_context_t* ctx, const tpg_libmib_update_t* update)
+int tpg_check_update(tpg_context_t* ctx, const tpg_libmib_update_t* update)
 {
     if (check_text(ctx, "prod_string", update->prod_string, sizeof(update->prod_string),
                    SHELL_SAFE) != 0 ||
@@ -152,7 +150,7 @@ void tpg_proc_libmib_register(tpg_context_t* ctx, tpg_libmib_update_t* libmib_up
 {
     const uint32_t slot = libmib_update->slot_no;
     const tpg_log_slot_t served = tpg_log_serve(ctx, slot);
-    if (slot > TPG_SLOT_MAX || check_update(ctx, libmib_update) != 0 ||
+    if (slot > TPG_SLOT_MAX || tpg_check_update(ctx, libmib_update) != 0 ||
         tpg_check_libmib_path(ctx, libmib_update) != 0) {
         return;
     }
@@ -323,7 +321,7 @@ void tpg_proc_libmib_unregister(tpg_context_t* ctx, tpg_libmib_update_t* libmib_
 {
     const uint32_t slot = libmib_update->slot_no;
     const tpg_log_slot_t served = tpg_log_serve(ctx, slot);
-    if (slot > TPG_SLOT_MAX || check_update(ctx, libmib_update) != 0) {
+    if (slot > TPG_SLOT_MAX || tpg_check_update(ctx, libmib_update) != 0) {
         return;
     }
     TPG_INFO(ctx, "[ Unregistering ] %s:%s version %d.%d.%d on slot %d", libmib_update->prod_string,

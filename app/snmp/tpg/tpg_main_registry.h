@@ -5,6 +5,12 @@
 
 #include "tpg.h"
 
+/*
+ * 0 when the card's texts end inside their fields and may go into file names
+ * and command lines; otherwise logged, and -1.
+ */
+int tpg_check_update(tpg_context_t* ctx, const tpg_libmib_update_t* update);
+
 /* Takes a card in; all outcomes are logged. Slots above 15 are refused without a message. */
 void tpg_proc_libmib_register(tpg_context_t* ctx, tpg_libmib_update_t* libmib_update);
 
