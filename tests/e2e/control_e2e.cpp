@@ -217,8 +217,10 @@ TEST_F(Control, SurvivesWhateverComes)
     tpg_start(&w);
     EXPECT_TRUE(has(ctl({"status"}), "\nno cards\n"));
     EXPECT_EQ(fs::status(TPG_CTL_PATH_TMP).permissions(), fs::perms(0600));
+    fs::remove(TPG_CTL_PATH_TMP);
+    write_file(TPG_CTL_PATH_TMP, "another's");
     proc_end(&w.tpg);
-    EXPECT_FALSE(fs::exists(TPG_CTL_PATH_TMP));
+    EXPECT_TRUE(fs::remove(TPG_CTL_PATH_TMP));
     fs::remove_all(TPG_CTL_PATH);
 
     tpg_start(&w);

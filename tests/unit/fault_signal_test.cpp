@@ -33,7 +33,7 @@ static int child_status(const std::function<void()>& action, void (*before)(int)
         alarm(PATIENCE);
         signal(SIGSEGV, before);
         signal(SIGBUS, SIG_DFL);
-        tpg_socket_note(new_context().get());
+        tpg_socket_note(new_context().get(), tpg_socket::cards, TPG_SVR_PATH);
         tpg_fault_handler_install();
         action();
         _exit(EXIT_SUCCESS);

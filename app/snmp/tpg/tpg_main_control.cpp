@@ -6,6 +6,7 @@
 #include "tpg_log.h"
 #include "tpg_main_levent.h"
 #include "tpg_main_registry.h"
+#include "tpg_main_socket.h"
 #include "tpg_main_status.h"
 
 #include <algorithm>
@@ -81,8 +82,12 @@ static int listen_at(tpg_context_t* ctx, const char* path)
         ctx->levent_base, accept_cb, ctx, LEV_OPT_CLOSE_ON_FREE | LEV_OPT_CLOSE_ON_EXEC,
         TPG_CONTROL_BACKLOG, reinterpret_cast<sockaddr*>(&address), sizeof(address));
     umask(before);
+    if (ctx->control.listener == nullptr) {
+        return -1;
+    }
     ctx->control.path = path;
-    return ctx->control.listener == nullptr ? -1 : 0;
+    tpg_socket_note(ctx, tpg_socket::operators, path);
+    return 0;
 }
 
 void tpg_control_close(tpg_context_t* ctx)
@@ -94,9 +99,9 @@ void tpg_control_close(tpg_context_t* ctx)
         }
     }
     if (control->listener != nullptr) {
+        tpg_socket_remove(tpg_socket::operators); /* closed, it would lose its number */
         evconnlistener_free(control->listener);
         control->listener = nullptr;
-        unlink(control->path);
     }
 }
 

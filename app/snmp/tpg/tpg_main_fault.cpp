@@ -74,7 +74,8 @@ static void fault_handler(int sig, siginfo_t* info, void* context)
         }
     }
     if (!sent_by_someone(info)) {
-        tpg_socket_remove();
+        tpg_socket_remove(tpg_socket::cards);
+        tpg_socket_remove(tpg_socket::operators);
         leave_line(sig);
         before.sa_handler = SIG_DFL;
     }

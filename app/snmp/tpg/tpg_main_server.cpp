@@ -105,7 +105,7 @@ void tpg_create_svr_listener(tpg_context_t* ctx)
                                 LEV_OPT_CLOSE_ON_FREE | LEV_OPT_REUSEABLE | LEV_OPT_CLOSE_ON_EXEC,
                                 -1, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
     assert((ctx->svr_listener));
-    tpg_socket_note(ctx);
+    tpg_socket_note(ctx, tpg_socket::cards, TPG_SVR_PATH);
     evconnlistener_set_error_cb(ctx->svr_listener, listener_error_cb);
     ctx->svr_retry_timer = event_new(ctx->levent_base, -1, 0, listener_retry_cb, ctx);
     assert((ctx->svr_retry_timer));
@@ -119,7 +119,7 @@ void tpg_free_svr_listener(tpg_context_t* ctx)
     if (ctx->svr_listener == nullptr) {
         return;
     }
-    tpg_socket_remove(); /* closed, it would lose its number to another file */
+    tpg_socket_remove(tpg_socket::cards); /* closed, it would lose its number to another file */
     evconnlistener_free(ctx->svr_listener);
     event_free(ctx->svr_retry_timer);
     ctx->svr_listener = nullptr;

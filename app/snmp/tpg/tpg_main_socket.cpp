@@ -9,12 +9,12 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-/* The file that this agent has bound; what is there may be another's by now. */
+/* The files that this agent has bound, by tpg_socket; what is there may be another's by now. */
 static struct {
-    bool known;
+    const char* path; /* null when there is none */
     dev_t device;
     ino_t inode;
-} own;
+} bound[2];
 
 bool tpg_socket_is_taken(tpg_context_t* ctx)
 {
@@ -35,22 +35,23 @@ bool tpg_socket_is_taken(tpg_context_t* ctx)
     return taken;
 }
 
-void tpg_socket_note(tpg_context_t* ctx)
+void tpg_socket_note(tpg_context_t* ctx, tpg_socket which, const char* path)
 {
     struct stat st;
-    if (lstat(TPG_SVR_PATH, &st) != 0) {
-        TPG_WARN(ctx, "%s is left behind at the end, %s", TPG_SVR_PATH, strerror(errno));
+    if (lstat(path, &st) != 0) {
+        TPG_WARN(ctx, "%s is left behind at the end, %s", path, strerror(errno));
         return;
     }
-    own = {true, st.st_dev, st.st_ino};
+    bound[static_cast<size_t>(which)] = {path, st.st_dev, st.st_ino};
 }
 
-void tpg_socket_remove()
+void tpg_socket_remove(tpg_socket which)
 {
     struct stat st;
-    if (own.known && lstat(TPG_SVR_PATH, &st) == 0 && st.st_dev == own.device &&
-        st.st_ino == own.inode) {
-        unlink(TPG_SVR_PATH);
+    auto* own = &bound[static_cast<size_t>(which)];
+    if (own->path != nullptr && lstat(own->path, &st) == 0 && st.st_dev == own->device &&
+        st.st_ino == own->inode) {
+        unlink(own->path);
     }
-    own.known = false;
+    own->path = nullptr;
 }
