@@ -2,6 +2,8 @@
 
 #include "author_doc.h"
 
+#include "tpg_jsonmib_column.h"
+
 #include <algorithm>
 #include <utility>
 
@@ -109,7 +111,7 @@ static uint32_t trap_number(const author_node_t& node, std::string_view key)
     return member == nullptr ? 0 : static_cast<uint32_t>(author_int(*member));
 }
 
-static author_column_t column_of(const author_node_t& node, size_t i)
+static author_column_t column_of(const author_node_t& node, size_t i, bool fault)
 {
     author_column_t column = {};
     column.node = &node;
@@ -122,7 +124,10 @@ static author_column_t column_of(const author_node_t& node, size_t i)
         is_true(node, "table_index") ? JSONMIB_PARAM_INDEX : uint8_t{0},
         static_cast<uint32_t>(int_of(node, "var_id")),
         {int_of(node, "range0"), int_of(node, "range1")},
+        {},
+        {},
     };
+    jsonmib_column_decide(fault ? JSONMIB_TABLE_FAULT : 0, &column.as_read);
     return column;
 }
 
@@ -156,7 +161,7 @@ static void read_columns(author_table_t* table)
     const author_node_t* array = author_member(*table->node, "param_array", json_type_array);
     for (size_t i = 0; array != nullptr && i < array->members.size(); i++) {
         if (is_object(array->members[i])) {
-            table->columns.push_back(column_of(array->members[i], i));
+            table->columns.push_back(column_of(array->members[i], i, table->fault));
         }
     }
 }

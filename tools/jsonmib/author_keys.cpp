@@ -3,7 +3,6 @@
 #include "author_keys.h"
 
 #include "tpg.h"
-#include "tpg_jsonmib_cell.h"
 
 #include <algorithm>
 #include <numeric>

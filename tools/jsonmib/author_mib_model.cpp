@@ -2,8 +2,7 @@
 
 #include "author_mib.h"
 
-#include "tpg_jsonmib_cell.h"
-#include "tpg_jsonmib_fault.h"
+#include "tpg_jsonmib_column.h"
 
 #include <algorithm>
 
@@ -14,7 +13,7 @@ static void add_indexes(const mib_source_table_t&, const std::set<mib_oid_t>&, c
                         mib_table_t*, mib_t*);
 
 /* Rows of more indexes, the slot among them, cannot be asked of a card. */
-constexpr uint8_t INDEXES_ASKED = 3;
+constexpr uint8_t INDEXES_ASKED = JSONMIB_CARD_INDEXES + 1;
 /* Only these columns can show an index: the one of the same position. */
 constexpr uint32_t INDEX_COLUMNS = 2;
 constexpr int32_t STRING_MAX = 255;
@@ -44,7 +43,7 @@ static std::string index_syntax(const jsonmib_index_info_t& index)
 
 static bool is_integer(const jsonmib_table_param_info_t& param)
 {
-    return jsonmib_cell_is_integer(&param);
+    return jsonmib_column_takes_integers(&param);
 }
 
 static bool is_fault(const jsonmib_table_info_t& table)
@@ -125,11 +124,11 @@ static void describe_column(const jsonmib_table_info_t& table, uint32_t number,
                             mib_object_t* object)
 {
     const jsonmib_table_param_info_t& param = table.param_info[number - 1];
-    if ((param.flags & JSONMIB_PARAM_INDEX) != 0) {
+    if (jsonmib_column_is_index(&param)) {
         describe_index_column(table, number, object);
-    } else if (is_fault(table) && jsonmib_fault_is_switch(&param)) {
+    } else if (param.kind == jsonmib_kind_t::send_trap) {
         describe_switch(param, object);
-    } else if (is_fault(table) && jsonmib_fault_is_state(&param)) {
+    } else if (param.kind == jsonmib_kind_t::fault_state) {
         describe_state(param, object);
     } else if (is_integer(param)) {
         describe_integer(param, object);

@@ -3,6 +3,8 @@
 #include "author_check.h"
 #include "author_keys.h"
 
+#include "tpg_jsonmib_column.h"
+
 #include <algorithm>
 
 namespace
@@ -15,13 +17,6 @@ struct place_t {
     const jsonmib_table_param_info_t* param;
     size_t number; /* from 1 */
 };
-
-enum class kind_t {
-    index,
-    state,     /* of a fault */
-    send_trap, /* a switch */
-    plain,
-};
 } // namespace
 
 static void warn(const place_t& place, std::string_view key, const std::string& text)
@@ -30,24 +25,9 @@ static void warn(const place_t& place, std::string_view key, const std::string& 
                 {place.table->label, place.column->label}, text);
 }
 
-static kind_t kind_of(const place_t& place)
-{
-    const jsonmib_table_param_info_t& param = *place.param;
-    if ((param.flags & JSONMIB_PARAM_INDEX) != 0) {
-        return kind_t::index;
-    }
-    if (place.table->fault && param.var_id != 0 && param.range[0] == 0 && param.range[1] == 0) {
-        return kind_t::state;
-    }
-    if (place.table->fault && param.var_id == 0 && param.range[0] != 0 && param.range[1] != 0) {
-        return kind_t::send_trap;
-    }
-    return kind_t::plain;
-}
-
 static bool is_integer(const jsonmib_table_param_info_t& param)
 {
-    return param.type == JSONMIB_TYPE_INT || param.type == JSONMIB_TYPE_INT_SHIFTED;
+    return jsonmib_column_takes_integers(&param);
 }
 
 static bool is_writable(const jsonmib_table_param_info_t& param)
@@ -159,20 +139,22 @@ static void check_range(const place_t& place)
 
 static void check_column(const place_t& place)
 {
-    const kind_t kind = kind_of(place);
+    const jsonmib_kind_t kind = place.param->kind;
     if (place.column->type != place.param->type) {
         warn(place, "type", "it counts as " + std::to_string(place.param->type));
     }
-    if (kind == kind_t::index) {
+    if (jsonmib_column_is_index(place.param)) {
         check_index(place);
-    } else if (kind == kind_t::state) {
+        return;
+    }
+    if (kind == jsonmib_kind_t::fault_state) {
         check_state(place);
-    } else if (kind == kind_t::send_trap) {
+    } else if (kind == jsonmib_kind_t::send_trap) {
         check_switch(place);
     } else {
         check_range(place);
     }
-    if (kind == kind_t::plain && place.param->var_id == 0) {
+    if (kind == jsonmib_kind_t::variable && place.param->var_id == 0) {
         warn(place, "var_id",
              place.table->fault ? "no \"var_id\", though this is neither an index nor a switch"
                                 : "no \"var_id\", though this is no index");
@@ -184,7 +166,7 @@ static void check_variables(author_doc_t* doc, const author_table_t& table)
 {
     std::vector<const author_column_t*> columns;
     for (const author_column_t& column : table.columns) {
-        if (column.as_read.var_id != 0 && (column.as_read.flags & JSONMIB_PARAM_INDEX) == 0) {
+        if (column.as_read.var_id != 0 && !jsonmib_column_is_index(&column.as_read)) {
             columns.push_back(&column);
         }
     }

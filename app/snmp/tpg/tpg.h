@@ -64,13 +64,30 @@ constexpr uint8_t JSONMIB_ACCESS_RW = 2;
 /* jsonmib_table_param_info_t.flags */
 constexpr uint8_t JSONMIB_PARAM_INDEX = 1U << 0; /* served from the row's index values */
 
-/* One column of a table. */
+/* What stands behind a column's cells. */
+enum class jsonmib_kind_t : uint8_t {
+    variable,    /* one of the card's */
+    fault_state, /* of a fault table: the card's, counted from 0 */
+    send_trap,   /* of a fault table: the agent's own switch */
+};
+
+/* How a column's values are read and written. */
+struct jsonmib_coding_t {
+    uint8_t served;     /* ASN_INTEGER, 4 bytes on the card, or ASN_OCTET_STR */
+    uint8_t accepted;   /* of these two, what a manager may write; ASN_NULL: neither */
+    int32_t shift;      /* what the SNMP value is above the card's */
+    int32_t shift_from; /* written values below this go to the card as they are */
+};
+
+/* One column of a table: what its document says, and what that makes it. */
 struct jsonmib_table_param_info_t {
     uint8_t type;
     uint8_t access;
     uint8_t flags;
     uint32_t var_id;  /* the card's number of the variable */
     int32_t range[2]; /* integers: lowest, highest; strings: [1] is the longest length */
+    jsonmib_kind_t kind;
+    jsonmib_coding_t coding;
 };
 
 /* How a fault table's rows become trap numbers. */

@@ -208,7 +208,7 @@ static int serve_value(tpg_context_t* ctx, const jsonmib_ask_t* ask, const uint8
     if (ask->type == ASN_INTEGER) {
         uint32_t integer = 0;
         memcpy(&integer, value, sizeof(integer));
-        integer += ask->shift;
+        integer += static_cast<uint32_t>(ask->shift);
         snmp_set_var_typed_value(var, ASN_INTEGER, &integer, sizeof(integer));
         return SNMP_ERR_NOERROR;
     }
@@ -326,11 +326,6 @@ void jsonmib_cells_turn_over(tpg_context_t* ctx)
 
 /* ---- what generic and fault tables share ---- */
 
-bool jsonmib_cell_is_integer(const jsonmib_table_param_info_t* param)
-{
-    return param->type == JSONMIB_TYPE_INT || param->type == JSONMIB_TYPE_INT_SHIFTED;
-}
-
 /* Index columns are expected to be columns 1 and 2. */
 int jsonmib_cell_serve_index(const jsonmib_cell_t* cell)
 {
@@ -365,14 +360,11 @@ jsonmib_ask_t jsonmib_cell_ask(const jsonmib_cell_t* cell, int32_t length)
     ask.var_id = param->var_id;
     ask.index = cell->index;
     ask.range_max = param->range[1];
-    if (jsonmib_cell_is_integer(param)) {
-        ask.type = ASN_INTEGER;
-        ask.length = sizeof(int32_t);
-        ask.shift = param->type == JSONMIB_TYPE_INT_SHIFTED ? 1 : 0;
-    } else {
-        ask.type = ASN_OCTET_STR;
-        ask.length = static_cast<uint32_t>(std::clamp<int32_t>(length, 0, JSONMIB_CELL_MAX));
-    }
+    ask.type = param->coding.served;
+    ask.shift = param->coding.shift;
+    ask.length = ask.type == ASN_INTEGER
+                     ? sizeof(int32_t)
+                     : static_cast<uint32_t>(std::clamp<int32_t>(length, 0, JSONMIB_CELL_MAX));
     return ask;
 }
 
@@ -384,12 +376,6 @@ int32_t jsonmib_cell_written_integer(const jsonmib_cell_t* cell)
         memcpy(&value, var->val.string, std::min(var->val_len, sizeof(value)));
     }
     return static_cast<int32_t>(value);
-}
-
-int32_t jsonmib_cell_card_integer(const jsonmib_cell_t* cell)
-{
-    const int32_t value = jsonmib_cell_written_integer(cell);
-    return cell->param->type == JSONMIB_TYPE_INT_SHIFTED && value > 0 ? value - 1 : value;
 }
 
 /* ---- writing ---- */
@@ -416,16 +402,26 @@ static int write_data(const jsonmib_cell_t* cell, const uint8_t* data, uint32_t 
     return result == 0 ? SNMP_ERR_NOERROR : failed(cell->ctx, &ask, result);
 }
 
-int jsonmib_cell_write_integer(const jsonmib_cell_t* cell, int32_t value)
+/* The written integer as the card counts. */
+static int write_integer(const jsonmib_cell_t* cell)
 {
+    const jsonmib_coding_t* coding = &cell->param->coding;
+    const int32_t written = jsonmib_cell_written_integer(cell);
+    auto value = static_cast<uint32_t>(written);
+    if (written >= coding->shift_from) {
+        value -= static_cast<uint32_t>(coding->shift);
+    }
     uint8_t data[sizeof(value)];
     memcpy(data, &value, sizeof(value));
     return write_data(cell, data, sizeof(data), integer_unwritten);
 }
 
-int jsonmib_cell_write_string(const jsonmib_cell_t* cell,
-                              int (*failed)(tpg_context_t*, const jsonmib_ask_t*, int))
+int jsonmib_cell_write(const jsonmib_cell_t* cell,
+                       int (*string_unwritten)(tpg_context_t*, const jsonmib_ask_t*, int))
 {
+    if (cell->param->coding.served == ASN_INTEGER) {
+        return write_integer(cell);
+    }
     uint8_t text[JSONMIB_CELL_MAX] = {};
     const netsnmp_variable_list* var = cell->var;
     size_t length = 0;
@@ -433,5 +429,5 @@ int jsonmib_cell_write_string(const jsonmib_cell_t* cell,
         length = std::min<size_t>(var->val_len, sizeof(text));
         memcpy(text, var->val.string, length);
     }
-    return write_data(cell, text, static_cast<uint32_t>(length), failed);
+    return write_data(cell, text, static_cast<uint32_t>(length), string_unwritten);
 }

@@ -18,9 +18,8 @@ struct jsonmib_cell_t {
     const netsnmp_table_request_info* row; /* its index values */
     int mode;
     uint32_t colnum;
-    uint32_t instance;   /* card slot */
-    uint32_t index;      /* of the variable, as the card counts */
-    uint32_t index2_max; /* three-index fault tables: highest second index */
+    uint32_t instance; /* card slot */
+    uint32_t index;    /* of the variable, as the card counts */
 };
 
 /* What a cell asks its card. */
@@ -30,7 +29,7 @@ struct jsonmib_ask_t {
     uint32_t index;
     uint32_t length;     /* data bytes asked for, at most JSONMIB_CELL_MAX, or written */
     u_char type;         /* of the value for the manager: ASN_INTEGER or ASN_OCTET_STR */
-    uint32_t shift;      /* is added to an integer */
+    int32_t shift;       /* is added to an integer */
     int32_t range_max;   /* of the column, for the log */
     const uint8_t* data; /* a SET's */
     size_t written_len;  /* what the manager wrote, before it was cut */
@@ -82,9 +81,6 @@ void jsonmib_cells_turn_over(tpg_context_t* ctx);
 
 /* ---- what generic and fault tables share ---- */
 
-/* True for a column of one of the integer types. */
-bool jsonmib_cell_is_integer(const jsonmib_table_param_info_t* param);
-
 /* Serves an index column; an SNMP error status. */
 int jsonmib_cell_serve_index(const jsonmib_cell_t* cell);
 
@@ -98,14 +94,13 @@ jsonmib_ask_t jsonmib_cell_ask(const jsonmib_cell_t* cell, int32_t length);
  */
 int32_t jsonmib_cell_written_integer(const jsonmib_cell_t* cell);
 
-/* The same as the card counts, by the column's type. */
-int32_t jsonmib_cell_card_integer(const jsonmib_cell_t* cell);
-
-/* Writes an integer, or the bytes that the manager wrote, to the cell's card and waits for that; an
- * SNMP error status. */
-int jsonmib_cell_write_integer(const jsonmib_cell_t* cell, int32_t value);
-int jsonmib_cell_write_string(const jsonmib_cell_t* cell,
-                              int (*failed)(tpg_context_t* ctx, const jsonmib_ask_t* ask,
-                                            int result));
+/*
+ * Writes what the manager wrote to the card: the integer as the card counts, or
+ * the bytes, cut to what a cell can hold. string_unwritten is as failed of
+ * jsonmib_ask_t. An SNMP error status.
+ */
+int jsonmib_cell_write(const jsonmib_cell_t* cell,
+                       int (*string_unwritten)(tpg_context_t* ctx, const jsonmib_ask_t* ask,
+                                               int result));
 
 #endif

@@ -1,6 +1,7 @@
 #include "tpg_jsonmib_fault.h"
 
 #include "tpg_db.h"
+#include "tpg_jsonmib_index.h"
 #include "tpg_jsonmib_rows.h"
 #include "tpg_log.h"
 
@@ -12,58 +13,25 @@ static int set_switch(const jsonmib_cell_t*);
 
 /* ---- columns ---- */
 
-/* What a column of a fault table is. */
-enum class column_kind {
-    state,     /* a card variable counted from 0 */
-    send_trap, /* the agent's own switch */
-    regular,
-};
-
-static column_kind kind_of(const jsonmib_table_param_info_t* param)
+/* Those of the card that are no fault state; managers' tools read the texts. */
+static void debug_regular(const jsonmib_table_param_info_t* param)
 {
-    if (param->var_id != 0 && param->range[0] == 0 && param->range[1] == 0) {
-        return column_kind::state;
-    }
-    if (param->var_id == 0 && param->range[0] != 0 && param->range[1] != 0) {
-        return column_kind::send_trap;
-    }
-    return column_kind::regular;
-}
-
-bool jsonmib_fault_is_switch(const jsonmib_table_param_info_t* param)
-{
-    return kind_of(param) == column_kind::send_trap;
-}
-
-bool jsonmib_fault_is_state(const jsonmib_table_param_info_t* param)
-{
-    return kind_of(param) == column_kind::state;
+    DEBUGMSGTL(("jsonmib", "regular trap table param var_id %d range[%d:%d]\n", param->var_id,
+                param->range[0], param->range[1]));
 }
 
 int jsonmib_fault_get(const jsonmib_cell_t* cell, jsonmib_ask_t* ask, bool* asks)
 {
     const jsonmib_table_param_info_t* param = cell->param;
-    if ((param->flags & JSONMIB_PARAM_INDEX) != 0) {
-        return jsonmib_cell_serve_index(cell);
-    }
-    DEBUGMSGTL((
-        "jsonmib", "MODE_GET: param_info: type %d, access %d, flags %d, var_id %d, range[%d:%d]\n",
-        param->type, param->access, param->flags, param->var_id, param->range[0], param->range[1]));
-    const column_kind kind = kind_of(param);
-    if (kind == column_kind::send_trap) {
+    if (param->kind == jsonmib_kind_t::send_trap) {
         return get_switch(cell);
     }
-    *ask = jsonmib_cell_ask(cell, param->range[1]);
-    if (kind == column_kind::state) {
-        ask->type = ASN_INTEGER;
-        ask->length = sizeof(int32_t);
-        ask->shift = 1;
-    } else {
-        DEBUGMSGTL(("jsonmib", "regular trap table param var_id %d range[%d:%d]\n", param->var_id,
-                    param->range[0], param->range[1]));
+    if (param->kind == jsonmib_kind_t::variable) {
+        debug_regular(param);
         TPG_ERROR(cell->ctx, "regular trap table param var_id %d range[%d:%d] ,type=%d",
                   param->var_id, param->range[0], param->range[1], param->type);
     }
+    *ask = jsonmib_cell_ask(cell, param->range[1]);
     ask->failed = unread;
     *asks = true;
     return SNMP_ERR_NOERROR;
@@ -79,21 +47,14 @@ static int unread(tpg_context_t* ctx, const jsonmib_ask_t* ask, int result)
 
 int jsonmib_fault_set(const jsonmib_cell_t* cell)
 {
-    const jsonmib_table_param_info_t* param = cell->param;
-    const column_kind kind = kind_of(param);
-    if (kind == column_kind::state) {
-        const auto written = static_cast<uint32_t>(jsonmib_cell_written_integer(cell));
-        return jsonmib_cell_write_integer(cell, static_cast<int32_t>(written - 1));
-    }
-    if (kind == column_kind::send_trap) {
+    const jsonmib_kind_t kind = cell->param->kind;
+    if (kind == jsonmib_kind_t::send_trap) {
         return set_switch(cell);
     }
-    DEBUGMSGTL(("jsonmib", "regular trap table param var_id %d range[%d:%d]\n", param->var_id,
-                param->range[0], param->range[1]));
-    if (jsonmib_cell_is_integer(param)) {
-        return jsonmib_cell_write_integer(cell, jsonmib_cell_card_integer(cell));
+    if (kind == jsonmib_kind_t::variable) {
+        debug_regular(cell->param);
     }
-    return jsonmib_cell_write_string(cell, string_unwritten);
+    return jsonmib_cell_write(cell, string_unwritten);
 }
 
 static int string_unwritten(tpg_context_t* ctx, const jsonmib_ask_t* ask, int result)
@@ -108,23 +69,22 @@ static int string_unwritten(tpg_context_t* ctx, const jsonmib_ask_t* ask, int re
 /* ---- send-trap switches ---- */
 
 /*
- * The flat position of the row's send-trap switch. Out of the slot's row it is
+ * The position of the row's send-trap switch. It is told from as many bytes of
+ * the card's index as the row has indexes: of a table's only index, the values
+ * above 256 share the switches of those below. Out of the slot's row it is
  * refused with tooBig, a status that managers of these cards have come to know.
  */
 static int switch_position(const jsonmib_cell_t* cell, uint32_t* position)
 {
-    const uint32_t index1 = cell->index & 0xffU;
-    const uint32_t index2 = (cell->index >> 8U) & 0xffU;
-    uint64_t flat = 0;
-    if (cell->row->number_indexes == 2) {
-        flat = index1;
-    } else if (cell->row->number_indexes == 3) {
-        flat = static_cast<uint64_t>(index2) * cell->index2_max + index1;
-    }
+    const uint32_t total = cell->row->number_indexes - 1; /* the last one is the slot */
+    const uint32_t index = jsonmib_index_bytes(cell->index, total);
+    const uint64_t flat = jsonmib_index_position(cell->table, index, total);
     if (flat >= JSONMIB_SENDTRAP_POSITIONS) {
+        const jsonmib_index_parts_t parts = jsonmib_index_parts(index, total);
         TPG_ERROR(cell->ctx,
                   "xxxSendTrap index Out of range. index2(%d)*index2_max(%d)+index1(%d) >= (%d)",
-                  index2, cell->index2_max, index1, JSONMIB_SENDTRAP_POSITIONS);
+                  parts.part[0], cell->table->index_info[1].range[1], parts.part[1],
+                  JSONMIB_SENDTRAP_POSITIONS);
         return SNMP_ERR_TOOBIG;
     }
     *position = static_cast<uint32_t>(flat);

@@ -15,12 +15,6 @@ int jsonmib_fault_get(const jsonmib_cell_t* cell, jsonmib_ask_t* ask, bool* asks
 /* Carries out a SET that has been checked; an SNMP error status. */
 int jsonmib_fault_set(const jsonmib_cell_t* cell);
 
-/* True for the column of a fault table whose values are the agent's own. */
-bool jsonmib_fault_is_switch(const jsonmib_table_param_info_t* param);
-
-/* True for the column of a fault table that shows a card variable counted from 1. */
-bool jsonmib_fault_is_state(const jsonmib_table_param_info_t* param);
-
 /* True when the send-trap switch at a flat row position of a slot's row is on (bit set). */
 bool jsonmib_sendtrap_test(const uint8_t* row, uint32_t position);
 

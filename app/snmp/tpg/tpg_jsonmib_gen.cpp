@@ -9,12 +9,6 @@ static int string_unwritten(tpg_context_t*, const jsonmib_ask_t*, int);
 int jsonmib_gen_get(const jsonmib_cell_t* cell, jsonmib_ask_t* ask, bool* asks)
 {
     const jsonmib_table_param_info_t* param = cell->param;
-    if ((param->flags & JSONMIB_PARAM_INDEX) != 0) {
-        return jsonmib_cell_serve_index(cell);
-    }
-    DEBUGMSGTL((
-        "jsonmib", "MODE_GET: param_info: type %d, access %d, flags %d, var_id %d, range[%d:%d]\n",
-        param->type, param->access, param->flags, param->var_id, param->range[0], param->range[1]));
     TPG_TRACE(cell->ctx, "snmpread",
               "MODE_GET: param_info: type %d, access %d, flags %d, var_id %d, range[%d:%d]",
               param->type, param->access, param->flags, param->var_id, param->range[0],
@@ -47,9 +41,7 @@ static int string_unread(tpg_context_t* ctx, const jsonmib_ask_t* ask, int resul
 
 int jsonmib_gen_set(const jsonmib_cell_t* cell)
 {
-    return jsonmib_cell_is_integer(cell->param)
-               ? jsonmib_cell_write_integer(cell, jsonmib_cell_card_integer(cell))
-               : jsonmib_cell_write_string(cell, string_unwritten);
+    return jsonmib_cell_write(cell, string_unwritten);
 }
 
 static int string_unwritten(tpg_context_t* ctx, const jsonmib_ask_t* ask, int result)

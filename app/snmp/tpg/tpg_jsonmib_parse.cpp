@@ -2,6 +2,7 @@
 
 #include "tpg_file.h"
 #include "tpg_json.h"
+#include "tpg_jsonmib_column.h"
 #include "tpg_jsonmib_table.h"
 #include "tpg_log.h"
 
@@ -437,6 +438,7 @@ int jsonmib_proc_table_param_array(tpg_context_t* ctx, json_object* jobj_array,
         jsonmib_table_param_info_t* param = &jsonmib_table->param_info[i];
         param->access = JSONMIB_ACCESS_RW;
         parse_param(ctx, jobj, i, param);
+        jsonmib_column_decide(jsonmib_table->flags, param);
         repair_param_range(ctx, jsonmib_table, param);
     }
     return 0;
@@ -493,7 +495,7 @@ static bool parse_param_int(tpg_context_t* ctx, const char* key, json_object* va
 static void repair_param_range(tpg_context_t* ctx, const jsonmib_table_info_t* jsonmib_table,
                                jsonmib_table_param_info_t* param)
 {
-    const bool is_int = param->type == JSONMIB_TYPE_INT || param->type == JSONMIB_TYPE_INT_SHIFTED;
+    const bool is_int = jsonmib_column_takes_integers(param);
     const bool wrong =
         (param->range[0] == 0 && param->range[1] == 0) || param->range[1] < param->range[0];
     if (is_fault_table(jsonmib_table) || param->access != JSONMIB_ACCESS_RW || !is_int || !wrong) {

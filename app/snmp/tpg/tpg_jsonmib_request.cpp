@@ -1,11 +1,12 @@
 #include "tpg_jsonmib_request.h"
 
+#include "tpg_jsonmib_column.h"
 #include "tpg_jsonmib_fault.h"
 #include "tpg_jsonmib_gen.h"
+#include "tpg_jsonmib_index.h"
 #include "tpg_log.h"
 
-#include <algorithm>
-#include <cstring>
+#include <iterator>
 
 /* What differs between generic and fault tables. */
 struct table_kind_t {
@@ -110,50 +111,40 @@ static int proc_one(const table_kind_t* kind, netsnmp_request_info* request,
 
 /* ---- what generic and fault tables share ---- */
 
-/* Index values count from 1 in SNMP and from 0 on the card, the first one in the higher byte. */
+/* Texts of the row's number of indexes, the slot among them. */
+static void debug_row(const jsonmib_cell_t* cell, uint32_t total)
+{
+    static constexpr const char* WORDS[] = {"single", "double", "triple"};
+    static_assert(std::size(WORDS) == JSONMIB_CARD_INDEXES + 1);
+    const jsonmib_table_info_t* table = cell->table;
+    const char* word = WORDS[total - 1];
+    if (total == 1) {
+        DEBUGMSGTL(("jsonmib", "%s indexed\n", word));
+    } else if ((table->flags & JSONMIB_TABLE_FAULT) != 0) {
+        DEBUGMSGTL(("jsonmib", "%s indexed, index = 0x%x, index_max = %d:%d\n", word, cell->index,
+                    table->index_info[0].range[1], total > 2 ? table->index_info[1].range[1] : 0U));
+    } else {
+        DEBUGMSGTL(("jsonmib", "%s indexed, index = 0x%x\n", word, cell->index));
+    }
+}
+
+/* Fills instance and index; an SNMP error status when the row cannot be asked of a card. */
 static int locate_row(jsonmib_cell_t* cell)
 {
-    const jsonmib_table_info_t* table = cell->table;
-    const bool fault = (table->flags & JSONMIB_TABLE_FAULT) != 0;
+    uint32_t values[JSONMIB_CARD_INDEXES + 1] = {};
     const uint32_t total = cell->row->number_indexes;
-    uint32_t value[3] = {};
-    const netsnmp_variable_list* index = cell->row->indexes;
-    for (uint32_t i = 0; i < std::min<uint32_t>(total, 3) && index != nullptr; i++) {
-        value[i] = static_cast<uint32_t>(*index->val.integer);
-        index = index->next_variable;
-    }
-    const uint32_t index1_max = table->index_info[0].range[1];
-    switch (total) {
-    case 1:
-        DEBUGMSGTL(("jsonmib", "single indexed\n"));
-        cell->instance = value[0];
-        break;
-    case 2:
-        cell->instance = value[1];
-        cell->index = value[0] - 1;
-        if (fault) {
-            DEBUGMSGTL(("jsonmib", "double indexed, index = 0x%x, index_max = %d:%d\n", cell->index,
-                        index1_max, 0U));
-        } else {
-            DEBUGMSGTL(("jsonmib", "double indexed, index = 0x%x\n", cell->index));
-        }
-        break;
-    case 3:
-        cell->instance = value[2];
-        cell->index = ((value[0] - 1) << 8U) | (value[1] - 1);
-        cell->index2_max = table->index_info[1].range[1];
-        if (fault) {
-            DEBUGMSGTL(("jsonmib", "triple indexed, index = 0x%x, index_max = %d:%d\n", cell->index,
-                        index1_max, cell->index2_max));
-        } else {
-            DEBUGMSGTL(("jsonmib", "triple indexed, index = 0x%x\n", cell->index));
-        }
-        break;
-    default:
+    if (total < 1 || total > std::size(values)) {
         DEBUGMSGTL(("jsonmib", "invalid number_indexes = %d\n", total));
         TPG_ERROR(cell->ctx, "invalid number_indexes = %d", total);
         return SNMP_ERR_GENERR;
     }
+    const netsnmp_variable_list* value = cell->row->indexes;
+    for (uint32_t i = 0; i < total && value != nullptr; i++, value = value->next_variable) {
+        values[i] = static_cast<uint32_t>(*value->val.integer);
+    }
+    cell->instance = values[total - 1];
+    cell->index = jsonmib_index_of(values, total - 1);
+    debug_row(cell, total);
     if (cell->instance < 1 || cell->instance > TPG_SLOT_MAX) {
         TPG_ERROR(cell->ctx, "invalid instance %u", cell->instance);
         return SNMP_ERR_GENERR;
@@ -188,7 +179,7 @@ static int check_write(const jsonmib_cell_t* cell)
         return SNMP_ERR_READONLY;
     }
     if (var->type == ASN_INTEGER) {
-        if (!jsonmib_cell_is_integer(param)) {
+        if (!jsonmib_column_takes_integers(param)) {
             return SNMP_ERR_WRONGTYPE;
         }
         const long value = *var->val.integer;
@@ -196,7 +187,7 @@ static int check_write(const jsonmib_cell_t* cell)
                                                                   : SNMP_ERR_NOERROR;
     }
     if (var->type == ASN_OCTET_STR) {
-        if (param->type != JSONMIB_TYPE_STRING) {
+        if (param->coding.accepted != ASN_OCTET_STR) {
             return SNMP_ERR_WRONGTYPE;
         }
         return static_cast<int64_t>(var->val_len) > param->range[1] ? SNMP_ERR_WRONGLENGTH
@@ -302,6 +293,13 @@ static int read_cell(const jsonmib_cell_t* cell, const netsnmp_agent_request_inf
     if (request != nullptr && jsonmib_cell_is_beyond(agent_reqinfo, request)) {
         return SNMP_ERR_NOERROR;
     }
+    const jsonmib_table_param_info_t* param = cell->param;
+    if (jsonmib_column_is_index(param)) {
+        return jsonmib_cell_serve_index(cell);
+    }
+    DEBUGMSGTL((
+        "jsonmib", "MODE_GET: param_info: type %d, access %d, flags %d, var_id %d, range[%d:%d]\n",
+        param->type, param->access, param->flags, param->var_id, param->range[0], param->range[1]));
     jsonmib_ask_t ask = {};
     bool asks = false;
     const int status = (cell->table->flags & JSONMIB_TABLE_FAULT) != 0

@@ -1,7 +1,7 @@
 #include "tpg_jsonmib_seek.h"
 
 #include "tpg_jsonmib_cell.h"
-#include "tpg_jsonmib_fault.h"
+#include "tpg_jsonmib_column.h"
 #include "tpg_jsonmib_queue.h"
 #include "tpg_jsonmib_rows.h"
 
@@ -138,11 +138,8 @@ static uint32_t passed_slots(const jsonmib_table_info_t* jsonmib_table, uint32_t
 {
     tpg_context_t* ctx = jsonmib_table->tpg_context;
     const jsonmib_table_param_info_t* param = &jsonmib_table->param_info[column - 1];
-    if (!ctx->jsonmib_later.skip_unreadable || (param->flags & JSONMIB_PARAM_INDEX) != 0 ||
-        ((jsonmib_table->flags & JSONMIB_TABLE_FAULT) != 0 && jsonmib_fault_is_switch(param))) {
-        return 0;
-    }
-    return jsonmib_queue_unreadable(ctx);
+    const bool passes = ctx->jsonmib_later.skip_unreadable && !jsonmib_column_is_own(param);
+    return passes ? jsonmib_queue_unreadable(ctx) : 0;
 }
 
 /* The row that was found, as the iterator's callbacks would hand it out, but without memory. */

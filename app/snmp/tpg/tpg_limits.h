@@ -24,8 +24,9 @@ static_assert(TPG_CMD_MAX == 256, "the text above has this number");
 
 /* Documents above this size are refused. */
 constexpr size_t TPG_FILE_MAX = size_t{4} * 1024 * 1024;
-constexpr uint32_t JSONMIB_INDEX_MAX = 5; /* indexes a table may list */
-constexpr uint32_t JSONMIB_NAME_MAX = 64; /* characters of a table's name */
+constexpr uint32_t JSONMIB_INDEX_MAX = 5;    /* indexes a table may list */
+constexpr uint32_t JSONMIB_CARD_INDEXES = 2; /* of them, those that a card can be asked for */
+constexpr uint32_t JSONMIB_NAME_MAX = 64;    /* characters of a table's name */
 
 constexpr size_t TPG_SYMBOL_NAME_MAX = 64; /* of a library, with its terminating zero */
 /* Libraries with a larger data section are refused. */

@@ -1,6 +1,7 @@
 #include "tpg_main_trap.h"
 
 #include "tpg_jsonmib_fault.h"
+#include "tpg_jsonmib_index.h"
 #include "tpg_jsonmib_request.h"
 #include "tpg_jsonmib_stats.h"
 #include "tpg_jsonmib_table.h"
@@ -201,29 +202,30 @@ int tpg_trap_locate_row(tpg_context_t* ctx, const jsonmib_table_info_t* table,
                         const tpg_trap_notify_t* notify, tpg_trap_row_t* row)
 {
     const jsonmib_table_trap_info_t* rule = &table->trap_info;
-    if (table->index_total == 1) {
-        row->flat_index = notify->index & 0xffffU;
-        row->specific = row->flat_index * rule->index_ofs_1 + rule->specific_start;
-        TPG_DEBUG(ctx, "%s(): index_tota=%d, flatidx=%d, start=%d, ofs_1=%d, specific=%d",
-                  "tpg_msg_trap_notify", 1, row->flat_index, rule->specific_start,
-                  rule->index_ofs_1, row->specific);
-        return 0;
+    const uint32_t total = table->index_total;
+    if (total < 1 || total > JSONMIB_CARD_INDEXES) {
+        TPG_DEBUG(ctx, "Trap Nofity: Table %s var %d: Invalid index_total %d",
+                  jsonmib_table_name(table).text, notify->var_id, total);
+        return -1;
     }
-    if (table->index_total == 2) {
-        const uint32_t i1 = (notify->index >> 8U) & 0xffU;
-        const uint32_t i2 = notify->index & 0xffU;
-        row->flat_index = (i1 * table->index_info[1].range[1] + i2) & 0xffffU;
-        row->specific = i2 * rule->index_ofs_2 + rule->specific_start + i1 * rule->index_ofs_1;
+    const uint32_t index = notify->index & 0xffffU;
+    const jsonmib_index_parts_t parts = jsonmib_index_parts(index, total);
+    row->flat_index =
+        static_cast<uint32_t>(jsonmib_index_position(table, index, total)) & 0xffffU;
+    row->specific = rule->specific_start + parts.part[0] * rule->index_ofs_1 +
+                    parts.part[1] * rule->index_ofs_2;
+    if (total == 1) {
+        TPG_DEBUG(ctx, "%s(): index_tota=%d, flatidx=%d, start=%d, ofs_1=%d, specific=%d",
+                  "tpg_msg_trap_notify", total, row->flat_index, rule->specific_start,
+                  rule->index_ofs_1, row->specific);
+    } else {
         TPG_DEBUG(ctx,
                   "%s(): index_tota=%d, flatidx=%d, index=%08x, start=%d, ofs_1=%d, of2_2=%d, "
                   "specific=%d ",
-                  "tpg_msg_trap_notify", 2, row->flat_index, notify->index, rule->specific_start,
-                  rule->index_ofs_1, rule->index_ofs_1, row->specific);
-        return 0;
+                  "tpg_msg_trap_notify", total, row->flat_index, notify->index,
+                  rule->specific_start, rule->index_ofs_1, rule->index_ofs_1, row->specific);
     }
-    TPG_DEBUG(ctx, "Trap Nofity: Table %s var %d: Invalid index_total %d",
-              jsonmib_table_name(table).text, notify->var_id, table->index_total);
-    return -1;
+    return 0;
 }
 
 bool tpg_trap_is_enabled(const jsonmib_table_info_t* table, uint32_t slot_no, uint32_t flat_index)
@@ -236,13 +238,13 @@ bool tpg_trap_is_enabled(const jsonmib_table_info_t* table, uint32_t slot_no, ui
 /* True when the index, which counts from 0, lies in the document's ranges, which count from 1. */
 static bool is_a_row(const jsonmib_table_info_t* table, uint32_t notify_index)
 {
-    const bool two = table->index_total == 2;
-    const uint64_t rows[] = {uint64_t{two ? notify_index >> 8U : notify_index} + 1,
-                             uint64_t{notify_index & 0xffU} + 1};
-    for (size_t i = 0; i < (two ? 2 : 1); i++) {
+    const uint32_t total = table->index_total;
+    const jsonmib_index_parts_t parts = jsonmib_index_parts(notify_index, total);
+    for (uint32_t i = 0; i < total; i++) {
         const uint32_t* range = table->index_info[i].range;
+        const uint64_t row = uint64_t{parts.part[i]} + 1;
         const bool used = range[0] != 0 && range[1] != 0;
-        if (used && (rows[i] < range[0] || rows[i] > std::max(range[0], range[1]))) {
+        if (used && (row < range[0] || row > std::max(range[0], range[1]))) {
             return false;
         }
     }
