@@ -10,234 +10,288 @@
 
 #include <algorithm>
 #include <cstring>
+#include <span>
 
+struct legacymib_var_map_t;
+struct legacymib_column_t;
 struct legacymib_group_t;
-struct legacymib_mapped_t;
-struct legacymib_fixed_t;
 struct legacymib_find_t;
 struct legacymib_write_t;
 union legacymib_value_t;
 
-static int legacymib_register(const tpg_context_t*, const legacymib_group_t&);
-static int legacymib_inject(const oid*, size_t, const variable2&);
+static int legacymib_register(const tpg_context_t* ctx, const legacymib_group_t& group);
+static int legacymib_inject(const oid* base, size_t base_len, const variable2& registered);
 static int legacymib_helper_handler(netsnmp_mib_handler*, netsnmp_handler_registration*,
                                     netsnmp_agent_request_info*, netsnmp_request_info*);
 static int legacymib_serve(netsnmp_mib_handler*, netsnmp_handler_registration*,
                            netsnmp_agent_request_info*, netsnmp_request_info*);
 static bool legacymib_find(netsnmp_mib_handler*, netsnmp_handler_registration*,
-                           netsnmp_agent_request_info*, netsnmp_request_info*, int, jsonmib_ask_t*);
+                           netsnmp_agent_request_info*, netsnmp_request_info*, int mode,
+                           jsonmib_ask_t* ask);
 
-static u_char* legacymib_read_mapped(const legacymib_mapped_t&, legacymib_value_t*,
-                                     const legacymib_find_t&);
-static u_char* legacymib_read_fixed(const legacymib_fixed_t&, legacymib_value_t*,
-                                    const legacymib_find_t&);
-static bool legacymib_match(const legacymib_find_t&, uint32_t);
-static u_char* legacymib_give_integer(const legacymib_find_t&, legacymib_value_t*, uint32_t);
+static u_char* legacymib_read(FindVarMethod* reader, legacymib_value_t* value,
+                              const legacymib_find_t& find);
+static bool legacymib_match(const legacymib_find_t& find, uint32_t rows);
+static u_char* legacymib_give_integer(const legacymib_find_t&, legacymib_value_t*,
+                                      uint32_t integer);
 static u_char* legacymib_get_integer(const legacymib_find_t&, legacymib_value_t*,
-                                     legacymib_var_map_t, uint32_t);
+                                     legacymib_var_map_t, uint32_t index);
 static u_char* legacymib_get_string(const legacymib_find_t&, legacymib_value_t*,
-                                    legacymib_var_map_t, uint32_t);
+                                    legacymib_var_map_t, uint32_t index);
 
-static int legacymib_write_mapped(const legacymib_mapped_t&, const legacymib_write_t&);
-static int legacymib_set_integer(legacymib_var_map_t, uint32_t, const legacymib_write_t&);
-static bool legacymib_written_integer(const legacymib_write_t&, uint32_t*);
-static int legacymib_set_string(legacymib_var_map_t, uint32_t, const legacymib_write_t&);
+static int legacymib_write(WriteMethod* writer, const legacymib_write_t& write);
+static int legacymib_set_integer(legacymib_var_map_t, uint32_t index, const legacymib_write_t&);
+static bool legacymib_written_integer(const legacymib_write_t&, uint32_t* integer);
+static int legacymib_set_string(legacymib_var_map_t, uint32_t index, const legacymib_write_t&);
 
 constexpr uint32_t LEGACYMIB_SLOT = 1; /* whose daemon holds every value */
 constexpr char LEGACYMIB_HANDLER_NAME[] = "tpg_legacymib";
 /* The daemon's messages count their bytes in 16 bits. */
 constexpr size_t LEGACYMIB_SET_MAX = UINT16_MAX - UEVGEND_DATA_OFS;
 
-constexpr uint32_t SCALARS = 0; /* rows of a group that is no table */
-constexpr uint32_t LED_ROWS = 8;
-constexpr uint32_t MGMFAULT_ROWS = 21;
+/* ---- what the library calls ---- */
 
-/* ---- columns as SNMP sees them ---- */
+/* What the library asks of a read function. */
+struct legacymib_find_t {
+    variable* vp;
+    oid* name;
+    size_t* length;
+    int exact;
+    size_t* var_len;
+    WriteMethod** write_method;
+};
 
-static constexpr variable2 column(u_char number, u_char type, u_short acl, FindVarMethod* find)
+/* What the library hands to a write function. */
+struct legacymib_write_t {
+    int action;
+    const u_char* val;
+    u_char type;
+    size_t val_len;
+    const oid* name;
+    size_t name_len;
+};
+
+/* The library copies a value out of the read function's own memory. */
+union legacymib_value_t {
+    char string[LEGACYMIB_STRING_MAX]; /* not terminated when it fills the buffer */
+    uint32_t integer;                  /* an ASN_INTEGER may be 4 bytes long on every host */
+};
+
+/*
+ * The library does not tell a function which group it is called for: each
+ * group has its own, and the group is found by it.
+ */
+#define KX_READ_FUNCTION(function)                                                                 \
+    static u_char* function(variable* vp, oid* name, size_t* length, int exact, size_t* var_len,   \
+                            WriteMethod** write_method)                                            \
+    {                                                                                              \
+        static legacymib_value_t value;                                                            \
+        return legacymib_read(function, &value, {vp, name, length, exact, var_len, write_method}); \
+    }
+
+#define KX_WRITE_FUNCTION(function)                                                                \
+    static int function(int action, u_char* var_val, u_char var_val_type, size_t var_val_len,      \
+                        u_char* /*statP*/, oid* name, size_t name_len)                             \
+    {                                                                                              \
+        return legacymib_write(function,                                                           \
+                               {action, var_val, var_val_type, var_val_len, name, name_len});      \
+    }
+
+KX_READ_FUNCTION(var_kx_networksetuptable)
+KX_WRITE_FUNCTION(kx_networksetuptable_write)
+KX_READ_FUNCTION(var_kx_productlocationtable)
+KX_READ_FUNCTION(var_kx_hardwaretable)
+KX_WRITE_FUNCTION(kx_hardwaretable_write)
+KX_READ_FUNCTION(var_kx_ledtable)
+KX_READ_FUNCTION(var_kx_softwaretable)
+KX_WRITE_FUNCTION(kx_softwaretable_write)
+KX_READ_FUNCTION(var_kx_slotiptable)
+KX_WRITE_FUNCTION(kx_slotiptable_write)
+KX_READ_FUNCTION(var_kx_timemanagementtable)
+KX_WRITE_FUNCTION(kx_timemanagementtable_write)
+KX_READ_FUNCTION(var_kx_mgmfaulttable)
+static WriteMethod kx_ledtable_write;
+static WriteMethod kx_mgmsendtrap_write;
+
+/* ---- the groups ---- */
+
+/* How a column's value is kept by the control daemon. */
+struct legacymib_var_map_t {
+    uint32_t varid;   /* the daemon's number of the variable */
+    uint32_t is_enum; /* 1: the daemon counts from 0, SNMP from 1; 0 otherwise */
+};
+
+/* Where a column's values come from. */
+enum class legacymib_source : uint8_t {
+    daemon,
+    row,      /* the number of the row */
+    next_row, /* that plus 1 */
+};
+
+struct legacymib_column_t {
+    u_char type;
+    u_short acl;
+    legacymib_source source;
+    legacymib_var_map_t var; /* source daemon */
+    const char* label;       /* in the debug output; null: none */
+};
+
+constexpr u_short UNREGISTERED = 0; /* acl of a column that managers do not see */
+
+static constexpr legacymib_column_t text(u_short acl, uint32_t varid, const char* label = nullptr)
 {
-    return {number, type, acl, find, 1, {number}};
+    return {ASN_OCTET_STR, acl, legacymib_source::daemon, {varid, 0}, label};
 }
 
-constexpr variable2 networksetup_columns[] = {
-    column(1, ASN_OCTET_STR, RWRITE, var_kx_networksetuptable),
-    column(2, ASN_OCTET_STR, RWRITE, var_kx_networksetuptable),
-    column(3, ASN_OCTET_STR, RONLY, var_kx_networksetuptable),
-    column(4, ASN_OCTET_STR, RONLY, var_kx_networksetuptable),
-    column(5, ASN_OCTET_STR, RONLY, var_kx_networksetuptable),
-    column(6, ASN_OCTET_STR, RONLY, var_kx_networksetuptable),
-    column(7, ASN_OCTET_STR, RONLY, var_kx_networksetuptable),
-    column(8, ASN_OCTET_STR, RONLY, var_kx_networksetuptable),
-    column(9, ASN_OCTET_STR, RONLY, var_kx_networksetuptable),
-    column(10, ASN_OCTET_STR, RONLY, var_kx_networksetuptable),
-    column(11, ASN_OCTET_STR, RONLY, var_kx_networksetuptable),
-    column(12, ASN_OCTET_STR, RONLY, var_kx_networksetuptable),
-    column(13, ASN_INTEGER, RONLY, var_kx_networksetuptable),
-    column(14, ASN_OCTET_STR, RWRITE, var_kx_networksetuptable),
-    column(15, ASN_INTEGER, RWRITE, var_kx_networksetuptable),
-};
+static constexpr legacymib_column_t integer(u_short acl, uint32_t varid,
+                                            const char* label = nullptr)
+{
+    return {ASN_INTEGER, acl, legacymib_source::daemon, {varid, 0}, label};
+}
 
-constexpr variable2 productlocation_columns[] = {
-    column(1, ASN_INTEGER, RONLY, var_kx_productlocationtable),
-    column(2, ASN_INTEGER, RONLY, var_kx_productlocationtable),
-    column(3, ASN_INTEGER, RONLY, var_kx_productlocationtable),
-    column(4, ASN_OCTET_STR, RONLY, var_kx_productlocationtable),
-    column(5, ASN_INTEGER, RONLY, var_kx_productlocationtable),
-    column(6, ASN_INTEGER, RONLY, var_kx_productlocationtable),
-};
+/* The daemon counts from 0, SNMP from 1. */
+static constexpr legacymib_column_t enumeration(u_short acl, uint32_t varid,
+                                                const char* label = nullptr)
+{
+    return {ASN_INTEGER, acl, legacymib_source::daemon, {varid, 1}, label};
+}
 
-/* Arc 7 is the LED table. */
-constexpr variable2 hardware_columns[] = {
-    column(1, ASN_INTEGER, RWRITE, var_kx_hardwaretable),
-    column(2, ASN_INTEGER, RONLY, var_kx_hardwaretable),
-    column(3, ASN_INTEGER, RONLY, var_kx_hardwaretable),
-    column(4, ASN_INTEGER, RONLY, var_kx_hardwaretable),
-    column(5, ASN_OCTET_STR, RWRITE, var_kx_hardwaretable),
-    column(6, ASN_INTEGER, RWRITE, var_kx_hardwaretable),
-    column(8, ASN_INTEGER, RWRITE, var_kx_hardwaretable),
-    column(9, ASN_INTEGER, RWRITE, var_kx_hardwaretable),
-    column(10, ASN_INTEGER, RWRITE, var_kx_hardwaretable),
-};
+static constexpr legacymib_column_t row_number(legacymib_source source, const char* label)
+{
+    return {ASN_INTEGER, RONLY, source, {}, label};
+}
 
-constexpr variable2 led_columns[] = {
-    column(1, ASN_INTEGER, RONLY, var_kx_ledtable),
-    column(2, ASN_INTEGER, RWRITE, var_kx_ledtable),
-};
-
-/* Arc 7 is the slot IP table. */
-constexpr variable2 software_columns[] = {
-    column(1, ASN_OCTET_STR, RONLY, var_kx_softwaretable),
-    column(2, ASN_OCTET_STR, RONLY, var_kx_softwaretable),
-    column(3, ASN_OCTET_STR, RONLY, var_kx_softwaretable),
-    column(4, ASN_OCTET_STR, RONLY, var_kx_softwaretable),
-    column(5, ASN_OCTET_STR, RONLY, var_kx_softwaretable),
-    column(6, ASN_INTEGER, RWRITE, var_kx_softwaretable),
-};
-
-constexpr variable2 slotip_columns[] = {
-    column(1, ASN_OCTET_STR, RWRITE, var_kx_slotiptable),
-    column(2, ASN_OCTET_STR, RWRITE, var_kx_slotiptable),
-    column(3, ASN_OCTET_STR, RWRITE, var_kx_slotiptable),
-    column(4, ASN_INTEGER, RWRITE, var_kx_slotiptable),
-};
-
-constexpr variable2 timemanagement_columns[] = {
-    column(1, ASN_OCTET_STR, RWRITE, var_kx_timemanagementtable),
-    column(2, ASN_INTEGER, RWRITE, var_kx_timemanagementtable),
-    column(3, ASN_INTEGER, RWRITE, var_kx_timemanagementtable),
-    column(4, ASN_INTEGER, RWRITE, var_kx_timemanagementtable),
-    column(5, ASN_OCTET_STR, RWRITE, var_kx_timemanagementtable),
-};
-
-constexpr variable2 mgmfault_columns[] = {
-    column(1, ASN_INTEGER, RONLY, var_kx_mgmfaulttable),
-    column(2, ASN_INTEGER, RWRITE, var_kx_mgmfaulttable),
-    column(3, ASN_INTEGER, RONLY, var_kx_mgmfaulttable),
-};
-
-/* ---- groups in the tree ---- */
-
-constexpr oid KX_PREFIX[] = {1, 3, 6, 1, 4, 1, 32473, 10}; /* the board's node follows */
 constexpr size_t KX_ARCS_MAX = 3;
+constexpr size_t KX_COLUMNS_MAX = 15;
+
+constexpr uint32_t SCALARS = 0; /* rows of a group that is no table */
+constexpr uint32_t MGM_SEND_TRAP = 52;
 
 struct legacymib_group_t {
     const char* name;
     size_t arc_total;
     oid arcs[KX_ARCS_MAX]; /* behind the node */
-    std::span<const variable2> columns;
+    uint32_t rows;         /* SCALARS, or rows of the table */
+    bool rows_alike;       /* every row is read at index 0, though each is written on its own */
+    FindVarMethod* read;
+    WriteMethod* write;                         /* of the writable columns */
+    legacymib_column_t columns[KX_COLUMNS_MAX]; /* column - 1; type 0: there are no more */
 };
 
 constexpr legacymib_group_t groups[] = {
-    {"kx_networksetuptable", 1, {2}, networksetup_columns},
-    {"kx_productlocationtable", 3, {3, 1, 1}, productlocation_columns},
-    {"kx_hardwaretable", 1, {4}, hardware_columns},
-    {"kx_ledtable", 3, {4, 7, 1}, led_columns},
-    {"kx_softwaretable", 1, {5}, software_columns},
-    {"kx_slotiptable", 3, {5, 7, 1}, slotip_columns},
-    {"kx_timemanagementtable", 1, {8}, timemanagement_columns},
-    {"kx_mgmfaulttable", 3, {6, 1, 1}, mgmfault_columns},
+    {
+        "kx_networksetuptable",
+        1,
+        {2},
+        SCALARS,
+        false,
+        var_kx_networksetuptable,
+        kx_networksetuptable_write,
+        {text(RWRITE, 56), text(RWRITE, 57), text(RONLY, 58), text(RONLY, 59), text(RONLY, 60),
+         text(RONLY, 61), text(RONLY, 62), text(RONLY, 63), text(RONLY, 64), text(RONLY, 65),
+         text(RONLY, 66), text(RONLY, 67), integer(RONLY, 68), text(RWRITE, 69),
+         integer(RWRITE, 70)},
+    },
+    {
+        "kx_productlocationtable",
+        3,
+        {3, 1, 1},
+        TPG_SLOT_MAX,
+        false,
+        var_kx_productlocationtable,
+        nullptr,
+        {row_number(legacymib_source::row, "LOCINSTANCE"), integer(RONLY, 34, "INSERTIONCOUNTER"),
+         integer(RONLY, 35, "REMOVALCOUNTER"), text(RONLY, 36, "PRODUCTNAME"),
+         row_number(legacymib_source::next_row, "PRODUCTSLOTSTART"),
+         row_number(legacymib_source::next_row, "PRODUCTSLOTEND")},
+    },
+    {
+        /* Column 6 has no variable of its own; arc 7 is the LED table. */
+        "kx_hardwaretable",
+        1,
+        {4},
+        SCALARS,
+        false,
+        var_kx_hardwaretable,
+        kx_hardwaretable_write,
+        {integer(RWRITE, 39), enumeration(RONLY, 40), enumeration(RONLY, 41),
+         enumeration(RONLY, 42), text(RWRITE, 43), integer(RWRITE, 0), integer(UNREGISTERED, 45),
+         integer(RWRITE, 54), integer(RWRITE, 55), integer(RWRITE, 75)},
+    },
+    {
+        /* The second label is the product location table's; whoever reads the output knows it so.
+         */
+        "kx_ledtable",
+        3,
+        {4, 7, 1},
+        8,
+        false,
+        var_kx_ledtable,
+        kx_ledtable_write,
+        {row_number(legacymib_source::row, "LOCINSTANCE"),
+         enumeration(RWRITE, 44, "INSERTIONCOUNTER")},
+    },
+    {
+        /* Arc 7 is the slot IP table. */
+        "kx_softwaretable",
+        1,
+        {5},
+        SCALARS,
+        false,
+        var_kx_softwaretable,
+        kx_softwaretable_write,
+        {text(RONLY, 46), text(RONLY, 47), text(RONLY, 48), text(RONLY, 49), text(RONLY, 50),
+         enumeration(RWRITE, 83)},
+    },
+    {
+        "kx_slotiptable",
+        3,
+        {5, 7, 1},
+        TPG_SLOT_MAX,
+        true,
+        var_kx_slotiptable,
+        kx_slotiptable_write,
+        {text(RWRITE, 81), text(RWRITE, 82), text(RWRITE, 84), enumeration(RWRITE, 85)},
+    },
+    {
+        "kx_timemanagementtable",
+        1,
+        {8},
+        SCALARS,
+        false,
+        var_kx_timemanagementtable,
+        kx_timemanagementtable_write,
+        {text(RWRITE, 76), enumeration(RWRITE, 71), integer(RWRITE, 72), enumeration(RWRITE, 73),
+         text(RWRITE, 74)},
+    },
+    {
+        "kx_mgmfaulttable",
+        3,
+        {6, 1, 1},
+        21,
+        false,
+        var_kx_mgmfaulttable,
+        kx_mgmsendtrap_write,
+        {row_number(legacymib_source::row, "FAULTNAME"),
+         enumeration(RWRITE, MGM_SEND_TRAP, "SENDTRAP"), enumeration(RONLY, 51, "TRAPPRESENT")},
+    },
 };
 
-/* ---- groups whose columns map one to one to the daemon's variables ---- */
+constexpr oid KX_PREFIX[] = {1, 3, 6, 1, 4, 1, 32473, 10}; /* the board's node follows */
 
-/* Entry: column - 1. */
-constexpr legacymib_var_map_t networksetup_map[] = {
-    {56, 0}, {57, 0}, {58, 0}, {59, 0}, {60, 0}, {61, 0}, {62, 0}, {63, 0},
-    {64, 0}, {65, 0}, {66, 0}, {67, 0}, {68, 0}, {69, 0}, {70, 0},
-};
+/* The column of that number, or null. */
+static const legacymib_column_t* legacymib_column(const legacymib_group_t& group, oid number)
+{
+    const bool is_one =
+        number >= 1 && number <= KX_COLUMNS_MAX && group.columns[number - 1].type != 0;
+    return is_one ? &group.columns[number - 1] : nullptr;
+}
 
-/* Column 6 has no variable of its own; column 7 is not registered. */
-constexpr legacymib_var_map_t hardware_map[] = {
-    {39, 0}, {40, 1}, {41, 1}, {42, 1}, {43, 0}, {0, 0}, {45, 0}, {54, 0}, {55, 0}, {75, 0},
-};
-
-constexpr legacymib_var_map_t software_map[] = {{46, 0}, {47, 0}, {48, 0},
-                                                {49, 0}, {50, 0}, {83, 1}};
-
-constexpr legacymib_var_map_t slotip_map[] = {{81, 0}, {82, 0}, {84, 0}, {85, 1}};
-
-constexpr legacymib_var_map_t timemanagement_map[] = {{76, 0}, {71, 1}, {72, 0}, {73, 1}, {74, 0}};
-
-struct legacymib_mapped_t {
-    std::span<const legacymib_var_map_t> map;
-    uint32_t rows; /* SCALARS, or rows of the table */
-    WriteMethod* write;
-};
-
-constexpr legacymib_mapped_t networksetup = {networksetup_map, SCALARS, kx_networksetuptable_write};
-constexpr legacymib_mapped_t hardware = {hardware_map, SCALARS, kx_hardwaretable_write};
-constexpr legacymib_mapped_t software = {software_map, SCALARS, kx_softwaretable_write};
-constexpr legacymib_mapped_t slotip = {slotip_map, TPG_SLOT_MAX, kx_slotiptable_write};
-constexpr legacymib_mapped_t timemanagement = {timemanagement_map, SCALARS,
-                                               kx_timemanagementtable_write};
-
-/* ---- tables with columns of several sources ---- */
-
-enum class legacymib_source : uint8_t {
-    row,      /* number of the row */
-    next_row, /* that plus 1 */
-    integer,  /* asked of the daemon, as is string */
-    string,
-};
-
-struct legacymib_fixed_column_t {
-    const char* label; /* in the debug output */
-    legacymib_source source;
-    legacymib_var_map_t var; /* sources integer and string */
-    WriteMethod* write;      /* null: read-only */
-};
-
-struct legacymib_fixed_t {
-    std::span<const legacymib_fixed_column_t> columns;
-    uint32_t rows;
-};
-
-constexpr legacymib_var_map_t MGM_SEND_TRAP = {52, 1};
-
-constexpr legacymib_fixed_column_t productlocation_sources[] = {
-    {"LOCINSTANCE", legacymib_source::row, {}, nullptr},
-    {"INSERTIONCOUNTER", legacymib_source::integer, {34, 0}, nullptr},
-    {"REMOVALCOUNTER", legacymib_source::integer, {35, 0}, nullptr},
-    {"PRODUCTNAME", legacymib_source::string, {36, 0}, nullptr},
-    {"PRODUCTSLOTSTART", legacymib_source::next_row, {}, nullptr},
-    {"PRODUCTSLOTEND", legacymib_source::next_row, {}, nullptr},
-};
-
-/* The second label is the product location table's; whoever reads the output knows it so. */
-constexpr legacymib_fixed_column_t led_sources[] = {
-    {"LOCINSTANCE", legacymib_source::row, {}, nullptr},
-    {"INSERTIONCOUNTER", legacymib_source::integer, {44, 1}, kx_ledtable_write},
-};
-
-constexpr legacymib_fixed_column_t mgmfault_sources[] = {
-    {"FAULTNAME", legacymib_source::row, {}, nullptr},
-    {"SENDTRAP", legacymib_source::integer, MGM_SEND_TRAP, kx_mgmsendtrap_write},
-    {"TRAPPRESENT", legacymib_source::integer, {51, 1}, nullptr},
-};
-
-constexpr legacymib_fixed_t productlocation = {productlocation_sources, TPG_SLOT_MAX};
-constexpr legacymib_fixed_t led = {led_sources, LED_ROWS};
-constexpr legacymib_fixed_t mgmfault = {mgmfault_sources, MGMFAULT_ROWS};
+/* Where a row's values are on the daemon. */
+static uint32_t legacymib_index(const legacymib_group_t& group, oid row)
+{
+    return group.rows == SCALARS ? 0 : static_cast<uint32_t>(row - 1);
+}
 
 /* ---- registration ---- */
 
@@ -252,16 +306,23 @@ void tpg_legacymib_kx_init(tpg_context_t* ctx)
 
 static int legacymib_register(const tpg_context_t* ctx, const legacymib_group_t& group)
 {
+    variable2 columns[KX_COLUMNS_MAX];
+    size_t total = 0;
+    for (u_char number = 1; number <= KX_COLUMNS_MAX; number++) {
+        const legacymib_column_t* column = legacymib_column(group, number);
+        if (column != nullptr && column->acl != UNREGISTERED) {
+            columns[total++] = {number, column->type, column->acl, group.read, 1, {number}};
+        }
+    }
     oid base[TPG_OID_MAX];
     const size_t base_len = tpg_legacymib_kx_oid(ctx, {group.arcs, group.arc_total}, base);
     /* The library takes every width of its records by this pointer. */
-    const auto* columns = reinterpret_cast<const variable*>(group.columns.data());
-    const int result =
-        register_mib(group.name, columns, sizeof(variable2), group.columns.size(), base, base_len);
-    for (const variable2& registered : group.columns) {
-        if (result == MIB_REGISTERED_OK && legacymib_inject(base, base_len, registered) != 0) {
+    const int result = register_mib(group.name, reinterpret_cast<const variable*>(columns),
+                                    sizeof(variable2), total, base, base_len);
+    for (size_t i = 0; i < total; i++) {
+        if (result == MIB_REGISTERED_OK && legacymib_inject(base, base_len, columns[i]) != 0) {
             TPG_ERROR(&ctx_local, "%s: no memory, its column %u makes the agent wait", group.name,
-                      registered.magic);
+                      columns[i].magic);
         }
     }
     return result;
@@ -385,132 +446,30 @@ static jsonmib_ask_t legacymib_ask(legacymib_var_map_t var, uint32_t index, u_ch
 
 /* ---- reading ---- */
 
-/* What the library asks of a read function. */
-struct legacymib_find_t {
-    variable* vp;
-    oid* name;
-    size_t* length;
-    int exact;
-    size_t* var_len;
-    WriteMethod** write_method;
-};
-
-/* The library copies a value out of the read function's own memory. */
-union legacymib_value_t {
-    char string[LEGACYMIB_STRING_MAX]; /* not terminated when it fills the buffer */
-    uint32_t integer;                  /* an ASN_INTEGER may be 4 bytes long on every host */
-};
-
-u_char* var_kx_networksetuptable(variable* vp, oid* name, size_t* length, int exact,
-                                 size_t* var_len, WriteMethod** write_method)
+static u_char* legacymib_read(FindVarMethod* reader, legacymib_value_t* value,
+                              const legacymib_find_t& find)
 {
-    static legacymib_value_t value;
-    return legacymib_read_mapped(networksetup, &value,
-                                 {vp, name, length, exact, var_len, write_method});
-}
-
-u_char* var_kx_hardwaretable(variable* vp, oid* name, size_t* length, int exact, size_t* var_len,
-                             WriteMethod** write_method)
-{
-    static legacymib_value_t value;
-    return legacymib_read_mapped(hardware, &value,
-                                 {vp, name, length, exact, var_len, write_method});
-}
-
-u_char* var_kx_softwaretable(variable* vp, oid* name, size_t* length, int exact, size_t* var_len,
-                             WriteMethod** write_method)
-{
-    static legacymib_value_t value;
-    return legacymib_read_mapped(software, &value,
-                                 {vp, name, length, exact, var_len, write_method});
-}
-
-u_char* var_kx_slotiptable(variable* vp, oid* name, size_t* length, int exact, size_t* var_len,
-                           WriteMethod** write_method)
-{
-    static legacymib_value_t value;
-    return legacymib_read_mapped(slotip, &value, {vp, name, length, exact, var_len, write_method});
-}
-
-u_char* var_kx_timemanagementtable(variable* vp, oid* name, size_t* length, int exact,
-                                   size_t* var_len, WriteMethod** write_method)
-{
-    static legacymib_value_t value;
-    return legacymib_read_mapped(timemanagement, &value,
-                                 {vp, name, length, exact, var_len, write_method});
-}
-
-u_char* var_kx_productlocationtable(variable* vp, oid* name, size_t* length, int exact,
-                                    size_t* var_len, WriteMethod** write_method)
-{
-    static legacymib_value_t value;
-    return legacymib_read_fixed(productlocation, &value,
-                                {vp, name, length, exact, var_len, write_method});
-}
-
-u_char* var_kx_ledtable(variable* vp, oid* name, size_t* length, int exact, size_t* var_len,
-                        WriteMethod** write_method)
-{
-    static legacymib_value_t value;
-    return legacymib_read_fixed(led, &value, {vp, name, length, exact, var_len, write_method});
-}
-
-u_char* var_kx_mgmfaulttable(variable* vp, oid* name, size_t* length, int exact, size_t* var_len,
-                             WriteMethod** write_method)
-{
-    static legacymib_value_t value;
-    return legacymib_read_fixed(mgmfault, &value, {vp, name, length, exact, var_len, write_method});
-}
-
-static u_char* legacymib_read_mapped(const legacymib_mapped_t& group, legacymib_value_t* value,
-                                     const legacymib_find_t& find)
-{
-    const size_t number = find.vp->magic;
-    if (!legacymib_match(find, group.rows) || number == 0 || number > group.map.size()) {
+    const legacymib_group_t& group = *std::ranges::find(groups, reader, &legacymib_group_t::read);
+    if (!legacymib_match(find, group.rows)) {
         return nullptr;
     }
-    *find.write_method = find.vp->acl == RWRITE ? group.write : nullptr;
-
-    /* The rows of a table share the values of index 0, though each is written on its own. */
-    constexpr uint32_t INDEX = 0;
-    const legacymib_var_map_t var = group.map[number - 1];
-    switch (find.vp->type) {
-    case ASN_OCTET_STR:
-        return legacymib_get_string(find, value, var, INDEX);
-    case ASN_INTEGER:
-        return legacymib_get_integer(find, value, var, INDEX);
-    default:
-        return nullptr;
-    }
-}
-
-static u_char* legacymib_read_fixed(const legacymib_fixed_t& table, legacymib_value_t* value,
-                                    const legacymib_find_t& find)
-{
-    if (!legacymib_match(find, table.rows)) {
-        return nullptr;
-    }
-    const size_t number = find.vp->magic;
-    if (number == 0 || number > table.columns.size()) {
+    const legacymib_column_t* column = legacymib_column(group, find.vp->magic);
+    if (column == nullptr) {
         snmp_set_detail("Unknown magic number!\n");
         return nullptr;
     }
-    const legacymib_fixed_column_t& column = table.columns[number - 1];
-    DEBUGMSGTL(("legacymib", "VP Magic Number %s %d\n", column.label, find.vp->magic));
-    *find.write_method = column.write;
-
-    const auto row = static_cast<uint32_t>(find.name[*find.length - 1]);
-    switch (column.source) {
-    case legacymib_source::row:
-        return legacymib_give_integer(find, value, row);
-    case legacymib_source::next_row:
-        return legacymib_give_integer(find, value, row + 1);
-    case legacymib_source::integer:
-        return legacymib_get_integer(find, value, column.var, row - 1);
-    case legacymib_source::string:
-        return legacymib_get_string(find, value, column.var, row - 1);
+    if (column->label != nullptr) {
+        DEBUGMSGTL(("legacymib", "VP Magic Number %s %d\n", column->label, find.vp->magic));
     }
-    return nullptr;
+    *find.write_method = column->acl == RWRITE ? group.write : nullptr;
+    const auto row = static_cast<uint32_t>(find.name[*find.length - 1]);
+    if (column->source != legacymib_source::daemon) {
+        const bool next = column->source == legacymib_source::next_row;
+        return legacymib_give_integer(find, value, next ? row + 1 : row);
+    }
+    const uint32_t index = group.rows_alike ? 0 : legacymib_index(group, row);
+    return column->type == ASN_INTEGER ? legacymib_get_integer(find, value, column->var, index)
+                                       : legacymib_get_string(find, value, column->var, index);
 }
 
 /* Completes the name to the instance asked for; false when there is none. */
@@ -567,60 +526,42 @@ static u_char* legacymib_get_string(const legacymib_find_t& find, legacymib_valu
 
 /* ---- writing ---- */
 
-/* What the library hands to a write function. */
-struct legacymib_write_t {
-    int action;
-    const u_char* val;
-    u_char type;
-    size_t val_len;
-    const oid* name;
-    size_t name_len;
-};
-
-int kx_networksetuptable_write(int action, u_char* var_val, u_char var_val_type, size_t var_val_len,
-                               u_char* /*statP*/, oid* name, size_t name_len)
+static int legacymib_write(WriteMethod* writer, const legacymib_write_t& write)
 {
-    return legacymib_write_mapped(networksetup,
-                                  {action, var_val, var_val_type, var_val_len, name, name_len});
-}
-
-int kx_hardwaretable_write(int action, u_char* var_val, u_char var_val_type, size_t var_val_len,
-                           u_char* /*statP*/, oid* name, size_t name_len)
-{
-    return legacymib_write_mapped(hardware,
-                                  {action, var_val, var_val_type, var_val_len, name, name_len});
-}
-
-int kx_softwaretable_write(int action, u_char* var_val, u_char var_val_type, size_t var_val_len,
-                           u_char* /*statP*/, oid* name, size_t name_len)
-{
-    return legacymib_write_mapped(software,
-                                  {action, var_val, var_val_type, var_val_len, name, name_len});
-}
-
-int kx_slotiptable_write(int action, u_char* var_val, u_char var_val_type, size_t var_val_len,
-                         u_char* /*statP*/, oid* name, size_t name_len)
-{
-    return legacymib_write_mapped(slotip,
-                                  {action, var_val, var_val_type, var_val_len, name, name_len});
-}
-
-int kx_timemanagementtable_write(int action, u_char* var_val, u_char var_val_type,
-                                 size_t var_val_len, u_char* /*statP*/, oid* name, size_t name_len)
-{
-    return legacymib_write_mapped(timemanagement,
-                                  {action, var_val, var_val_type, var_val_len, name, name_len});
+    const legacymib_group_t& group = *std::ranges::find(groups, writer, &legacymib_group_t::write);
+    if (write.name_len < 2) {
+        return SNMP_ERR_NOSUCHNAME;
+    }
+    const oid row = write.name[write.name_len - 1];
+    const legacymib_column_t* column = legacymib_column(group, write.name[write.name_len - 2]);
+    const bool is_table = group.rows != SCALARS;
+    if (column == nullptr || (is_table && (row == 0 || row > group.rows))) {
+        return SNMP_ERR_NOSUCHNAME;
+    }
+    if (write.action != ACTION) {
+        return SNMP_ERR_NOERROR;
+    }
+    const uint32_t index = legacymib_index(group, row);
+    switch (write.type) {
+    case ASN_OCTET_STR:
+        return legacymib_set_string(column->var, index, write);
+    case ASN_INTEGER:
+        return legacymib_set_integer(column->var, index, write);
+    default:
+        return SNMP_ERR_NOERROR;
+    }
 }
 
 /* The LEDs show the board's state: a write is accepted and changes nothing. */
-int kx_ledtable_write(int /*action*/, u_char* /*var_val*/, u_char /*var_val_type*/,
-                      size_t /*var_val_len*/, u_char* /*statP*/, oid* /*name*/, size_t /*name_len*/)
+static int kx_ledtable_write(int /*action*/, u_char* /*var_val*/, u_char /*var_val_type*/,
+                             size_t /*var_val_len*/, u_char* /*statP*/, oid* /*name*/,
+                             size_t /*name_len*/)
 {
     return SNMP_ERR_NOERROR;
 }
 
-int kx_mgmsendtrap_write(int action, u_char* var_val, u_char var_val_type, size_t var_val_len,
-                         u_char* /*statP*/, oid* name, size_t name_len)
+static int kx_mgmsendtrap_write(int action, u_char* var_val, u_char var_val_type,
+                                size_t var_val_len, u_char* /*statP*/, oid* name, size_t name_len)
 {
     if (action != ACTION) {
         return SNMP_ERR_NOERROR;
@@ -628,38 +569,8 @@ int kx_mgmsendtrap_write(int action, u_char* var_val, u_char var_val_type, size_
     if (var_val_type != ASN_INTEGER) {
         return SNMP_ERR_GENERR;
     }
-    const oid row = name_len > 0 ? name[name_len - 1] : 0;
-    if (row == 0 || row > mgmfault.rows) {
-        return SNMP_ERR_NOSUCHNAME;
-    }
-    return legacymib_set_integer(MGM_SEND_TRAP, static_cast<uint32_t>(row - 1),
-                                 {action, var_val, var_val_type, var_val_len, name, name_len});
-}
-
-static int legacymib_write_mapped(const legacymib_mapped_t& group, const legacymib_write_t& write)
-{
-    if (write.name_len < 2) {
-        return SNMP_ERR_NOSUCHNAME;
-    }
-    const oid number = write.name[write.name_len - 2];
-    const oid row = write.name[write.name_len - 1];
-    const bool is_table = group.rows != SCALARS;
-    if (number == 0 || number > group.map.size() || (is_table && (row == 0 || row > group.rows))) {
-        return SNMP_ERR_NOSUCHNAME;
-    }
-    if (write.action != ACTION) {
-        return SNMP_ERR_NOERROR;
-    }
-    const legacymib_var_map_t var = group.map[number - 1];
-    const uint32_t index = is_table ? static_cast<uint32_t>(row - 1) : 0;
-    switch (write.type) {
-    case ASN_OCTET_STR:
-        return legacymib_set_string(var, index, write);
-    case ASN_INTEGER:
-        return legacymib_set_integer(var, index, write);
-    default:
-        return SNMP_ERR_NOERROR;
-    }
+    return legacymib_write(kx_mgmsendtrap_write,
+                           {action, var_val, var_val_type, var_val_len, name, name_len});
 }
 
 static int legacymib_set_integer(legacymib_var_map_t var, uint32_t index,
