@@ -11,11 +11,11 @@
 
 /*
  * Handler entry points; both are given one request at a time, and the
- * handlers' private pointer is the table record. The first, to stand in front
- * of the library's table helper, serves GET and GETNEXT of a row that is in
- * the column asked for, by the handler behind the iterator, past the helpers;
- * all else it hands on. The second, to stand between the table helper and the
- * iterator, has the iterator shown the row that answers, or none.
+ * handlers' private pointer is the table record. The first serves a GET or
+ * GETNEXT for which it finds a row, by the request handler, past the library's
+ * helpers; all else it hands on. The second has the iterator shown the row
+ * that answers, or none. Where they stand, the chain of handlers says
+ * (tpg_jsonmib_table.cpp).
  */
 int jsonmib_row_helper_handler(netsnmp_mib_handler* handler, netsnmp_handler_registration* reginfo,
                                netsnmp_agent_request_info* reqinfo, netsnmp_request_info* requests);

@@ -10,24 +10,72 @@
 #include <cstdlib>
 #include <cstring>
 
+struct chain_t;
+
 static netsnmp_handler_registration* register_table(tpg_context_t*, jsonmib_table_info_t*,
-                                                    const char*, Netsnmp_Node_Handler*);
+                                                    const char* handler_name,
+                                                    Netsnmp_Node_Handler* request_handler);
 static bool oid_can_be_registered(tpg_context_t*, const jsonmib_table_info_t*);
 static void debug_table(const jsonmib_table_info_t*);
 static netsnmp_iterator_info* new_iterator_info(jsonmib_table_info_t*);
 static netsnmp_handler_registration* new_registration(const jsonmib_table_info_t*);
-static int inject_chain(tpg_context_t*, netsnmp_handler_registration*, netsnmp_mib_handler*,
-                        netsnmp_iterator_info*);
-static bool inject(netsnmp_handler_registration*, netsnmp_mib_handler*);
-static netsnmp_mib_handler* new_row_handler(const char*, Netsnmp_Node_Handler*, void*);
-static void attach_table(netsnmp_mib_handler*, void*);
-static void* table_share(void*);
+static netsnmp_mib_handler* new_request_handler(chain_t*);
+static netsnmp_mib_handler* new_iterator_handler(chain_t*);
+static netsnmp_mib_handler* new_seek_handler(chain_t*);
+static netsnmp_mib_handler* new_table_handler(chain_t*);
+static netsnmp_mib_handler* new_row_handler(chain_t*);
+static netsnmp_mib_handler* new_serialize_handler(chain_t*);
+static int inject_chain(tpg_context_t*, netsnmp_handler_registration*, chain_t*);
+static void attach_table(netsnmp_mib_handler*, void* jsonmib_table);
+static void* table_share(void* table);
 
 /* What the handlers of a registration are called in logs; a table may have such a name too. */
 constexpr char GEN_HANDLER_NAME[] = "tpg_generic_table";
 constexpr char FAULT_HANDLER_NAME[] = "tpg_fault_table";
 constexpr char ROW_HANDLER_NAME[] = "tpg_row";
 constexpr char SEEK_HANDLER_NAME[] = "tpg_seek";
+
+/* ---- the chain of handlers ---- */
+
+/* What the handlers of one registration are made of. */
+struct chain_t {
+    jsonmib_table_info_t* jsonmib_table;
+    const char* request_name;
+    Netsnmp_Node_Handler* request_handler;
+    netsnmp_iterator_info* iterator_info;        /* null once its handler owns it */
+    netsnmp_table_registration_info* table_info; /* a part of that */
+};
+
+/*
+ * The way of a request is from the last of these to the first. In front of them
+ * is the library's handler for bulk requests, behind them one that it names
+ * after the registration.
+ */
+constexpr netsnmp_mib_handler* (*CHAIN[])(chain_t*) = {
+    new_request_handler,   /* asks the card for the cell, or writes it */
+    new_iterator_handler,  /* the library's: has the callbacks step to the row, and keeps it */
+    new_seek_handler,      /* has them step to the row that answers and no other */
+    new_table_handler,     /* the library's: takes the OID apart, and goes on to the next column */
+    new_row_handler,       /* has served most rows by now, straight to the request handler */
+    new_serialize_handler, /* the library's: the iterator frees a row's context once for each
+                              request of a list, and so is given one at a time */
+};
+
+/* Injects them in this order; those that are not to be had go with the registration. */
+static int inject_chain(tpg_context_t* ctx, netsnmp_handler_registration* registration,
+                        chain_t* chain)
+{
+    for (const auto& new_handler : CHAIN) {
+        netsnmp_mib_handler* handler = new_handler(chain);
+        if (handler == nullptr ||
+            netsnmp_inject_handler(registration, handler) != SNMPERR_SUCCESS) {
+            TPG_ERROR(ctx, "inject table helper failed");
+            netsnmp_handler_free(handler);
+            return -1;
+        }
+    }
+    return 0;
+}
 
 /* ---- registration ---- */
 
@@ -45,8 +93,8 @@ netsnmp_handler_registration* jsonmib_register_fault_table(tpg_context_t* ctx,
 }
 
 /*
- * The handlers' order is fixed before the registration is made: a registration
- * that contains another one's OID is split at once, its chain copied.
+ * The chain is complete before the registration is made: a registration that
+ * contains another one's OID is split at once, its chain copied.
  */
 static netsnmp_handler_registration* register_table(tpg_context_t* ctx,
                                                     jsonmib_table_info_t* jsonmib_table,
@@ -72,13 +120,11 @@ static netsnmp_handler_registration* register_table(tpg_context_t* ctx,
         jsonmib_table_free(jsonmib_table);
         return nullptr;
     }
-    netsnmp_mib_handler* mib_handler = netsnmp_create_handler(handler_name, request_handler);
-    assert((mib_handler));
-    attach_table(mib_handler, jsonmib_table);
-    DEBUGMSGTL(("jsonmib", "create mib_handler[%p], attach jsonmib_table[%p]\n",
-                static_cast<void*>(mib_handler), static_cast<void*>(jsonmib_table)));
-
-    if (inject_chain(ctx, registration, mib_handler, iterator_info) != 0) {
+    chain_t chain = {jsonmib_table, handler_name, request_handler, iterator_info,
+                     iterator_info->table_reginfo};
+    const int injected = inject_chain(ctx, registration, &chain);
+    netsnmp_iterator_delete_table(chain.iterator_info);
+    if (injected != 0) {
         netsnmp_handler_registration_free(registration);
         return nullptr;
     }
@@ -89,44 +135,58 @@ static netsnmp_handler_registration* register_table(tpg_context_t* ctx,
     return registered;
 }
 
-/* Injects from the bottom up; what could not be injected is released, the rest goes with
- * registration. */
-static int inject_chain(tpg_context_t* ctx, netsnmp_handler_registration* registration,
-                        netsnmp_mib_handler* mib_handler, netsnmp_iterator_info* iterator_info)
+/* ---- handlers ---- */
+
+/* Comes to own the share in the table record that parsing had. */
+static netsnmp_mib_handler* new_request_handler(chain_t* chain)
 {
-    netsnmp_table_registration_info* table_info = iterator_info->table_reginfo;
-    void* jsonmib_table = iterator_info->myvoid;
-    if (!inject(registration, mib_handler)) {
-        netsnmp_iterator_delete_table(iterator_info);
-        TPG_ERROR(ctx, "inject table helper failed");
-        return -1;
-    }
-    netsnmp_mib_handler* iterator = netsnmp_get_table_iterator_handler(iterator_info);
-    if (iterator == nullptr) {
-        netsnmp_iterator_delete_table(iterator_info);
-    }
-    /* One request at a time: the iterator frees a row's context once per request of its list. */
-    if (!inject(registration, iterator) ||
-        !inject(registration,
-                new_row_handler(SEEK_HANDLER_NAME, jsonmib_seek_helper_handler, jsonmib_table)) ||
-        !inject(registration, netsnmp_get_table_handler(table_info)) ||
-        !inject(registration,
-                new_row_handler(ROW_HANDLER_NAME, jsonmib_row_helper_handler, jsonmib_table)) ||
-        !inject(registration, netsnmp_get_serialize_handler())) {
-        TPG_ERROR(ctx, "inject table helper failed");
-        return -1;
-    }
-    return 0;
+    netsnmp_mib_handler* mib_handler =
+        netsnmp_create_handler(chain->request_name, chain->request_handler);
+    assert((mib_handler));
+    attach_table(mib_handler, chain->jsonmib_table);
+    DEBUGMSGTL(("jsonmib", "create mib_handler[%p], attach jsonmib_table[%p]\n",
+                static_cast<void*>(mib_handler), static_cast<void*>(chain->jsonmib_table)));
+    return mib_handler;
 }
 
-static netsnmp_mib_handler* new_row_handler(const char* name, Netsnmp_Node_Handler* entry,
-                                            void* jsonmib_table)
+static netsnmp_mib_handler* new_iterator_handler(chain_t* chain)
+{
+    netsnmp_mib_handler* handler = netsnmp_get_table_iterator_handler(chain->iterator_info);
+    if (handler != nullptr) {
+        chain->iterator_info = nullptr;
+    }
+    return handler;
+}
+
+static netsnmp_mib_handler* new_table_handler(chain_t* chain)
+{
+    return netsnmp_get_table_handler(chain->table_info);
+}
+
+static netsnmp_mib_handler* new_serialize_handler(chain_t* chain)
+{
+    (void)chain;
+    return netsnmp_get_serialize_handler();
+}
+
+static netsnmp_mib_handler* new_sharing_handler(const char* name, Netsnmp_Node_Handler* entry,
+                                                chain_t* chain)
 {
     netsnmp_mib_handler* handler = netsnmp_create_handler(name, entry);
     if (handler != nullptr) {
-        attach_table(handler, table_share(jsonmib_table));
+        attach_table(handler, table_share(chain->jsonmib_table));
     }
     return handler;
+}
+
+static netsnmp_mib_handler* new_seek_handler(chain_t* chain)
+{
+    return new_sharing_handler(SEEK_HANDLER_NAME, jsonmib_seek_helper_handler, chain);
+}
+
+static netsnmp_mib_handler* new_row_handler(chain_t* chain)
+{
+    return new_sharing_handler(ROW_HANDLER_NAME, jsonmib_row_helper_handler, chain);
 }
 
 /* Gives the handler one share in the table record, which it lets go of when it is released. */
@@ -135,19 +195,6 @@ static void attach_table(netsnmp_mib_handler* handler, void* jsonmib_table)
     handler->myvoid = jsonmib_table;
     handler->data_clone = table_share;
     handler->data_free = jsonmib_table_free;
-}
-
-/* False when there is no handler, or it could not be injected and was released. */
-static bool inject(netsnmp_handler_registration* registration, netsnmp_mib_handler* handler)
-{
-    if (handler == nullptr) {
-        return false;
-    }
-    if (netsnmp_inject_handler(registration, handler) != SNMPERR_SUCCESS) {
-        netsnmp_handler_free(handler);
-        return false;
-    }
-    return true;
 }
 
 /*
