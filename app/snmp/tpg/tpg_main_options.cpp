@@ -91,8 +91,8 @@ bool tpg_options_tell(int argc, char** argv)
 static void tell_help()
 {
     printf("Usage: BASE_BOARD=3100KX|3101KX tpg [OPTION...]\n"
-           "Serves the cards of a chassis over SNMP, as a sub-agent of the master at "
-           "127.0.0.1:705.\n\n");
+           "Serves the cards of a chassis over SNMP, as a sub-agent of the local master agent.\n"
+           "\n");
     for (const letter_t& known : LETTERS) {
         printf("  -%c %-10s%s\n", known.letter, known.argument, known.help);
     }
