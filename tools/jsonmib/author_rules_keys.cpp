@@ -147,8 +147,8 @@ static void check_limits(author_doc_t* doc, const author_node_t& member, const a
     const std::string why = cut ? "it counts as " + std::to_string(author_int(member))
                                 : std::string(refused ? "" : key.beyond);
     tell(doc, refused, member.at, about,
-         author_quoted(key.name) + " is " + std::to_string(number) + unit +
-             (below ? ", at least " : ", at most ") + std::to_string(limit) +
+         author_quoted(key.name) + (*unit == '\0' ? " is " : " has ") + std::to_string(number) +
+             unit + (below ? ", at least " : ", at most ") + std::to_string(limit) +
              (why.empty() ? "" : "; " + why));
 }
 
