@@ -84,11 +84,13 @@ done
 END
 chmod +x /usr/local/bin/sudo /usr/local/bin/systemctl
 
-readme=/usr/share/doc/tpg/README.md
-# What the walk's block of this number shows.
+# What the block of this number below a heading shows.
+shown() { # PAGE HEADING NUMBER
+	awk -v heading="## $2" -v wanted="$3" '/^## /{below = $0 == heading}
+		below && /^```/{blocks++; next} below && blocks == 2 * wanted - 1' "/usr/share/doc/tpg/$1"
+}
 block() { # NUMBER
-	awk -v wanted="$1" '/^## /{in_walk = $0 == "## The first walk"}
-		in_walk && /^```/{blocks++; next} in_walk && blocks == 2 * wanted - 1' $readme
+	shown README.md "The first walk" "$1"
 }
 as_user() { # COMMAND...
 	setpriv --reuid nobody --regid nogroup --clear-groups env -u SNMPCONFPATH MIBS= "$@"
@@ -114,6 +116,18 @@ grep -q '32473\.2\.10\.1\.1\.4\.1\.5 = STRING: "uplink"' /tmp/walked.log || fail
 grep -q '32473\.3\.10\.1\.1\.3\.1\.1\.12 = INTEGER: 12000' /tmp/walked.log || fail "no supply"
 block 5 >&9
 wait_for grep -qs '32473\.2\.0\.3.*laser too hot' /tmp/traps
+
+# The author's page, by a user whose files the agent does not own.
+if command -v gcc >/dev/null; then
+	author() { # NUMBER
+		shown jsonmib.md "From nothing to a card that answers" "$1"
+	}
+	as_user bash -ec "$(author 1)" >/tmp/author.log 2>&1 || fail "the author's page"
+	answers() {
+		[ "$(as_user bash -ec "$(author 2)")" = "$(author 3)" ]
+	}
+	wait_for answers
+fi
 
 # The rest of what is installed.
 dead=$(cd /usr/share/doc/tpg && grep -o ']([^)#]*)' ./*.md | sed 's/.*](\(.*\))/\1/' |
