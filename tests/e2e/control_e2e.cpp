@@ -69,20 +69,10 @@ class Control : public World
         daemons_end(&d);
         EXPECT_FALSE(std::filesystem::exists(TPG_CTL_PATH));
     }
-    static std::string demo(int columns)
-    {
-        const std::string trap =
-            R"("trap_info": {"fault_present_var_id": 200, "specific_start": 1})";
-        std::vector<column_t> ports(static_cast<size_t>(columns), {VAR, 1, 0, 99999});
-        return document(
-            {{"ports", CARD + ".10.1", {{1, 4}}, ports}},
-            {{"alarms", CARD + ".11.1", {{1, 4}}, {{ALARM_VAR, 1, 0, 9}, {0, 1, 1, 2}}, trap}},
-            R"("enterprise_oid": [1, 3, 6, 1], "instslot_oid": [1, 3, 6, 1],)");
-    }
     /* Cards that are not asked yet; returns the connection of the last. */
     int start(const std::vector<int>& slots)
     {
-        card_files("demo", demo(1));
+        card_files("demo", document("ports"));
         agents_start(&w);
         int fd = -1;
         for (const int slot : slots) {
@@ -173,15 +163,15 @@ TEST_F(Control, DoesWhatItIsTold)
     EXPECT_TRUE(ctl({"--help"}).starts_with("usage: "));
     EXPECT_EQ(ctl({"--version"}), "tpgctl 1.0.0\n");
 
-    card_library("demo", "demo", demo(2)); /* the card has a new library */
-    EXPECT_EQ(ctl({"reload", "3"}), "slot 3: master of slot 3, tables: 2, document: library\n");
-    EXPECT_TRUE(wait_for([] { return has(get(CARD + ".10.1.1.2.1.3"), "INTEGER: "); }));
+    card_library("demo", "demo", numbered_document(CARD, 10)); /* the card has a new library */
+    EXPECT_EQ(ctl({"reload", "3"}), "slot 3: master of slot 3, tables: 1, document: library\n");
+    EXPECT_TRUE(wait_for([] { return get(CARD + ".10.1.1.3") == "INTEGER: 3"; }));
     EXPECT_EQ(ctl({"reload", "4"}), "1 tpgctl: there is no card in the slot\n");
     card_library("demo", "demo", "{ not a document");
     EXPECT_EQ(ctl({"reload", "3"}),
               "1 tpgctl: its tables could not be registered, the log says why\n");
     EXPECT_TRUE(has(slot_status(3), R"("role":null,"master_slot":null,"source":null,"tables":0,)"));
-    card_library("demo", "demo", demo(1));
+    card_library("demo", "demo", document("ports"));
     EXPECT_EQ(ctl({"reload", "3"}), "slot 3: master of slot 3, tables: 2, document: library\n");
     daemon_play(&d, 3, {.usual = deed::late});
     proc_t asked = snmp_start("snmpset", {SNMPD, CELL + "3", "i", "7"});

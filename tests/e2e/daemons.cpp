@@ -1,6 +1,6 @@
 #include "daemons.h"
 
-#include "../support/support.h"
+#include "../support/daemon.h"
 
 #include <algorithm>
 #include <fcntl.h>
@@ -16,11 +16,6 @@ using daemon_lock = std::lock_guard<std::mutex>;
 /* A request's time, less what its way through a busy machine may take. */
 constexpr auto PATIENCE = std::chrono::milliseconds(4500);
 
-static std::string daemon_path(int slot)
-{
-    return uevgend_svr_address(static_cast<uint32_t>(slot)).sun_path;
-}
-
 static int32_t value_of(const daemon_t& daemon, uint32_t var, uint32_t index)
 {
     const auto written = daemon.written.find({var, index});
@@ -31,32 +26,14 @@ static int32_t value_of(const daemon_t& daemon, uint32_t var, uint32_t index)
 }
 
 /* Carries a request out; returns the answer. */
-static std::string daemon_serve(daemon_t* daemon, const std::string& bytes)
+static std::string daemon_serve(daemon_t* daemon, const question_t& asked)
 {
-    uevgend_get_msg_t request = {}; /* the other begins in the same way */
-    memcpy(&request, bytes.data(), sizeof(request));
-    const auto [var, index, wanted, reserved] = request.ctrl_get;
-    const bool is_set = request.head.usMsgType == UEVGEND_MSG_SET;
-    const size_t length = std::max<size_t>(is_set ? 0 : wanted, UEVGEND_DATA_FIXED);
-    std::string answer(UEVGEND_DATA_OFS + length, 'E');
-    int32_t value = value_of(*daemon, var, index);
-    if (!is_set) {
-        memcpy(&answer[UEVGEND_DATA_OFS], &value, sizeof(value));
-    } else if (daemon->play.error == 0) {
-        bytes.copy(reinterpret_cast<char*>(&value), sizeof(value), UEVGEND_DATA_OFS);
-        daemon->written[{var, index}] = value;
+    int32_t value = value_of(*daemon, asked.var, asked.index);
+    if (asked.set && daemon->play.error == 0) {
+        asked.written.copy(reinterpret_cast<char*>(&value), sizeof(value));
+        daemon->written[{asked.var, asked.index}] = value;
     }
-    uevgend_get_reply_msg_t head = {};
-    head.head.usMsgType = is_set ? daemon->play.set_type : daemon->play.get_type;
-    head.head.usMsgLen = static_cast<uint16_t>(answer.size());
-    if (daemon->play.echoes) {
-        head.ctrl_get_reply.ulVarId = var;
-        head.ctrl_get_reply.ulIndex = index;
-    }
-    head.ctrl_get_reply.scErrCode = daemon->play.error;
-    head.ctrl_get_reply.usDataLen = is_set ? 0 : sizeof(value);
-    memcpy(answer.data(), &head, UEVGEND_DATA_OFS);
-    return answer;
+    return answer_to(asked, bytes_of(value), daemon->play.error);
 }
 
 /* Sends the answers that are held, and those whose time has come. */
@@ -76,10 +53,8 @@ static void connection_flush(daemon_connection_t* connection)
 /* Takes a request, if one is complete. */
 static bool connection_take(daemons_t* d, daemon_t* daemon, daemon_connection_t* connection)
 {
-    com_msg_head_t head = {};
-    std::string& input = connection->input;
-    input.copy(reinterpret_cast<char*>(&head), sizeof(head));
-    if (input.size() < sizeof(head) || input.size() < head.usMsgLen) {
+    question_t asked;
+    if (!take_question(&connection->input, &asked)) {
         return false;
     }
     const auto now = daemon_clock::now();
@@ -92,8 +67,7 @@ static bool connection_take(daemons_t* d, daemon_t* daemon, daemon_connection_t*
         d->overtaken += now - open.came < PATIENCE ? 1 : 0;
     }
     connection->open.push_back({what, now, now + std::chrono::milliseconds(daemon->play.delay),
-                                daemon_serve(daemon, input.substr(0, head.usMsgLen))});
-    input.erase(0, head.usMsgLen);
+                                daemon_serve(daemon, asked)});
     daemon->seen++;
     return true;
 }

@@ -17,7 +17,7 @@
 namespace fs = std::filesystem;
 
 static const std::string CARD = "1.3.6.1.4.1.32473.2", PORT = CARD + ".10.1.1.",
-                         ALARM = CARD + ".11.1.1.", SPEED = PORT + "2.1.";
+                         ALARM = CARD + ".11.1.1.", SPEED = PORT + "1.1.";
 
 /* The master agent as the packaging files set it up, and the agent with its own. */
 static void shipped_start(world_t* w)
@@ -35,14 +35,7 @@ static void shipped_start(world_t* w)
 /* Cards of one family in some slots: a table of ports and one of faults with switches. */
 static void cards_start(world_t* w, const std::vector<int>& slots)
 {
-    const table_t ports = {
-        "portTable", CARD + ".10.1", {{1, 2}}, {{100, 1, 1, 2}, {101, 1, 0, 400}}, ""};
-    const table_t alarms = {"alarmTable",
-                            CARD + ".11.1",
-                            {{1, 4}},
-                            {{200, 1, 0, 0}, {0, 1, 1, 2}},
-                            R"("trap_info": {"fault_present_var_id": 200, "specific_start": 1})"};
-    card_files("demo", document({ports}, {alarms}));
+    card_files("demo", document("ports"));
     std::string cards;
     for (const int slot : slots) {
         flash_folder("DEMO", slot);
@@ -175,17 +168,20 @@ TEST_F(World, HostileClientsCannotForgeOrFloodTheLog)
 TEST_F(World, TheFirstBootOfAChassisIsLoggedInFull)
 {
     constexpr int TABLES = 12, COLUMNS = 500, SLOTS = 15;
-    std::vector<table_t> alarms;
+    std::string alarms, columns;
     for (int i = 1; i <= TABLES; i++) {
         const std::string number = std::to_string(i);
-        alarms.push_back({"alarm" + number,
-                          CARD + ".11." + number,
-                          {{1, 4}},
-                          {{0, 1, 1, 2}},
-                          R"("trap_info": {"fault_present_var_id": 200})"});
+        alarms += (i == 1 ? R"({"name": "alarm)" : R"(, {"name": "alarm)") + number +
+                  R"(", "oid": [1, 3, 6, 1, 4, 1, 32473, 2, 11, )" + number +
+                  R"(], "index_array": [], "param_array": [{"type": 1, "range0": 1, "range1": 2}],
+                     "trap_info": {"fault_present_var_id": 200}})";
     }
-    const std::vector<column_t> columns(COLUMNS, {101, 1, 0, 400, R"("odd": 1)"});
-    card_files("demo", document({{"portTable", CARD + ".10.1", {{1, 2}}, columns}}, alarms));
+    for (int i = 0; i < COLUMNS; i++) {
+        columns += std::string(i == 0 ? "" : ",") + R"({"var_id": 101, "type": 3, "odd": 1})";
+    }
+    card_files("demo", R"({"gen_table_array": [{"name": "portTable", "oid": [1, 3, 6, 1, 4, 1, 32473,
+        2, 10, 1], "index_array": [], "param_array": [)" +
+                           columns + R"(]}], "fault_table_array": [)" + alarms + "]}");
     tpg_start(&w);
     const int fd = client_connect();
     for (int slot = 1; slot <= SLOTS; slot++) {
@@ -249,15 +245,15 @@ TEST_F(World, AfterTheMastersDeathUnderLoadAllIsBackInFiveSeconds)
     tpg_start(&w);
     cards_start(&w, {3, 4, 5});
     EXPECT_EQ(set(ALARM + "2.2.4", "i", "1"), "");
-    const std::string ports = cells(PORT + "2"), switches = cells(ALARM + "2");
+    const std::string ports = cells(PORT + "1"), switches = cells(ALARM + "2");
     EXPECT_NE(switches.find("2.4=1"), std::string::npos);
     std::vector<proc_t> managers = managers_start(words_t(3, "snmpbulkwalk " + CARD));
     for (int round = 0; round < 3; round++) {
-        EXPECT_TRUE(wait_for([&] { return cells(PORT + "2") == ports; }));
+        EXPECT_TRUE(wait_for([&] { return cells(PORT + "1") == ports; }));
         proc_end(&w.snmpd, SIGKILL);
         shipped_start(&w);
         EXPECT_TRUE(wait_for(
-            [&] { return cells(PORT + "2") == ports && cells(ALARM + "2") == switches; }, 5));
+            [&] { return cells(PORT + "1") == ports && cells(ALARM + "2") == switches; }, 5));
     }
     managers_end(&managers);
 }
@@ -267,7 +263,7 @@ TEST_F(World, CardsComeAndGoUnderManagersWithoutHarmToTheMaster)
     shipped_start(&w);
     tpg_start(&w);
     cards_start(&w, {3});
-    const std::string ports = cells(PORT + "2");
+    const std::string ports = cells(PORT + "1");
     std::vector<proc_t> managers =
         managers_start({"snmpbulkwalk " + CARD, "snmpwalk " + CARD, "snmpget " + SPEED + "3"});
     const auto gone = [] {
@@ -279,7 +275,7 @@ TEST_F(World, CardsComeAndGoUnderManagersWithoutHarmToTheMaster)
         chassis(&w, "plug 3");
         ASSERT_TRUE(wait_for([] { return get(SPEED + "3") == "INTEGER: 30"; }));
     }
-    EXPECT_EQ(cells(PORT + "2"), ports);
+    EXPECT_EQ(cells(PORT + "1"), ports);
     managers_end(&managers);
     EXPECT_EQ(log_count(w, "AgentX master disconnected us"), 0);
 
@@ -296,5 +292,5 @@ TEST_F(World, CardsComeAndGoUnderManagersWithoutHarmToTheMaster)
     EXPECT_TRUE(gone());
     EXPECT_EQ(set(SPEED + "3", "i", "1"), "notWritable");
     chassis(&w, "plug 3");
-    EXPECT_TRUE(wait_for([&] { return cells(PORT + "2") == ports; }));
+    EXPECT_TRUE(wait_for([&] { return cells(PORT + "1") == ports; }));
 }

@@ -2,46 +2,13 @@
 
 #include "world.h"
 
-#include <climits>
-#include <cstdio>
-
 static const std::string CARD = "1.3.6.1.4.1.32473.2", PORT = CARD + ".10.1.1.",
                          GRID = CARD + ".10.2.1.", UNIT = CARD + ".10.3.1.",
                          ALARM = CARD + ".11.1.1.", WIDE = CARD + ".11.2.1.",
                          VAST = CARD + ".11.3.1.";
-static constexpr char READ_ONLY[] = R"("read_only": true)";
-static constexpr char INDEX[] = R"("read_only": true, "table_index": true)";
-
-/* One table of each shape; the columns' variables are 100 and up. */
-static std::string demo_document()
-{
-    const std::string trap = R"("trap_info": {"fault_present_var_id": 200, "specific_start": 1})";
-    const std::vector<column_t> port = {{100, 1, 1, 4, INDEX},
-                                        {101, 1, 1, 15, INDEX},
-                                        {102, 1, 0, 3},
-                                        {103, 2, 0, 3},
-                                        {104, 3, 0, 31},
-                                        {105, 4, 0, 31},
-                                        {106, 1, 0, 9, READ_ONLY},
-                                        {107, 1, 0, 9, INDEX},
-                                        {108, 2, 5, 1}};
-    const std::vector<column_t> grid = {
-        {120, 1, 1, 2, INDEX}, {121, 1, 1, 3, INDEX}, {122, 1, 0, 9999}};
-    const std::vector<column_t> unit = {{130, 1, -5, 5}, {131, 3, 0, 400}};
-    const std::vector<column_t> wide = {{200, 1, 0, 0}, {0, 1, 1, 2}};
-    const std::vector<column_t> alarm = {
-        {200, 1, 0, 0}, {0, 1, 1, 2}, {201, 3, 0, 31}, {202, 2, 1, 9}};
-    return document({{"portTable", CARD + ".10.1", {{1, 4}}, port},
-                     {"gridTable", CARD + ".10.2", {{1, 2}, {1, 3}}, grid},
-                     {"unitTable", CARD + ".10.3", {}, unit}},
-                    {{"alarmTable", CARD + ".11.1", {{1, 64}}, alarm, trap},
-                     {"wideTable", CARD + ".11.2", {{1, 64}, {1, 100}}, wide, trap},
-                     {"vastTable", CARD + ".11.3", {{1, 3}, {1, INT_MIN}}, wide, trap}});
-}
-
 static void demo_start(world_t* w, const std::string& cards)
 {
-    card_files("demo", demo_document());
+    card_files("demo", document("kinds"));
     agents_start(w);
     chassis_start(w, cards);
     EXPECT_TRUE(log_has(*w, "Registered product demo:DEMO version 1.2.566 on slot"));

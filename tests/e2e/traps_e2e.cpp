@@ -6,30 +6,10 @@ static const std::string CARD = "1.3.6.1.4.1.32473.2", ALARM = CARD + ".11.1.1.2
                          TWIN = CARD + ".11.2.1.2.", GRID = CARD + ".11.3.1.2.";
 static constexpr int ROW_VAR = 200, GRID_VAR = 210, WIDE_VAR = 220; /* the first has two tables */
 
-static table_t fault_table(int number, int var, const std::vector<std::pair<int, int>>& indexes,
-                           const std::string& rule)
-{
-    const std::string name = std::to_string(number), oid = CARD + ".11." + name;
-    const std::string info = R"("trap_info": {"fault_present_var_id": )" + std::to_string(var) +
-                             R"(, "specific_start": )" + rule + "}";
-    return {name, oid, indexes, {{var, 1, 0, 0}, {0, 1, 1, 2}}, info};
-}
-
 /* Cards in the slots 3 and 4, the second served by the first's tables; a client to send with. */
 static int demo_start(world_t* w)
 {
-    const std::string more = R"("enterprise_oid": [1, 3, 6, 1, 4, 1, 32473, 2],
-        "instslot_oid": [1, 3, 6, 1, 4, 1, 32473, 2, 1], "trap_var_bindings": [
-        {"oid": [1, 3, 6, 1, 4, 1, 32473, 2, 20, 1], "specific": "100-105, 300-301"},
-        {"oid": [1, 3, 6, 1, 4, 1, 32473, 2, 20, 2], "specific": "106-109,107-107 111"},
-        {"oid": [1, 3, 6, 1, 4, 1, 32473, 2, 20, 3, 1], "specific": "5-6,107-109"}],)";
-    const std::vector<table_t> tables = {
-        fault_table(1, ROW_VAR, {{1, 64}}, R"(100, "index_ofs_1": 10)"),
-        fault_table(2, ROW_VAR, {{1, 64}}, R"(5000, "index_ofs_1": 1)"),
-        fault_table(3, GRID_VAR, {{1, 4}, {1, 10}},
-                    R"(1000, "index_ofs_1": 100, "index_ofs_2": 3)"),
-        fault_table(4, WIDE_VAR, {{1, 64}, {1, 255}}, "7000")};
-    card_files("demo", document({}, tables, more));
+    card_files("demo", document("traps"));
     agents_start(w);
     snmptrapd_start(w);
     chassis_start(w, played_card(3, "demo", "DEMO") + "," + played_card(4, "demo", "DEMO") + "," +
@@ -56,7 +36,7 @@ TEST_F(World, TrapsAreNumberedByTheirRows)
     client_send(fd, notify(4, ROW_VAR, 3, big_endian(70000)) + notify(3, ROW_VAR, 4, brief));
     client_send(fd, notify(3, GRID_VAR, 0x203) + notify(4, GRID_VAR, 0xff000309, big_endian(1)));
     EXPECT_TRUE(log_has(w, "table 3 var 210 has no row for index 0xff000309. [1:4], [1:10]"));
-    EXPECT_EQ(log_count(w, "table 1 var 200 has no row for index 0x10002. [1:64], [1:15]"), 1);
+    EXPECT_EQ(log_count(w, "table tpg_fault_table var 200 has no row for index 0x10002. [1:64], [1:15]"), 1);
     EXPECT_EQ(log_count(w, " has no row for index "), 3); /* the first has two tables */
     EXPECT_EQ(log_count(w, "no fault table of slot_no 3 has var-id 999, no trap"), 1);
     expect_traps({trap(1105, 4), trap(160, 3), trap(5006, 3), trap(120, 3), trap(5002, 3),
@@ -126,7 +106,7 @@ TEST_F(World, RefusesNotifiesThatMakeNoTrap)
          {"refused a trap notify of 20 bytes with 0 bytes", "of 28 bytes with 5 bytes of data",
           "no card is registered at slot_no 9", "Invalid slot_no 16", "Invalid slot_no 0",
           "Table 4 var 220: index 0x1014 is out of range. [1:64], [1:255]",
-          "Table 1 var 200: index 0x1004 is out of range. [1:64], [1:15]"}) {
+          "Table tpg_fault_table var 200: index 0x1004 is out of range. [1:64], [1:15]"}) {
         EXPECT_EQ(log_count(w, line), 1) << line;
     }
     EXPECT_EQ(log_count(w, "|Error"), errors + 7);

@@ -347,46 +347,9 @@ void managers_end(std::vector<proc_t>* managers)
 
 /* --- files --- */
 
-/* What make tells of each, between commas. */
-template <typename items_t, typename make_t>
-static std::string list(const items_t& items, make_t make)
+std::string document(const std::string& name)
 {
-    std::string text;
-    for (const auto& item : items) {
-        text += (text.empty() ? "" : ",\n") + make(item);
-    }
-    return text;
-}
-
-static std::string table_json(const table_t& table)
-{
-    const auto member = [](const char* key, int n) {
-        return "\"" + std::string(key) + "\":" + std::to_string(n);
-    };
-    const auto range = [&](int lo, int hi) {
-        return member("range0", lo) + "," + member("range1", hi);
-    };
-    const auto tail = [](const std::string& more) {
-        return (more.empty() ? "" : ",") + more + "}";
-    };
-    return R"({"name":")" + table.name + R"(","oid":[)" +
-           std::regex_replace(table.oid, std::regex("\\."), ",") + R"(],"index_array":[)" +
-           list(table.indexes,
-                [&](auto pair) { return "{" + range(pair.first, pair.second) + "}"; }) +
-           R"(],"param_array":[)" +
-           list(table.columns,
-                [&](const column_t& column) {
-                    return "{" + member("var_id", column.var) + "," + member("type", column.type) +
-                           "," + range(column.lo, column.hi) + tail(column.more);
-                }) +
-           "]" + tail(table.more);
-}
-
-std::string document(const std::vector<table_t>& gen, const std::vector<table_t>& fault,
-                     const std::string& more)
-{
-    return "{" + more + "\"gen_table_array\": [" + list(gen, table_json) +
-           "],\n\"fault_table_array\": [" + list(fault, table_json) + "]}";
+    return read_file(TPG_SOURCE_DIR "/tests/cards/" + name + ".json");
 }
 
 std::string card_library(const std::string& name, const std::string& symbol,
@@ -404,13 +367,13 @@ std::string card_library(const std::string& name, const std::string& symbol,
     return path;
 }
 
-std::string numbered_document(const std::string& base, int number)
+std::string numbered_document(const std::string& base, int number, int last)
 {
-    return document({{"numbered",
-                      base + "." + std::to_string(number),
-                      {},
-                      {{1, 1, 1, 15, R"("table_index": true)"}},
-                      ""}});
+    const std::string index =
+        last == 0 ? "" : R"({"range0": 1, "range1": )" + std::to_string(last) + "}";
+    return R"({"gen_table_array": [{"name": "numbered", "oid": [)" +
+           std::regex_replace(base, std::regex("\\."), ",") + "," + std::to_string(number) +
+           R"(], "index_array": [)" + index + R"(], "param_array": [{"table_index": true}]}]})";
 }
 
 void card_files(const std::string& product, const std::string& text)

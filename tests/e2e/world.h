@@ -39,18 +39,6 @@ struct snmp_t {
     std::string error;
 };
 
-/* The documents that cards bring. */
-struct column_t {
-    int var, type, lo, hi;
-    std::string more = {}; /* further members, such as "read_only": true */
-};
-struct table_t {
-    std::string name, oid; /* OID with dots */
-    std::vector<std::pair<int, int>> indexes;
-    std::vector<column_t> columns;
-    std::string more = {}; /* further members, such as "trap_info": {...} */
-};
-
 constexpr int SECONDS = 20; /* patience for whatever must happen */
 constexpr char CARDS[] = "/tmp/cards";
 constexpr char BUILT_IN[] = "/var/built_in_jsonmib";
@@ -111,16 +99,15 @@ void expect_cells(const std::string& oid, const std::string& expected);
 std::vector<proc_t> managers_start(const words_t& requests);
 void managers_end(std::vector<proc_t>* managers);
 
-/* more: further members in front of the tables, each with a comma behind it. */
-std::string document(const std::vector<table_t>& gen, const std::vector<table_t>& fault = {},
-                     const std::string& more = "");
+/* A document of the folder tests/cards. */
+std::string document(const std::string& name);
 /* Builds CARDS/libmib_NAME.so, a card's library whose symbol jsonmib_SYMBOL holds a document (no
  * such symbol if it is empty); returns its path. */
 std::string card_library(const std::string& name, const std::string& symbol,
                          const std::string& text);
-/* A document whose one table BASE.NUMBER has the slot as its index and its only column, which needs
- * no daemon. */
-std::string numbered_document(const std::string& base, int number);
+/* A document whose one table BASE.NUMBER has its first index as its only column, which needs no
+ * daemon; that is the slot, unless there is one up to last before it. */
+std::string numbered_document(const std::string& base, int number, int last = 0);
 /* A card of the scenario, whose library and document card_files made. */
 std::string played_card(int slot, const std::string& product, const std::string& family,
                         const std::string& more = "");

@@ -1,5 +1,6 @@
 /* A card's whole life, once for every call on its way, with just that call failing. */
 
+#include "../support/daemon.h"
 #include "../unit/unit.h"
 #include "fault_calls.h"
 #include "tpg_jsonmib_queue.h"
@@ -7,7 +8,6 @@
 #include "tpg_main_levent.h"
 #include "tpg_main_server.h"
 #include "tpg_main_trap.h"
-#include "uevgend_msg_i.h"
 
 #include <algorithm>
 #include <csignal>
@@ -83,18 +83,15 @@ extern "C" int __real_event_base_loop(event_base* base, int flags);
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     for (int fd = -1;; close(fd)) {
         fd = accept(listener, nullptr, nullptr);
-        uevgend_get_msg_t request;
-        char rest[TPG_MSG_MAX];
-        while (recv(fd, &request, sizeof(request), MSG_WAITALL) == sizeof(request)) {
-            std::string reply(sizeof(uevgend_get_reply_msg_t), 0);
-            if (request.head.usMsgType == UEVGEND_MSG_GET) {
-                const size_t wanted = UEVGEND_DATA_OFS + request.ctrl_get.usLength;
-                reply.assign(std::max(reply.size(), wanted), 'y');
-                memset(reply.data(), 0, UEVGEND_DATA_OFS);
-            } else {
-                recv(fd, rest, request.head.usMsgLen - sizeof(request), MSG_WAITALL);
+        char part[TPG_MSG_MAX];
+        std::string bytes;
+        question_t asked;
+        for (ssize_t n = 0; (n = recv(fd, part, sizeof(part), 0)) > 0;) {
+            bytes.append(part, static_cast<size_t>(n));
+            while (take_question(&bytes, &asked)) {
+                const std::string reply = answer_to(asked, std::string(asked.length, 'y'));
+                send(fd, reply.data(), reply.size(), MSG_NOSIGNAL);
             }
-            send(fd, reply.data(), reply.size(), MSG_NOSIGNAL);
         }
     }
 }
@@ -367,7 +364,7 @@ struct fault : testing::TestWithParam<std::pair<const char*, fault_kind>> {
     static inline pid_t daemon;
     static void SetUpTestSuite()
     {
-        const int listener = unix_socket("/tmp/.uevgend_svr3", true);
+        const int listener = unix_socket(daemon_path(3), true);
         daemon = fork();
         if (daemon == 0) {
             run_daemon(listener);
@@ -379,7 +376,7 @@ struct fault : testing::TestWithParam<std::pair<const char*, fault_kind>> {
     {
         kill(daemon, SIGKILL);
         waitpid(daemon, nullptr, 0);
-        unlink("/tmp/.uevgend_svr3");
+        unlink(daemon_path(3).c_str());
     }
     /* Lets every call of the kind fail in its turn. */
     void fail_each(run_t run, int at_least, const std::vector<std::string>& silent)

@@ -4,6 +4,7 @@
  * its end. The daemons act, and time passes, only where the agent waits.
  */
 
+#include "../support/daemon.h"
 #include "fuzz.h"
 
 #include "tpg_jsonmib.h"
@@ -12,7 +13,6 @@
 #include "tpg_jsonmib_tomb.h"
 #include "tpg_legacymib_kx.h"
 #include "tpg_main_levent.h"
-#include "uevgend_msg_i.h"
 
 #include <algorithm>
 #include <climits>
@@ -25,23 +25,11 @@
 #include <sys/epoll.h>
 #include <sys/syscall.h>
 
-/* A request as its daemon sees it. */
-struct question_t {
-    bool set;
-    uint32_t var;
-    uint32_t index;
-    uint32_t length;
-    uint32_t written; /* which SET it is */
-};
-
 struct daemon_t {
     std::string path;
     int listener = -1; /* none: the daemon is away */
     int fd = -1;
-    bool deaf = false;            /* it accepts and reads nothing */
-    bool owes = false;            /* the last request has not had its answer */
-    int64_t asked_at = 0;         /* when that came */
-    bool repeated = false;        /* one answer may have been taken for the other */
+    std::string arrived;          /* the beginning of a request */
     std::deque<question_t> asked; /* to be answered */
     std::string unsent;           /* of answers that were begun */
 };
@@ -55,7 +43,6 @@ struct outstanding_t {
 };
 
 constexpr uint32_t CARD_SLOT = 2; /* and the next one has a card of the same family */
-constexpr uint32_t LENGTH_MAX = 600;
 constexpr int64_t SECOND = 1000000;
 constexpr int64_t NEVER = INT64_MAX;
 constexpr int UNANSWERED = INT_MAX;
@@ -74,8 +61,8 @@ static bool echoes;                   /* the daemons' answers name the variable 
 static bool types_tell;               /* answers to GETs and to SETs differ in type */
 static bool honest;                   /* each answer, if it comes, is that to its request */
 static bool ends_well;                /* at the end of the input all daemons answer */
-static std::map<uint32_t, int> codes; /* what SETs were answered with */
-static uint32_t sets;
+static std::map<long, int> codes;     /* what SETs were answered with */
+static long sets;
 static std::list<outstanding_t> outstanding;
 
 /* ---- daemons ---- */
@@ -88,27 +75,38 @@ static char truth(uint32_t slot, uint32_t var, uint32_t index, size_t place)
     return static_cast<char>('a' + (hash >> (place % 4 * 4) & 15U));
 }
 
-static std::string answer_to(const daemon_t* daemon, const question_t& asked, int8_t code)
+static std::string answer_of(const daemon_t* daemon, question_t asked, int8_t code)
 {
-    uevgend_get_reply_msg_t reply = {};
-    reply.head.usMsgType = types_tell && asked.set ? UEVGEND_MSG_SET : UEVGEND_MSG_GET;
-    reply.ctrl_get_reply.ulVarId = echoes ? asked.var : 0;
-    reply.ctrl_get_reply.ulIndex = echoes ? asked.index : 0;
-    reply.ctrl_get_reply.scErrCode = code;
-    std::string bytes = bytes_of(reply).substr(0, UEVGEND_DATA_OFS);
-    const size_t length = asked.set ? 0 : asked.length;
-    for (size_t i = 0; i < std::max(length, UEVGEND_DATA_FIXED); i++) {
-        bytes += truth(static_cast<uint32_t>(daemon - daemons) + 1, asked.var, asked.index, i);
+    std::string data;
+    for (size_t i = 0; i < std::max(asked.length, UEVGEND_DATA_FIXED); i++) {
+        data += truth(static_cast<uint32_t>(daemon - daemons) + 1, asked.var, asked.index, i);
     }
-    return bytes;
+    if (!echoes) {
+        asked.var = asked.index = 0;
+    }
+    std::string answer = answer_to(asked, data, code);
+    if (!types_tell) {
+        com_msg_head_t head;
+        memcpy(&head, answer.data(), sizeof(head));
+        head.usMsgType = UEVGEND_MSG_GET;
+        answer.replace(0, sizeof(head), bytes_of(head));
+    }
+    return answer;
+}
+
+/* Which SET it is that has written this: a number that is twice the SET's, or one less. */
+static long set_of(const question_t& asked)
+{
+    int32_t written = 0;
+    asked.written.copy(reinterpret_cast<char*>(&written), sizeof(written));
+    return (written + 1) / 2;
 }
 
 static void hang_up(daemon_t* daemon, int next = -1)
 {
     close(daemon->fd);
     daemon->fd = next;
-    daemon->owes = false;
-    daemon->repeated = false;
+    daemon->arrived.clear();
     daemon->asked.clear();
     daemon->unsent.clear();
 }
@@ -126,50 +124,22 @@ static void come(daemon_t* daemon)
     daemon->listener = unix_socket(daemon->path, true);
     FUZZ_REQUIRE(listen(daemon->listener, 0) == 0);
     FUZZ_REQUIRE(fcntl(daemon->listener, F_SETFL, O_NONBLOCK) == 0);
-    daemon->deaf = false;
 }
 
-/* A GET behind one of the same cell that is late may be content with either answer. */
-static bool repeats(const daemon_t* daemon, const question_t& asked)
+static void listen_to_agent(daemon_t* daemon)
 {
-    return !asked.set && std::any_of(daemon->asked.begin(), daemon->asked.end(),
-                                     [asked](const question_t& other) {
-                                         return !other.set && other.var == asked.var &&
-                                                other.index == asked.index;
-                                     });
-}
-
-/* It gets a second request when it has answered the first or 5 s have passed. */
-static void listen_to_agent(daemon_t* daemon, bool always_did = true)
-{
-    if (daemon->deaf) {
-        return;
-    }
     const int fd = accept4(daemon->listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (fd >= 0) {
         hang_up(daemon, fd);
     }
-    uint8_t bytes[UEVGEND_DATA_OFS + LENGTH_MAX];
-    while (recv(daemon->fd, bytes, UEVGEND_DATA_OFS, 0) > 0) {
-        uevgend_set_msg_t request = {};
-        memcpy(&request, bytes, UEVGEND_DATA_OFS);
-        const bool set = request.head.usMsgType == UEVGEND_MSG_SET;
-        const size_t left = request.head.usMsgLen - UEVGEND_DATA_OFS;
-        FUZZ_REQUIRE(left <= LENGTH_MAX && (set || left == 0));
-        FUZZ_REQUIRE(left == 0 || recv(daemon->fd, bytes, left, 0) == static_cast<ssize_t>(left));
-        uint32_t written = 0;
-        memcpy(&written, bytes, set ? sizeof(written) : 0);
-        const uint32_t length = set ? request.ctrl_set.usLength : request.ctrl_set.usFlags;
-        const question_t asked = {set, request.ctrl_set.ulVarId, request.ctrl_set.ulIndex, length,
-                                  (written + 1) / 2};
-        daemon->repeated = daemon->repeated || repeats(daemon, asked);
-        FUZZ_REQUIRE(!honest || !daemon->owes || daemon->repeated ||
-                     now_us >= daemon->asked_at + 5 * SECOND);
+    char bytes[1024];
+    for (ssize_t n = 0; (n = recv(daemon->fd, bytes, sizeof(bytes), 0)) > 0;) {
+        daemon->arrived.append(bytes, static_cast<size_t>(n));
+    }
+    for (question_t asked; take_question(&daemon->arrived, &asked);) {
         daemon->asked.push_back(asked);
-        daemon->owes = always_did; /* or nobody knows since when */
-        daemon->asked_at = now_us;
-        if (set) {
-            codes[(written + 1) / 2] = UNANSWERED;
+        if (asked.set) {
+            codes[set_of(asked)] = UNANSWERED;
         }
     }
 }
@@ -180,7 +150,6 @@ static void send_bytes(daemon_t* daemon, size_t count)
     daemon->unsent.erase(0, count);
     if (!bytes.empty()) {
         send(daemon->fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-        daemon->owes = daemon->owes && !(daemon->unsent.empty() && daemon->asked.empty());
     }
 }
 
@@ -189,9 +158,9 @@ static void answer(daemon_t* daemon, int8_t code, size_t count)
     if (!daemon->asked.empty()) {
         const question_t asked = daemon->asked.front();
         daemon->asked.pop_front();
-        daemon->unsent += answer_to(daemon, asked, code);
+        daemon->unsent += answer_of(daemon, asked, code);
         if (asked.set) {
-            codes[asked.written] = code;
+            codes[set_of(asked)] = code;
         }
     }
     send_bytes(daemon, count);
@@ -200,11 +169,11 @@ static void answer(daemon_t* daemon, int8_t code, size_t count)
 /* Anything may come twice, unasked, or name another cell. */
 static void lie(daemon_t* daemon, uint32_t how)
 {
-    question_t other = {how % 2 != 0, how / 2 % 12, how / 24, 1, 0};
+    question_t other = {how % 2 != 0, how / 2 % 12, how / 24, 1, ""};
     if (how < 128 && !daemon->asked.empty()) {
         other = daemon->asked.front();
     }
-    daemon->unsent += answer_to(daemon, other, 0);
+    daemon->unsent += answer_of(daemon, other, 0);
     send_bytes(daemon, daemon->unsent.size());
 }
 
@@ -229,7 +198,7 @@ static int64_t daemon_acts()
         answer(daemon, 0, next_byte());
         break;
     case 2:
-        answer(daemon, -3, LENGTH_MAX * 2);
+        answer(daemon, -3, SIZE_MAX);
         break;
     case 3:
         send_bytes(daemon, next_byte());
@@ -245,18 +214,14 @@ static int64_t daemon_acts()
     case 6:
         daemon->listener < 0 ? come(daemon) : go(daemon);
         break;
-    case 7: /* what it reads then, it may have been sent before */
-        daemon->deaf = !daemon->deaf;
-        listen_to_agent(daemon, false);
-        break;
-    case 8: /* a signal tells the agent to end, which it does not here */
+    case 7: /* a signal tells the agent to end, which it does not here */
         event_base_loopbreak(ctx_local.levent_base);
         break;
-    case 9:
-        honest ? answer(daemon, 0, LENGTH_MAX * 2) : lie(daemon, next_byte());
+    case 8:
+        honest ? answer(daemon, 0, SIZE_MAX) : lie(daemon, next_byte());
         break;
     default:
-        answer(daemon, 0, LENGTH_MAX * 2);
+        answer(daemon, 0, SIZE_MAX);
     }
     return 1;
 }
@@ -452,17 +417,17 @@ static void change_registry(tpg_context_t* ctx, uint32_t what)
 struct set_t {
     std::vector<name_t> cells;
     bool text;
-    uint32_t first;
+    long first;
 };
 
 static long set_phase(tpg_context_t* ctx, int command, const set_t& set)
 {
     netsnmp_pdu* pdu = snmp_pdu_create(command);
     pdu->transid = set.first;
-    long number = 2 * static_cast<long>(set.first);
+    long number = 2 * set.first;
     for (const name_t& name : set.cells) {
         snmp_pdu_add_variable(pdu, name.data(), name.size(), set.text ? ASN_OCTET_STR : ASN_INTEGER,
-                              &number, set.text ? sizeof(uint32_t) : sizeof(number));
+                              &number, set.text ? sizeof(int32_t) : sizeof(number));
         number += 2;
     }
     fuzz_request_t request;
@@ -482,7 +447,7 @@ static void write(tpg_context_t* ctx, const name_t& board)
     if (how / 8 % 2 != 0) {
         set.cells.push_back(read_name(root));
     }
-    sets += static_cast<uint32_t>(set.cells.size());
+    sets += static_cast<long>(set.cells.size());
     for (const int phase : {SNMP_MSG_INTERNAL_SET_RESERVE1, SNMP_MSG_INTERNAL_SET_RESERVE2,
                             SNMP_MSG_INTERNAL_SET_ACTION, SNMP_MSG_INTERNAL_SET_COMMIT}) {
         const bool acts = phase == SNMP_MSG_INTERNAL_SET_ACTION;
@@ -494,34 +459,9 @@ static void write(tpg_context_t* ctx, const name_t& board)
             change_registry(ctx, fuzz_number(&input));
         }
     }
-    for (uint32_t number = set.first; number <= sets && honest && how % 8 > 1; number++) {
+    for (long number = set.first; number <= sets && honest && how % 8 > 1; number++) {
         FUZZ_REQUIRE(!codes.contains(number) || codes.at(number) == 0);
     }
-}
-
-static void exchange(tpg_context_t* ctx)
-{
-    const uint32_t how = fuzz_number(&input);
-    const uint32_t length = fuzz_number(&input, 2) % (LENGTH_MAX + 1);
-    const uint32_t var = fuzz_number(&input) % 3 + 1; /* often the same one */
-    const uint32_t index = 0;
-    const uint32_t slot = how % 3 + 1;
-    std::vector<uint8_t> value(std::max<size_t>(length, sizeof(uint32_t)), 0xa5);
-    ctx->jsonmib_later.loop_busy = how / 6 % 2 != 0;
-    if (how / 3 % 2 != 0) {
-        const uint32_t written = ++sets * 2;
-        memcpy(value.data(), &written, sizeof(written));
-        const int result = jsonmib_ctrl_set(ctx, slot, var, index, value.data(),
-                                            static_cast<uint32_t>(value.size()));
-        FUZZ_REQUIRE(!honest || result == JSONMIB_CTRL_TRANSPORT || codes.at(sets) == result);
-    } else {
-        const int result = jsonmib_ctrl_get(ctx, slot, var, index, value.data(), length);
-        for (size_t i = 0; i < length; i++) {
-            FUZZ_REQUIRE(!honest || value[i] == (result == 0 ? truth(slot, var, index, i) : 0));
-        }
-    }
-    ctx->jsonmib_later.loop_busy = false;
-    levent_snmp_serve(ctx); /* as always behind a SET */
 }
 
 static void step(tpg_context_t* ctx, const name_t& board)
@@ -533,10 +473,6 @@ static void step(tpg_context_t* ctx, const name_t& board)
         blocked_us += now_us - begin;
         break;
     case 1:
-        exchange(ctx);
-        blocked_us += now_us - begin;
-        break;
-    case 2:
         change_registry(ctx, fuzz_number(&input));
         break;
     case 3:
@@ -567,8 +503,7 @@ void fuzz_one(tpg_context_t* ctx, std::string_view in)
     ctx->jsonmib_later.skip_unreadable = manners / 32 % 2 != 0 && snmp_get_do_debugging() == 0;
     codes.clear();
     for (daemon_t& daemon : daemons) {
-        const auto slot = &daemon - daemons + 1;
-        daemon.path = uevgend_svr_address(static_cast<uint32_t>(slot)).sun_path;
+        daemon.path = daemon_path(static_cast<int>(&daemon - daemons) + 1);
         go(&daemon);
         come(&daemon);
     }

@@ -29,7 +29,7 @@ make_seeds() {
 	# How the daemons are, the managers' steps, then the daemons' own from the last one on.
 	local get='\5\0\0\3\1\1\2' gets='\5\4\0\3\2\1\2\0\3\3\1\3\2\3\2\1\0' next='\5\1\0\3\3\1\2' walk='\5\31\2\0'
 	local set='\0\2\3\2\1\2' text='\0\22\3\3\1\3' pull='\2\3' turn='\3'
-	local get1='\1\1\4\0\1' get2='\1\1\4\0\2' set1='\1\4\4\0\1' set2='\1\4\4\0\2' answer='\37' refuse='\7' late='\7\0\7\0\7\0'
+	local answer=
 	printf "\4$get$gets$turn$next$walk$turn$turn$turn"'\0' >"$reply/gets"
 	printf "\7$get$set$turn$text$get$get1"'\0' >"$reply/sets"
 	printf "\24$get$get$turn$set$get$next$text"'\0' >"$reply/silent"

@@ -1,9 +1,8 @@
 /* The control channel and its queue, against a daemon that does what a text says. */
 
-#include "golden.h"
+#include "../support/daemon.h"
 #include "tpg_jsonmib_late.h"
 #include "tpg_jsonmib_queue.h"
-#include "uevgend_msg_i.h"
 #include "unit.h"
 
 #include <deque>
@@ -21,16 +20,17 @@ static jsonmib_asked_t asked_of(const std::string& word)
             static_cast<uint32_t>(std::stoul(word.substr(1))), 0x203, 152};
 }
 
-static std::string reply_of(const std::string& word, size_t size = 152)
+static std::string reply_of(const std::string& word)
 {
     const jsonmib_asked_t asked = asked_of(word);
-    uevgend_get_reply_msg_t reply = {};
-    reply.head.usMsgType = word[0] == 'r' ? 0 : asked.type;
-    reply.ctrl_get_reply.ulVarId = asked.var_id;
-    reply.ctrl_get_reply.ulIndex = asked.var_id == 0 ? 0 : asked.index;
-    reply.ctrl_get_reply.scErrCode = word.back() == 'x' ? -3 : 0;
-    return bytes_of(reply).substr(0, UEVGEND_DATA_OFS) +
-           std::string(size - UEVGEND_DATA_OFS, word.back());
+    std::string reply = answer_to({word[0] == 's', asked.var_id,
+                                   asked.var_id == 0 ? 0 : asked.index, 0, ""},
+                                  std::string(UEVGEND_DATA_FIXED, word.back()),
+                                  word.back() == 'x' ? -3 : 0);
+    if (word[0] == 'r') {
+        reply.replace(0, sizeof(com_msg_head_t::usMsgType), 2, '\0');
+    }
+    return reply;
 }
 
 /*
@@ -45,10 +45,10 @@ struct ctrl : testing::Test {
     };
     std::unique_ptr<tpg_context_t> ctx = new_context(0);
     jsonmib_queue_t* queue = &ctx->jsonmib_queue[2];
-    int listener = (unlink("/tmp/.uevgend_svr3"), unix_socket("/tmp/.uevgend_svr3", true));
+    int listener = (unlink(daemon_path(3).c_str()), unix_socket(daemon_path(3), true));
     int peer = -1;
     std::deque<request_t> requests;
-    std::string rest; /* of a reply that was sent in part */
+    std::string rest, input; /* of a reply that was sent in part; what the daemon has read */
     std::string told;
 
     void TearDown() override
@@ -98,13 +98,12 @@ struct ctrl : testing::Test {
         if (const int fd = accept(listener, nullptr, nullptr); fd >= 0) {
             close(std::exchange(peer, fd));
             rest.clear();
+            input.clear();
             told += "+ ";
         }
-        uevgend_set_msg_t request;
-        while (recv(peer, &request, sizeof(uevgend_get_msg_t), MSG_DONTWAIT) > 0) {
-            const bool set = request.head.usMsgType == UEVGEND_MSG_SET;
-            recv(peer, &request.ctrl_set.ucData, set ? UEVGEND_DATA_FIXED : 0, MSG_DONTWAIT);
-            told += (set ? ">s" : ">g") + std::to_string(request.ctrl_set.ulVarId) + " ";
+        question_t asked;
+        for (input += pending(peer); take_question(&input, &asked);) {
+            told += (asked.set ? ">s" : ">g") + std::to_string(asked.var) + " ";
         }
     }
     /* ?g7 is a request, !g7a a reply, /g7a the first 10 bytes of one and ! its rest, 5s time that
@@ -124,9 +123,9 @@ struct ctrl : testing::Test {
                 close(std::exchange(peer, -1));
             } else if (word == "-") {
                 close(std::exchange(listener, -1));
-                unlink("/tmp/.uevgend_svr3");
+                unlink(daemon_path(3).c_str());
             } else if (word == "+") {
-                listener = unix_socket("/tmp/.uevgend_svr3", true);
+                listener = unix_socket(daemon_path(3), true);
             } else {
                 time_passes(std::stod(word));
             }
@@ -146,37 +145,26 @@ struct ctrl : testing::Test {
     }
 };
 
-/* A golden request as this process sends it, with the length of its data. */
-template <size_t size>
-static std::string sent(std::array<uint8_t, size> bytes, size_t length_at, size_t length)
-{
-    const auto pid = static_cast<uint32_t>(getpid());
-    const auto number = static_cast<uint16_t>(length);
-    memcpy(bytes.data() + offsetof(com_msg_head_t, ulPid), &pid, sizeof(pid));
-    memcpy(bytes.data() + length_at, &number, sizeof(number));
-    return {bytes.begin(), bytes.end()};
-}
-
 TEST_F(ctrl, sizes)
 {
     ASSERT_EQ(jsonmib_ipc_connect(ctx.get(), 3), 0);
     observe();
     for (const uint32_t length : {0U, 128U, 129U, 200U}) {
-        const auto size = static_cast<uint16_t>(length > 128 ? length + 24 : 152);
-        say(reply_of("g101y", size) + "!");
+        question_t asked = {false, 101, 0x203, length, ""};
+        say(answer_to(asked, std::string(length, 'y')) + "!");
         std::string data(length, 'd');
         EXPECT_EQ(jsonmib_ctrl_get(ctx.get(), 3, 101, 0x203, data.data(), length), 0);
         EXPECT_EQ(data, std::string(length, 'y'));
         EXPECT_EQ(pending(ctx->jsonmib_ipc_info[2].fd), "!");
-        EXPECT_EQ(pending(peer), sent(GOLDEN_GET[HOST], 20, length));
+        input = pending(peer);
+        EXPECT_TRUE(take_question(&input, &asked) && asked.length == length && input.empty());
         say(reply_of("s101y"));
         EXPECT_EQ(jsonmib_ctrl_set(ctx.get(), 3, 101, 0x203, data.data(), length), 0);
-        std::string expected = sent(GOLDEN_SET[HOST], 22, length).substr(0, 24) + data;
-        expected.resize(size);
-        memcpy(&expected[offsetof(com_msg_head_t, usMsgLen)], &size, sizeof(size));
-        EXPECT_EQ(pending(peer), expected);
+        input = pending(peer);
+        EXPECT_EQ(input.size(), UEVGEND_DATA_OFS + std::max<size_t>(length, 128));
+        EXPECT_TRUE(take_question(&input, &asked) && asked.written == data && input.empty());
     }
-    say(reply_of("g101x", 224));
+    say(answer_to({false, 101, 0x203, 200, ""}, "", -3));
     std::string data(200, 'd');
     EXPECT_EQ(jsonmib_ctrl_get(ctx.get(), 3, 101, 0x203, data.data(), 200), -3);
     EXPECT_EQ(data, std::string(200, '\0'));
