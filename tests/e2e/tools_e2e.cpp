@@ -126,11 +126,12 @@ TEST_F(World, WhatTheParentIgnoredOrClosedIsNoMatter)
     write_file("/tmp/reversed", numbered_document(FAM, 4));
     write_file(TOOL,
                "#!/bin/sh\nls /proc/self/fd >/tmp/seen\nreadlink /proc/$PPID/fd/[012] >>/tmp/seen\n"
-               "cp /tmp/reversed $1.json\n",
+               "env | grep -c SECRET >>/tmp/seen\ngrep SigBlk /proc/self/status >>/tmp/seen\n"
+               "sleep 1000 &\necho $! >/tmp/left\ncp /tmp/reversed $1.json\n",
                0755);
     snmpd_start(&w);
     std::string start = "trap '' CHLD HUP PIPE USR1; exec 0<&- 1>&- 2>&- 7</dev/null;"
-                        "BASE_BOARD=3100KX exec";
+                        "BASE_BOARD=3100KX SECRET=1 exec";
     for (const std::string& word : runner() + words_t{TPG_BIN}) {
         start += " " + word;
     }
@@ -139,5 +140,7 @@ TEST_F(World, WhatTheParentIgnoredOrClosedIsNoMatter)
     EXPECT_TRUE(client_update_acked(fd, card(4, 4, false)));
     expect_cells(FAM, served(4, 4));
     EXPECT_EQ(read_file("/tmp/seen"), "0\n1\n2\n3\n" /* the last is the folder that is listed */
-                                      "/dev/null\n/dev/null\n/dev/null\n");
+                                      "/dev/null\n/dev/null\n/dev/null\n"
+                                      "0\nSigBlk:\t0000000000000000\n");
+    EXPECT_TRUE(wait_for([] { return has_ended(std::stoi(read_file("/tmp/left"))); }));
 }

@@ -4,7 +4,7 @@
 # inputs that stop one are left in build-fuzz/findings, and the exit status
 # is 1 then. Logs go to build-fuzz/log, or to FUZZ_LOGS.
 #
-#   tests/fuzz/run.sh SECONDS [client document reply switches extract ranges control]
+#   tests/fuzz/run.sh SECONDS [client document reply extract control]
 set -eu
 
 here=$(cd "$(dirname "$0")" && pwd)
@@ -28,19 +28,12 @@ make_seeds() {
 	printf '\2\1\20\4\1\0\1\0\0\0\4\0\0\0\5\2\0\10\6\0' >"$client/board"
 	# How the daemons are, the managers' steps, then the daemons' own from the last one on.
 	local get='\5\0\0\3\1\1\2' gets='\5\4\0\3\2\1\2\0\3\3\1\3\2\3\2\1\0' next='\5\1\0\3\3\1\2' walk='\5\31\2\0'
-	local set='\0\2\3\2\1\2' text='\0\22\3\3\1\3' pull='\2\3' turn='\3'
-	local answer=
+	local set='\0\2\3\2\1\2' text='\0\22\3\3\1\3' pull='\1\3' turn='\3'
 	printf "\4$get$gets$turn$next$walk$turn$turn$turn"'\0' >"$reply/gets"
-	printf "\7$get$set$turn$text$get$get1"'\0' >"$reply/sets"
+	printf "\7$get$set$turn$text$get"'\0' >"$reply/sets"
 	printf "\24$get$get$turn$set$get$next$text"'\0' >"$reply/silent"
-	printf "\64$get$next$walk$turn$next$turn$set1"'\0' >"$reply/skipped"
+	printf "\64$get$next$walk$turn$next$turn$set"'\0' >"$reply/skipped"
 	printf "\4$get$gets$turn$pull$get$turn$pull$next$set$turn$pull"'\0' >"$reply/pulled"
-	# Late answers to another cell and to the same one, a lost one.
-	printf "\4$get1$get2$answer$answer$late"'\0' >"$reply/late_get"
-	printf "\4$set1$set1$answer$refuse$late"'\0' >"$reply/late_set"
-	printf "\4$get1$set1$get1$set1$answer$refuse$late$answer$answer"'\0' >"$reply/late_other"
-	printf "\5$get1$get2$answer$answer$late"'\0' >"$reply/late_nameless"
-	printf "\4$set1$set2$set1$answer$answer\15$late"'\0' >"$reply/lost"
 	printf "\0$get$gets$turn$next$set$turn$get"'\34\300\34\3\34\50\35\1\34\0' >"$reply/lies"
 	# A request that is repeated, at a board that never answers.
 	printf '\24\5\1\2\0\5\41\2\0\0' >"$reply/repeated"
@@ -56,7 +49,7 @@ fuzz_one() {
 	client) options+=(-max_len=512 -len_control=0) ;;
 	reply) options+=(-max_len=1024 -len_control=0) ;;
 	document) options+=(-max_len=8192 -dict="$here/json.dict") ;;
-	switches) options+=(-max_len=8192 -dict="$here/json.dict") ;;
+	extract) options+=(-max_len=8192 -dict="$here/json.dict") ;;
 	esac
 	mkdir -p "$build/corpus/$name"
 	local status=0
@@ -82,7 +75,7 @@ seconds=${1:?"usage: $0 SECONDS [NAME...]"}
 shift
 names=("$@")
 if [ ${#names[@]} -eq 0 ]; then
-	names=(client document reply switches extract ranges control)
+	names=(client document reply extract control)
 fi
 cd "$top"
 cmake --preset fuzz >/dev/null

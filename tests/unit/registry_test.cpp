@@ -60,27 +60,13 @@ static std::string state()
     return text.str();
 }
 
-TEST(registry, version_order)
-{
-    std::vector<tpg_libmib_update_t> sorted;
-    for (const uint32_t version : {0U, 1U, 9U, 10U, 19U, 21U, 100U, 190U, 200U, 210U, 999U}) {
-        sorted.push_back(card(static_cast<int>(9 - version % 10), version));
-    }
-    sorted[2].build_number = UINT32_MAX;
-    sorted.back().major_rev = 0x80;
-    for (size_t a = 0; a < sorted.size(); a++) {
-        for (size_t b = 0; b < sorted.size(); b++) {
-            EXPECT_EQ(tpg_version_compare(&sorted[a], &sorted[b]), (a > b) - (a < b)) << a << b;
-        }
-    }
-}
-
 /*
  * Cards that come (+) and go (-) as slot:version:family, then what the last of them called for,
  * and the state.
  */
 constexpr const char* STORIES[][3] = {
     {"+5:120 +2:120 +15:119", "p15 ", "2>5 5>5/8024 15>5 "},
+    {"+5:900 +2:10 +15:899", "p15 ", "2>5 5>5/8024 15>5 "},
     {"+5:120 +6:110:fa;", "+6 p6 ", "5>5/20 6>6/40 "},
     {"+5:120 +2:120 -2:120", "", "5>5/20 "},
     {"+5:120 +15:119 +9:121", "-5 +9 p9 p5 p15 ", "5>9 9>9/8220 15>9 "},

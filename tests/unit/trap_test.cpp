@@ -4,38 +4,6 @@
 #include "tpg_main_trap.h"
 #include "unit.h"
 
-static int traps;
-
-/* In place of the library's. */
-void send_v2trap(netsnmp_variable_list*)
-{
-    traps++;
-}
-
-/* The library names the last handler of a table's chain after the table. */
-TEST(trap, a_tables_name_finds_no_handler)
-{
-    for (const std::string name : {"tpg_fault_table", "tpg_fault_tables", "other"}) {
-        card_t card;
-        std::string tables;
-        for (const int var : {9, 10}) {
-            tables += (var == 9 ? "" : ",") + (R"({"name":")" + name) +
-                      R"(","param_array":[{"var_id":1,"type":3}],"index_array":[{"range0":1,)" +
-                      R"("range1":4}],"oid":[1,3,6,1,4,1,32473,3,)" + std::to_string(var) +
-                      R"(],"trap_info":{"fault_present_var_id":)" + std::to_string(var) + "}}";
-        }
-        ASSERT_EQ(card.load(R"({"fault_table_array":[)" + tables + "]}"), 0);
-        memset(table_of(card.record->fault_table_reginfo[1])->send_trap_storage, 0xff,
-               sizeof(jsonmib_table_info_t::send_trap_storage));
-        std::string bytes = notify(3, 10, 0);
-        bytes.resize(sizeof(tpg_msg_trap_notify_t));
-        traps = 0;
-        tpg_msg_trap_notify(card.ctx.get(), reinterpret_cast<tpg_msg_trap_notify_t*>(bytes.data()),
-                            nullptr);
-        EXPECT_EQ(traps, 1) << name;
-    }
-}
-
 TEST(trap, range_strings)
 {
     std::string many;
