@@ -4,6 +4,7 @@
 #include "fuzz.h"
 
 #include "tpg_db.h"
+#include "tpg_json.h"
 #include "tpg_main_mibsource.h"
 
 #include <sys/stat.h>
