@@ -23,4 +23,5 @@ esac
 cd "$top"
 cmake --preset "$preset"
 cmake --build --preset "$preset" --parallel "$(nproc)"
-exec ctest --preset "$preset" --output-on-failure --no-tests=error -j 2 "$@"
+# Most tests wait for most of their time.
+exec ctest --preset "$preset" --output-on-failure --no-tests=error -j $((4 * $(nproc))) "$@"

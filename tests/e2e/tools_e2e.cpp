@@ -13,9 +13,8 @@ constexpr char TOOL[] = "/tmp/bin/libmib_reverse", TOOLS[] = "/tmp/tools";
 static tpg_msg_libmib_update_t card(int slot, int n, bool has_document = true)
 {
     const std::string name = std::to_string(n);
-    const std::string library =
-        has_document ? card_library(name, "demo", numbered_document(FAM, n))
-                     : card_library(name, "", "");
+    const std::string library = has_document ? card_library(name, "demo", numbered_document(FAM, n))
+                                             : card_library(name, "", "");
     return client_update(TPG_MSG_LIBMIB_REGISTER, slot, "demo", "FAM", n, library);
 }
 
@@ -99,25 +98,6 @@ TEST_F(World, SignalsEndTheAgentAndItsTool)
         EXPECT_TRUE(has(log, " failed, the agent is to end\n")) << log;
         EXPECT_TRUE(has(log, "TPG exit!")) << log;
         EXPECT_FALSE(fs::exists(TPG_SVR_PATH));
-    }
-}
-
-TEST_F(World, AToolThatOutlivesTheAgentHoldsNothingOfIt)
-{
-    agents_start(&w);
-    const auto first = card(3, 3), hung = card(4, 4, false);
-    EXPECT_TRUE(client_update_acked(client_connect(), first));
-    expect_cells(FAM, served(3, 3));
-    let_the_tool_hang();
-    EXPECT_TRUE(client_update_acked(client_connect(), hung));
-    const std::vector<pid_t> tools = hanging_tools();
-    EXPECT_EQ(proc_end(&w.tpg, SIGKILL), -SIGKILL);
-    EXPECT_FALSE(have_ended(tools));
-    tpg_start(&w);
-    EXPECT_TRUE(client_update_acked(client_connect(), first));
-    expect_cells(FAM, served(3, 3));
-    for (const pid_t pid : tools) {
-        kill(pid, SIGKILL);
     }
 }
 

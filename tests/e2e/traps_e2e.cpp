@@ -36,7 +36,9 @@ TEST_F(World, TrapsAreNumberedByTheirRows)
     client_send(fd, notify(4, ROW_VAR, 3, big_endian(70000)) + notify(3, ROW_VAR, 4, brief));
     client_send(fd, notify(3, GRID_VAR, 0x203) + notify(4, GRID_VAR, 0xff000309, big_endian(1)));
     EXPECT_TRUE(log_has(w, "table 3 var 210 has no row for index 0xff000309. [1:4], [1:10]"));
-    EXPECT_EQ(log_count(w, "table tpg_fault_table var 200 has no row for index 0x10002. [1:64], [1:15]"), 1);
+    EXPECT_EQ(
+        log_count(w, "table tpg_fault_table var 200 has no row for index 0x10002. [1:64], [1:15]"),
+        1);
     EXPECT_EQ(log_count(w, " has no row for index "), 3); /* the first has two tables */
     EXPECT_EQ(log_count(w, "no fault table of slot_no 3 has var-id 999, no trap"), 1);
     expect_traps({trap(1105, 4), trap(160, 3), trap(5006, 3), trap(120, 3), trap(5002, 3),
@@ -143,21 +145,4 @@ TEST_F(World, WhatCameBeforeTheEndOfAConnectionIsServed)
     EXPECT_EQ(log_count(w, "Got an error on the connection: Broken pipe"), 1);
     EXPECT_TRUE(log_has(w, "Same/older version 1.0.0 on slot 5", 3));
     EXPECT_EQ(get(GRID + "1.1.5"), "INTEGER: 2");
-}
-
-TEST_F(World, FloodOfTrapsKeepsItsOrderAndStallsNobody)
-{
-    const int fd = demo_start(&w);
-    std::string flood;
-    words_t expected;
-    for (uint32_t i = 0; i < 1000; i++) {
-        flood += notify(3, GRID_VAR, 0, big_endian(i));
-        expected.push_back(trap(1000 + i, 3));
-    }
-    client_send(fd, flood);
-    EXPECT_EQ(chassis(&w, "plug 5"), "ok plug 5 sent");
-    EXPECT_TRUE(wait_for([] { return get(GRID + "1.1.5") == "INTEGER: 2"; }));
-    EXPECT_LT(traps().size(), expected.size()); /* it was answered in between */
-    EXPECT_TRUE(wait_for_text("/tmp/run/traps", CARD + ".0.1999"));
-    expect_traps(expected);
 }

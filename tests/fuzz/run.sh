@@ -26,17 +26,11 @@ make_seeds() {
 	printf '\2\5\43\2\6\20\2\4\61\3\214\0' >"$client/leftovers"
 	printf '\1\3\0\10\0textless\1\1\5\4\0cut!\0\14not a header\0' >"$client/frames"
 	printf '\2\1\20\4\1\0\1\0\0\0\4\0\0\0\5\2\0\10\6\0' >"$client/board"
-	# How the daemons are, the managers' steps, then the daemons' own from the last one on.
-	local get='\5\0\0\3\1\1\2' gets='\5\4\0\3\2\1\2\0\3\3\1\3\2\3\2\1\0' next='\5\1\0\3\3\1\2' walk='\5\31\2\0'
-	local set='\0\2\3\2\1\2' text='\0\22\3\3\1\3' pull='\1\3' turn='\3'
-	printf "\4$get$gets$turn$next$walk$turn$turn$turn"'\0' >"$reply/gets"
-	printf "\7$get$set$turn$text$get"'\0' >"$reply/sets"
-	printf "\24$get$get$turn$set$get$next$text"'\0' >"$reply/silent"
-	printf "\64$get$next$walk$turn$next$turn$set"'\0' >"$reply/skipped"
-	printf "\4$get$gets$turn$pull$get$turn$pull$next$set$turn$pull"'\0' >"$reply/pulled"
-	printf "\0$get$gets$turn$next$set$turn$get"'\34\300\34\3\34\50\35\1\34\0' >"$reply/lies"
-	# A request that is repeated, at a board that never answers.
-	printf '\24\5\1\2\0\5\41\2\0\0' >"$reply/repeated"
+	# A GET, a SET, time, the end, bytes, an answer, a part of one.
+	local get='\0\4\0' set='\1\4\0' late='\2\62' answer='\6' part='\7'
+	printf "$get$get$answer$set$answer$answer"'\0' >"$reply/answers"
+	printf "$get$late$get$answer$answer$set$late$set$answer$answer"'\0' >"$reply/late"
+	printf "$get$set$part$late$get\\3$get"'\4\4\1\2\3\4\0' >"$reply/parts"
 }
 
 fuzz_one() {

@@ -37,7 +37,7 @@ if [ "${1:-}" != --inside ]; then
 		command -v $tool >/dev/null || not_run "no $tool"
 	done
 	unshare --mount true 2>/dev/null || not_run "no namespaces"
-	package=$(mktemp -d)
+	package=$(mktemp -d -p /dev/shm) # no disk to wait for
 	trap 'rm -rf "$package"' EXIT
 	(cd "$1" && cpack -G DEB -B "$package" >"$package/log" 2>&1) || {
 		cat "$package/log" >&2

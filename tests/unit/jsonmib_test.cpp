@@ -83,6 +83,7 @@ top {'trap_var_bindings':[{'oid':@129}]} | 0 Error arraylen 129 > oid_max_len 12
 top {'gen_table_array':[5]} | -1 Error gen_table_array[0] is of json type 3, expected 4 (object)
 top {'gen_table_array':[{'oid':[1,3]}]} | -1 Error Validation jsonmib_table failed! name[], oid0[1]
 gen ,'index_array':[[]] | -1 Error index_array[0] is of json type 5, expected 4 (object)
+gen ,'index_array':[{'range0':1}] | -1 Error missing index pair, find 1
 gen ,'index_array':[I,I,I,I,I,I] | -1 Error arraylen 6 > index_info_max 5
 gen ,'index_array':[I,I,I,I,I],'oid':@120 | 0 ok
 gen ,'index_array':[I,I,I,I,I],'oid':@121 | -1 Error table t1: an oid of 121 elements leaves no room
