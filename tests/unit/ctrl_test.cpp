@@ -8,6 +8,20 @@
 #include <deque>
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+
+static int64_t frozen_us; /* the agent's time; 0: it is that of the machine */
+
+/* In place of the C library's. */
+extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept
+{
+    if (clock != CLOCK_MONOTONIC || frozen_us == 0) {
+        return static_cast<int>(syscall(SYS_clock_gettime, clock, time));
+    }
+    *time = {static_cast<time_t>(frozen_us / 1000000),
+             static_cast<long>(frozen_us % 1000000 * 1000)};
+    return 0;
+}
 
 /*
  * Requests and replies are words: g for a GET or its reply, s for a SET's, n for a walk's GET, r
@@ -50,8 +64,13 @@ struct ctrl : testing::Test {
     std::string rest, input; /* of a reply that was sent in part; what the daemon has read */
     std::string told;
 
+    void SetUp() override
+    {
+        frozen_us = 1000000000;
+    }
     void TearDown() override
     {
+        frozen_us = 0;
         jsonmib_queue_release(ctx.get());
         close(peer);
         close(listener);
@@ -72,18 +91,6 @@ struct ctrl : testing::Test {
     {
         EXPECT_EQ(send(peer, bytes.data(), bytes.size(), MSG_NOSIGNAL),
                   static_cast<ssize_t>(bytes.size()));
-    }
-    void time_passes(double seconds)
-    {
-        const auto us = static_cast<int64_t>(seconds * 1e6);
-        queue->sent_at -= us;
-        queue->heard_at -= us;
-        queue->walked_at -= us;
-        queue->away_since -= queue->away_since == 0 ? 0 : us;
-        for (request_t& request : requests) {
-            request.exchange.born -= us;
-            request.exchange.queued -= us;
-        }
     }
     void observe()
     {
@@ -129,7 +136,7 @@ struct ctrl : testing::Test {
             } else if (word == "+") {
                 listener = unix_socket(daemon_path(3), true);
             } else {
-                time_passes(std::stod(word));
+                frozen_us += static_cast<int64_t>(std::stod(word) * 1e6);
             }
             jsonmib_queue_drive(ctx.get(), jsonmib_now());
             observe();
