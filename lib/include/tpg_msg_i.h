@@ -45,6 +45,16 @@ struct tpg_msg_libmib_update_ack_t {
 constexpr size_t TPG_TRAP_HEAD_LEN = 24;
 constexpr size_t TPG_TRAP_DATA_MAX = TPG_MSG_MAX - TPG_TRAP_HEAD_LEN;
 
+/*
+ * What a notify's data may hold, as far as data_len goes: an offset to the trap
+ * number, the row and the length of a text, the text. Numbers have their highest
+ * byte first, whatever the byte order of the board.
+ */
+constexpr size_t TPG_TRAP_OFFSET_LEN = 4;
+constexpr size_t TPG_TRAP_FIRST_INDEX_OFS = 4;
+constexpr size_t TPG_TRAP_TEXT_LEN_OFS = 8;
+constexpr size_t TPG_TRAP_TEXT_OFS = 9;
+
 /* A fault variable of a card changed; data_len bytes of data are valid. */
 struct tpg_trap_notify_t {
     uint32_t var_id;

@@ -257,7 +257,10 @@ struct jsonmib_later_t {
 
 /* ---- what operators are told of a slot ---- */
 
+/* Where a card's document came from, and what operators read of it. */
 enum class jsonmib_source_t : uint8_t { none, library, built_in, reverse, file };
+constexpr const char* JSONMIB_SOURCE_NAMES[] = {nullptr, "library", "built-in", "reverse", "file"};
+
 enum class jsonmib_daemon_t : uint8_t { idle, connected, down, silent };
 
 constexpr uint32_t JSONMIB_TIMES_COLUMNS = 6; /* of 10 s: a minute */

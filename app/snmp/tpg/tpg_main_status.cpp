@@ -22,7 +22,6 @@ static json_object* last_error_of(const jsonmib_stats_t*);
 static json_object* traps_of(const jsonmib_stats_t*);
 static bool has_hung_up(const tpg_context_t*, uint32_t);
 
-constexpr const char* SOURCES[] = {nullptr, "library", "built-in", "reverse", "file"};
 constexpr const char* DAEMONS[] = {"idle", "connected", "down", "silent"};
 constexpr int64_t SECOND_US = 1000000;
 constexpr double MILLISECOND_US = 1000;
@@ -153,7 +152,8 @@ static void add_role(json_object* slot, tpg_context_t* ctx,
         master_slot = master->libmib_reginfo.slot_no;
     }
     if (master_slot >= 1 && master_slot <= TPG_SLOT_MAX) {
-        source = SOURCES[static_cast<size_t>(ctx->jsonmib_stats[master_slot - 1].source)];
+        const jsonmib_source_t known = ctx->jsonmib_stats[master_slot - 1].source;
+        source = JSONMIB_SOURCE_NAMES[static_cast<size_t>(known)];
     }
     add(slot, "role", role == nullptr ? nullptr : json_object_new_string(role));
     add(slot, "master_slot", role == nullptr ? nullptr : json_object_new_uint64(master_slot));

@@ -14,10 +14,20 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
+#include <string_view>
 
-static void dump_notify(const tpg_trap_notify_t*);
+/* What a notify's data says. Each part is there if the data is long enough; otherwise it is zero.
+ */
+struct notify_data_t {
+    uint32_t specific_offset;
+    bool has_text; /* for the bindings; only then the rest is there */
+    uint32_t first_index;
+    std::string_view text;
+};
+
 static uint32_t big_endian_32(const uint8_t*);
-static uint32_t specific_offset(const tpg_trap_notify_t*);
+static notify_data_t data_of(const tpg_trap_notify_t*);
+static void dump_notify(const tpg_trap_notify_t*);
 static int build_slot_binding(tpg_context_t*, tpg_jsonmib_register_info_t*, uint32_t,
                               netsnmp_variable_list*);
 static int set_integer_binding(tpg_context_t*, netsnmp_variable_list*, const oid*, size_t, int32_t);
@@ -36,18 +46,13 @@ static const specific_range_t* matching_range(const jsonmib_trap_bindings_info_t
 static netsnmp_variable_list* new_binding(tpg_context_t*, const jsonmib_trap_bindings_info_t*,
                                           uint32_t);
 static int fill_binding(tpg_context_t*, netsnmp_variable_list*, const jsonmib_trap_bindings_info_t*,
-                        const tpg_trap_notify_t*);
+                        const notify_data_t*, uint32_t);
 
 /* snmpTrapOID.0 */
 constexpr oid objid_snmptrap[] = {1, 3, 6, 1, 6, 3, 1, 1, 4, 1, 0};
 constexpr size_t objid_snmptrap_len = std::size(objid_snmptrap);
 
 constexpr char TRACE_TRAP[] = "trap";
-constexpr uint32_t OFFSET_LEN = 4; /* data bytes 0..3: the specific offset */
-/* Data bytes of a notify that carries a text for the bindings. */
-constexpr uint32_t FIRST_INDEX_OFS = 4;
-constexpr uint32_t VARBIND_LEN_OFS = 8;
-constexpr uint32_t VARBIND_STR_OFS = 9;
 constexpr uint32_t SPECIFIC_BASE_KX = 1000;
 
 /* ---- data of a notify ---- */
@@ -58,9 +63,21 @@ static uint32_t big_endian_32(const uint8_t* bytes)
            static_cast<uint32_t>(bytes[2]) << 8U | bytes[3];
 }
 
-static uint32_t specific_offset(const tpg_trap_notify_t* notify)
+static notify_data_t data_of(const tpg_trap_notify_t* notify)
 {
-    return notify->data_len >= OFFSET_LEN ? big_endian_32(notify->data) : 0;
+    const uint8_t* bytes = notify->data;
+    notify_data_t data = {};
+    if (notify->data_len >= TPG_TRAP_OFFSET_LEN) {
+        data.specific_offset = big_endian_32(bytes);
+    }
+    if (notify->data_len >= TPG_TRAP_TEXT_OFS &&
+        TPG_TRAP_TEXT_OFS + bytes[TPG_TRAP_TEXT_LEN_OFS] <= notify->data_len) {
+        data.has_text = true;
+        data.first_index = big_endian_32(bytes + TPG_TRAP_FIRST_INDEX_OFS);
+        data.text = {reinterpret_cast<const char*>(bytes + TPG_TRAP_TEXT_OFS),
+                     bytes[TPG_TRAP_TEXT_LEN_OFS]};
+    }
+    return data;
 }
 
 /* Bytes behind data_len are zero: nothing that the card did not send is shown. */
@@ -68,7 +85,7 @@ static void dump_notify(const tpg_trap_notify_t* notify)
 {
     constexpr unsigned PER_LINE = 16;
     const unsigned varbind_len =
-        notify->data_len > OFFSET_LEN ? notify->data[4] * 256U + notify->data[5] : 0;
+        notify->data_len > TPG_TRAP_OFFSET_LEN ? notify->data[4] * 256U + notify->data[5] : 0;
     printf("Received trap notify, slot_no %d, var-id %d, index 0x%x, length %d, "
            "varbind_index %d, varbind_len %d\n",
            notify->slot_no, static_cast<int>(notify->var_id), notify->index, notify->data_len,
@@ -279,8 +296,8 @@ static int notify_table(tpg_context_t* ctx, tpg_jsonmib_register_info_t* master,
         TPG_ERROR(ctx, "xxxSendTrap[0x%x] was disabled", notify->index);
         return 0;
     }
-    return send_table_trap(ctx, master, table, notify, row.specific + specific_offset(notify),
-                           slot_binding);
+    return send_table_trap(ctx, master, table, notify,
+                           row.specific + data_of(notify).specific_offset, slot_binding);
 }
 
 static int send_table_trap(tpg_context_t* ctx, const tpg_jsonmib_register_info_t* master,
@@ -344,9 +361,9 @@ netsnmp_variable_list* tpg_msg_trap_var_bindings(tpg_context_t* ctx, uint32_t sp
         return nullptr;
     }
     TPG_DEBUG(ctx, "%s(): trap_bindings_len=%d", __func__, total);
-    if (trap_notify->data_len < VARBIND_STR_OFS ||
-        VARBIND_STR_OFS + trap_notify->data[VARBIND_LEN_OFS] > trap_notify->data_len) {
-        return nullptr; /* the notify carries no text */
+    const notify_data_t data = data_of(trap_notify);
+    if (!data.has_text) {
+        return nullptr;
     }
     netsnmp_variable_list* head = nullptr;
     netsnmp_variable_list** tail = &head;
@@ -357,7 +374,7 @@ netsnmp_variable_list* tpg_msg_trap_var_bindings(tpg_context_t* ctx, uint32_t sp
         if (binding == nullptr) {
             continue;
         }
-        if (fill_binding(ctx, binding, &declared[i], trap_notify) != 0) {
+        if (fill_binding(ctx, binding, &declared[i], &data, trap_notify->slot_no) != 0) {
             snmp_free_varbind(binding);
             continue;
         }
@@ -403,31 +420,28 @@ new_binding(tpg_context_t* ctx, const jsonmib_trap_bindings_info_t* declared, ui
 
 /* Names the entry after the binding, the row and the slot; its value is the card's text. */
 static int fill_binding(tpg_context_t* ctx, netsnmp_variable_list* binding,
-                        const jsonmib_trap_bindings_info_t* declared,
-                        const tpg_trap_notify_t* trap_notify)
+                        const jsonmib_trap_bindings_info_t* declared, const notify_data_t* data,
+                        uint32_t slot_no)
 {
     const uint32_t length = declared->oid_len;
-    const uint32_t first_index = big_endian_32(trap_notify->data + FIRST_INDEX_OFS);
-    const uint8_t varbind_len = trap_notify->data[VARBIND_LEN_OFS];
-    const uint8_t* varbind_str = trap_notify->data + VARBIND_STR_OFS;
+    const auto text_len = static_cast<int>(data->text.size());
     oid name[TPG_OID_MAX];
     if (length + 2 > TPG_OID_MAX) {
-        TPG_ERROR(ctx, "an oid of %u elements leaves no room for a trap binding, at most %u", length,
-                  TPG_OID_MAX - 2);
+        TPG_ERROR(ctx, "an oid of %u elements leaves no room for a trap binding, at most %u",
+                  length, TPG_OID_MAX - 2);
         return -1;
     }
     std::copy_n(declared->oid, length, name);
-    name[length] = first_index + 1;
-    name[length + 1] = trap_notify->slot_no;
+    name[length] = data->first_index + 1;
+    name[length + 1] = slot_no;
     binding->type = ASN_OCTET_STR;
     if (snmp_set_var_objid(binding, name, length + 2) != 0 ||
-        snmp_set_var_value(binding, varbind_str, varbind_len) != 0) {
-        TPG_ERROR(ctx, "no memory for a trap binding of %u bytes", varbind_len);
+        snmp_set_var_value(binding, data->text.data(), data->text.size()) != 0) {
+        TPG_ERROR(ctx, "no memory for a trap binding of %d bytes", text_len);
         return -1;
     }
     TPG_DEBUG(ctx, "New var binding first_index %d, slot_no %d, varbind_len %d, varbind_str %.*s",
-              first_index, trap_notify->slot_no, varbind_len, varbind_len,
-              reinterpret_cast<const char*>(varbind_str));
+              data->first_index, slot_no, text_len, text_len, data->text.data());
     return 0;
 }
 
@@ -440,11 +454,11 @@ void tpg_msg_trap_notify_kx(tpg_context_t* ctx, const tpg_msg_trap_notify_t* tra
     static constexpr oid SLOT_ARCS[] = {3, 1, 1, 1, 1};
     (void)clnt_conn;
     const tpg_trap_notify_t* trap_notify = &trap_notify_msg->trap_notify;
-    if (trap_notify->data_len != OFFSET_LEN) {
+    if (trap_notify->data_len != TPG_TRAP_OFFSET_LEN) {
         TPG_ERROR(ctx, "Only support integer trap value for KX!");
         return;
     }
-    const uint32_t value = big_endian_32(trap_notify->data);
+    const uint32_t value = data_of(trap_notify).specific_offset;
     const uint32_t specific = trap_notify->index + SPECIFIC_BASE_KX + value;
     TPG_DEBUG(ctx, "%s(): specifc=%d, notifiy_value=%d, index=%d, slot_no=%d ", __func__, specific,
               value, trap_notify->index, trap_notify->slot_no);
