@@ -125,7 +125,7 @@ struct chassis_slot_t {
     bool card;
     bool board;
     bool plugged;                 /* at start */
-    tpg_libmib_update_t identity; /* of the card, in host byte order */
+    tpg_libmib_update_t identity; /* of the card */
     chassis_vars_t vars;
     chassis_daemon_t daemon;
     chassis_client_t client;
@@ -145,7 +145,6 @@ struct chassis_input_t {
 
 struct chassis_t {
     chassis_ptr_t<event_base> base;
-    bool swap;                    /* the byte order of the messages is not the host's */
     chassis_ptr_t<event> settled; /* activated when a client's state changed */
     std::string board_type;
     std::array<chassis_slot_t, TPG_SLOT_MAX> slots; /* by slot number - 1 */
@@ -156,17 +155,6 @@ struct chassis_t {
 inline bool chassis_slot_used(const chassis_slot_t* slot)
 {
     return slot->card || slot->board;
-}
-
-/* value in the messages' byte order, from the host's or back. */
-inline uint16_t chassis_wire16(const chassis_t* chassis, uint16_t value)
-{
-    return chassis->swap ? __builtin_bswap16(value) : value;
-}
-
-inline uint32_t chassis_wire32(const chassis_t* chassis, uint32_t value)
-{
-    return chassis->swap ? __builtin_bswap32(value) : value;
 }
 
 #endif

@@ -13,7 +13,7 @@ static void client_event_cb(bufferevent* bev, short what, void* arg);
 static void client_read_cb(bufferevent* bev, void* arg);
 static void client_send_update(chassis_slot_t* slot, uint16_t type);
 static int client_send(chassis_slot_t* slot, const void* msg, size_t length);
-static com_msg_head_t client_head(const chassis_t* chassis, uint16_t type, size_t length);
+static com_msg_head_t client_head(uint16_t type, size_t length);
 static void client_located(chassis_slot_t* slot);
 static void client_settle(const chassis_slot_t* slot);
 
@@ -60,18 +60,17 @@ int chassis_client_unregister(chassis_slot_t* slot)
 
 int chassis_client_fault(chassis_slot_t* slot, uint32_t var, uint32_t index, std::string_view data)
 {
-    const chassis_t* const chassis = slot->chassis;
     if (slot->client.link != chassis_link::connected) {
         return -1;
     }
     tpg_msg_trap_notify_t msg = {};
     const size_t length =
         data.copy(reinterpret_cast<char*>(msg.trap_notify.data), sizeof(msg.trap_notify.data));
-    msg.head = client_head(chassis, TPG_MSG_TRAP_NOTIFY, TPG_TRAP_HEAD_LEN + length);
-    msg.trap_notify.var_id = chassis_wire32(chassis, var);
-    msg.trap_notify.index = chassis_wire32(chassis, index);
+    msg.head = client_head(TPG_MSG_TRAP_NOTIFY, TPG_TRAP_HEAD_LEN + length);
+    msg.trap_notify.var_id = var;
+    msg.trap_notify.index = index;
     msg.trap_notify.slot_no = static_cast<uint8_t>(slot->slot_no);
-    msg.trap_notify.data_len = chassis_wire16(chassis, static_cast<uint16_t>(length));
+    msg.trap_notify.data_len = static_cast<uint16_t>(length);
     return client_send(slot, &msg, TPG_TRAP_HEAD_LEN + length);
 }
 
@@ -168,13 +167,12 @@ static void client_event_cb(bufferevent* /*bev*/, short /*what*/, void* arg)
 static void client_read_cb(bufferevent* bev, void* arg)
 {
     auto* const slot = static_cast<chassis_slot_t*>(arg);
-    const chassis_t* const chassis = slot->chassis;
     evbuffer* const input = bufferevent_get_input(bev);
     tpg_msg_libmib_update_ack_t ack = {};
     while (evbuffer_get_length(input) >= sizeof(ack)) {
         evbuffer_remove(input, &ack, sizeof(ack));
-        const uint16_t type = chassis_wire16(chassis, ack.head.usMsgType);
-        const uint16_t length = chassis_wire16(chassis, ack.head.usMsgLen);
+        const uint16_t type = ack.head.usMsgType;
+        const uint16_t length = ack.head.usMsgLen;
         if (type != TPG_MSG_LIBMIB_REGISTER || length != sizeof(ack) ||
             slot->client.acks_due == 0) {
             fprintf(stderr,
@@ -191,12 +189,10 @@ static void client_read_cb(bufferevent* bev, void* arg)
 
 static void client_send_update(chassis_slot_t* slot, uint16_t type)
 {
-    const chassis_t* const chassis = slot->chassis;
     slot->client.taken = false;
     tpg_msg_libmib_update_t msg = {};
-    msg.head = client_head(chassis, type, sizeof(msg));
+    msg.head = client_head(type, sizeof(msg));
     msg.libmib_update = slot->identity;
-    msg.libmib_update.build_number = chassis_wire32(chassis, slot->identity.build_number);
     if (client_send(slot, &msg, sizeof(msg)) == 0) {
         slot->client.acks_due++;
     }
@@ -217,18 +213,14 @@ static int client_send(chassis_slot_t* slot, const void* msg, size_t length)
     return bufferevent_write(bev, static_cast<const char*>(msg) + sent, length - sent);
 }
 
-/* A header with its parity, in the messages' byte order. */
-static com_msg_head_t client_head(const chassis_t* chassis, uint16_t type, size_t length)
+/* A header with its parity. */
+static com_msg_head_t client_head(uint16_t type, size_t length)
 {
     com_msg_head_t head = {};
     head.usMsgType = type;
     head.usMsgLen = static_cast<uint16_t>(length);
     head.ulPid = static_cast<uint32_t>(getpid());
-    const uint16_t parity = com_msg_parity(&head, TPG_PARITY_KEY);
-    head.usMsgType = chassis_wire16(chassis, head.usMsgType);
-    head.usMsgLen = chassis_wire16(chassis, head.usMsgLen);
-    head.ulPid = chassis_wire32(chassis, head.ulPid);
-    head.usReserved = chassis_wire16(chassis, parity);
+    head.usReserved = com_msg_parity(&head, TPG_PARITY_KEY);
     return head;
 }
 

@@ -109,7 +109,7 @@ static const command_t commands[] = {
 
 /* ---- lines in, answers out ---- */
 
-int chassis_command_start(chassis_t* chassis, bool with_input)
+int chassis_command_start(chassis_t* chassis)
 {
     chassis_input_t* const input = &chassis->input;
     event_base* const base = chassis->base.get();
@@ -119,12 +119,10 @@ int chassis_command_start(chassis_t* chassis, bool with_input)
     if (!chassis->settled || !input->deadline || !input->buf) {
         return -1;
     }
-    if (with_input) {
-        input->readable.reset(
-            event_new(base, STDIN_FILENO, EV_READ | EV_PERSIST, input_readable_cb, chassis));
-        if (!input->readable || event_add(input->readable.get(), nullptr) != 0) {
-            return -1;
-        }
+    input->readable.reset(
+        event_new(base, STDIN_FILENO, EV_READ | EV_PERSIST, input_readable_cb, chassis));
+    if (!input->readable || event_add(input->readable.get(), nullptr) != 0) {
+        return -1;
     }
     std::vector<unsigned> plugged;
     for (chassis_slot_t& slot : chassis->slots) {
@@ -189,9 +187,7 @@ static void input_hold(chassis_t* chassis, std::string answer, std::vector<unsig
         input_release(chassis);
         return;
     }
-    if (input->readable) {
-        event_del(input->readable.get());
-    }
+    event_del(input->readable.get());
     evtimer_add(input->deadline.get(), &ANSWER_DEADLINE);
 }
 
@@ -216,7 +212,7 @@ static void input_release(chassis_t* chassis)
     printf("%s\n", line.c_str());
     input->held = false;
     evtimer_del(input->deadline.get());
-    if (input->readable && !input->eof) {
+    if (!input->eof) {
         event_add(input->readable.get(), nullptr);
     }
 }

@@ -22,7 +22,7 @@ static void conn_read_cb(bufferevent* bev, void* arg);
 static void conn_event_cb(bufferevent* bev, short what, void* arg);
 static bool conn_take_message(chassis_conn_t* conn);
 static bool message_length_ok(uint16_t type, uint16_t length);
-static chassis_request_t request_read(const chassis_t* chassis, const std::string& msg);
+static chassis_request_t request_read(const std::string& msg);
 static void request_note(chassis_slot_t* slot, chassis_request_t request);
 static bool conn_serve(chassis_conn_t* conn, const std::string& msg);
 static std::string get_answer(chassis_slot_t* slot, const chassis_request_t& request);
@@ -30,8 +30,8 @@ static std::string set_answer(chassis_slot_t* slot, const chassis_request_t& req
                               std::string_view data);
 static chassis_code set_value(chassis_slot_t* slot, const chassis_request_t& request,
                               std::string_view data);
-static std::string value_bytes(const chassis_t* chassis, const chassis_value_t& value);
-static com_msg_head_t reply_head(const chassis_t* chassis, uint16_t type, size_t length);
+static std::string value_bytes(const chassis_value_t& value);
+static com_msg_head_t reply_head(uint16_t type, size_t length);
 static void conn_reply(chassis_conn_t* conn, std::string reply);
 static void conn_late_arm(chassis_conn_t* conn);
 static void conn_late_cb(evutil_socket_t fd, short what, void* arg);
@@ -169,14 +169,13 @@ static void conn_event_cb(bufferevent* /*bev*/, short /*what*/, void* arg)
 /* Serves the next whole message; false when there is none (yet) or the connection ended. */
 static bool conn_take_message(chassis_conn_t* conn)
 {
-    const chassis_t* const chassis = conn->slot->chassis;
     evbuffer* const input = bufferevent_get_input(conn->bev.get());
     com_msg_head_t head = {};
     if (evbuffer_copyout(input, &head, sizeof(head)) < static_cast<ev_ssize_t>(sizeof(head))) {
         return false;
     }
-    const uint16_t type = chassis_wire16(chassis, head.usMsgType);
-    const uint16_t length = chassis_wire16(chassis, head.usMsgLen);
+    const uint16_t type = head.usMsgType;
+    const uint16_t length = head.usMsgLen;
     if (!message_length_ok(type, length)) {
         fprintf(stderr,
                 "tpg-chassis: slot %u: not a request: type %u, length %u; connection closed\n",
@@ -200,21 +199,21 @@ static bool message_length_ok(uint16_t type, uint16_t length)
 }
 
 /* The request in a message of a good type and length. */
-static chassis_request_t request_read(const chassis_t* chassis, const std::string& msg)
+static chassis_request_t request_read(const std::string& msg)
 {
     uevgend_set_msg_t set = {};
     msg.copy(reinterpret_cast<char*>(&set), sizeof(set));
     chassis_request_t request = {};
-    request.type = chassis_wire16(chassis, set.head.usMsgType);
-    request.var = chassis_wire32(chassis, set.ctrl_set.ulVarId);
-    request.index = chassis_wire32(chassis, set.ctrl_set.ulIndex);
+    request.type = set.head.usMsgType;
+    request.var = set.ctrl_set.ulVarId;
+    request.index = set.ctrl_set.ulIndex;
     if (request.type == UEVGEND_MSG_GET) {
         uevgend_get_msg_t get = {};
         msg.copy(reinterpret_cast<char*>(&get), sizeof(get));
-        request.length = chassis_wire16(chassis, get.ctrl_get.usLength);
+        request.length = get.ctrl_get.usLength;
         return request;
     }
-    request.length = chassis_wire16(chassis, set.ctrl_set.usLength);
+    request.length = set.ctrl_set.usLength;
     const size_t expected = UEVGEND_DATA_OFS + std::max<size_t>(request.length, UEVGEND_DATA_FIXED);
     request.bad = msg.size() != expected;
     request.data = msg.substr(UEVGEND_DATA_OFS, request.length).substr(0, REQUEST_DATA_KEPT);
@@ -235,7 +234,7 @@ static void request_note(chassis_slot_t* slot, chassis_request_t request)
 static bool conn_serve(chassis_conn_t* conn, const std::string& msg)
 {
     chassis_slot_t* const slot = conn->slot;
-    const chassis_request_t request = request_read(slot->chassis, msg);
+    const chassis_request_t request = request_read(msg);
     request_note(slot, request);
     if (request.bad || slot->daemon.mode == chassis_mode::close) {
         conn_close(conn);
@@ -261,7 +260,6 @@ static bool conn_serve(chassis_conn_t* conn, const std::string& msg)
 
 static std::string get_answer(chassis_slot_t* slot, const chassis_request_t& request)
 {
-    const chassis_t* const chassis = slot->chassis;
     const size_t room = std::max<size_t>(request.length, UEVGEND_DATA_FIXED);
     chassis_value_t value = {};
     int code = slot->daemon.mode_arg;
@@ -270,7 +268,7 @@ static std::string get_answer(chassis_slot_t* slot, const chassis_request_t& req
     }
     std::string data;
     if (code == CHASSIS_OK) {
-        data = value_bytes(chassis, value);
+        data = value_bytes(value);
         if (value.kind == chassis_kind::integer && request.length != data.size()) {
             code = CHASSIS_BAD_LENGTH;
             data.clear();
@@ -279,11 +277,11 @@ static std::string get_answer(chassis_slot_t* slot, const chassis_request_t& req
     data.resize(std::min<size_t>(data.size(), request.length));
 
     uevgend_get_reply_msg_t reply = {};
-    reply.head = reply_head(chassis, UEVGEND_MSG_GET, UEVGEND_DATA_OFS + room);
-    reply.ctrl_get_reply.ulVarId = chassis_wire32(chassis, request.var);
-    reply.ctrl_get_reply.ulIndex = chassis_wire32(chassis, request.index);
+    reply.head = reply_head(UEVGEND_MSG_GET, UEVGEND_DATA_OFS + room);
+    reply.ctrl_get_reply.ulVarId = request.var;
+    reply.ctrl_get_reply.ulIndex = request.index;
     reply.ctrl_get_reply.scErrCode = static_cast<int8_t>(code);
-    reply.ctrl_get_reply.usDataLen = chassis_wire16(chassis, static_cast<uint16_t>(data.size()));
+    reply.ctrl_get_reply.usDataLen = static_cast<uint16_t>(data.size());
     data.resize(room, '\0');
     return std::string(reinterpret_cast<const char*>(&reply), UEVGEND_DATA_OFS) + data;
 }
@@ -291,15 +289,14 @@ static std::string get_answer(chassis_slot_t* slot, const chassis_request_t& req
 static std::string set_answer(chassis_slot_t* slot, const chassis_request_t& request,
                               std::string_view data)
 {
-    const chassis_t* const chassis = slot->chassis;
     int code = slot->daemon.mode_arg;
     if (slot->daemon.mode != chassis_mode::refuse) {
         code = set_value(slot, request, data);
     }
     uevgend_set_reply_msg_t reply = {};
-    reply.head = reply_head(chassis, UEVGEND_MSG_SET, SET_REPLY_LEN);
-    reply.ctrl_set_reply.ulVarId = chassis_wire32(chassis, request.var);
-    reply.ctrl_set_reply.ulIndex = chassis_wire32(chassis, request.index);
+    reply.head = reply_head(UEVGEND_MSG_SET, SET_REPLY_LEN);
+    reply.ctrl_set_reply.ulVarId = request.var;
+    reply.ctrl_set_reply.ulIndex = request.index;
     reply.ctrl_set_reply.scErrCode = static_cast<int8_t>(code);
     std::string_view(chassis_code_text(code))
         .copy(reply.ctrl_set_reply.acErrMsg, sizeof(reply.ctrl_set_reply.acErrMsg) - 1);
@@ -323,27 +320,27 @@ static chassis_code set_value(chassis_slot_t* slot, const chassis_request_t& req
             return CHASSIS_BAD_LENGTH;
         }
         data.copy(reinterpret_cast<char*>(&wire), sizeof(wire));
-        value.number = static_cast<int32_t>(chassis_wire32(slot->chassis, wire));
+        value.number = static_cast<int32_t>(wire);
     }
     chassis_vars_put(&slot->vars, request.var, request.index, std::move(value));
     return CHASSIS_OK;
 }
 
-static std::string value_bytes(const chassis_t* chassis, const chassis_value_t& value)
+static std::string value_bytes(const chassis_value_t& value)
 {
     if (value.kind == chassis_kind::text) {
         return value.text;
     }
-    const uint32_t wire = chassis_wire32(chassis, static_cast<uint32_t>(value.number));
+    const uint32_t wire = static_cast<uint32_t>(value.number);
     return {reinterpret_cast<const char*>(&wire), sizeof(wire)};
 }
 
-static com_msg_head_t reply_head(const chassis_t* chassis, uint16_t type, size_t length)
+static com_msg_head_t reply_head(uint16_t type, size_t length)
 {
     com_msg_head_t head = {};
-    head.usMsgType = chassis_wire16(chassis, type);
-    head.usMsgLen = chassis_wire16(chassis, static_cast<uint16_t>(length));
-    head.ulPid = chassis_wire32(chassis, static_cast<uint32_t>(getpid()));
+    head.usMsgType = type;
+    head.usMsgLen = static_cast<uint16_t>(length);
+    head.ulPid = static_cast<uint32_t>(getpid());
     return head;
 }
 

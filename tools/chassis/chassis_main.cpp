@@ -5,71 +5,35 @@
 #include "chassis_daemon.h"
 #include "chassis_scenario.h"
 
-#include <bit>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <getopt.h>
+#include <string_view>
 
-static int parse_options(int argc, char** argv, chassis_t* chassis, bool* with_input);
-static int parse_byte_order(chassis_t* chassis, std::string_view order);
 static void print_help();
-static int run(chassis_t* chassis, const char* scenario, bool with_input);
+static int run(chassis_t* chassis, const char* scenario);
 static event_base* new_base();
 static int start_daemons(chassis_t* chassis);
 static void stop_daemons(chassis_t* chassis);
 static void signal_cb(evutil_socket_t signo, short what, void* arg);
 
-constexpr char USAGE[] =
-    "Usage: tpg-chassis [--byte-order big|little] [--no-input] SCENARIO.json\n";
+constexpr char USAGE[] = "Usage: tpg-chassis SCENARIO.json\n";
 
 int main(int argc, char** argv)
 {
-    auto chassis = std::make_unique<chassis_t>();
-    bool with_input = true;
-    if (parse_options(argc, argv, chassis.get(), &with_input) != 0) {
+    const std::string_view word = argc == 2 ? argv[1] : "";
+    if (word == "--help") {
+        print_help();
+        return EXIT_SUCCESS;
+    }
+    if (word.empty() || word.starts_with('-')) {
+        fputs(USAGE, stderr);
         return EXIT_FAILURE;
     }
+    auto chassis = std::make_unique<chassis_t>();
     setvbuf(stdout, nullptr, _IOLBF, 0);
     signal(SIGPIPE, SIG_IGN);
-    return run(chassis.get(), argv[optind], with_input) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
-}
-
-static int parse_options(int argc, char** argv, chassis_t* chassis, bool* with_input)
-{
-    static const option options[] = {
-        {"byte-order", required_argument, nullptr, 'b'},
-        {"no-input", no_argument, nullptr, 'n'},
-        {"help", no_argument, nullptr, 'h'},
-        {nullptr, 0, nullptr, 0},
-    };
-    int opt = 0;
-    while ((opt = getopt_long(argc, argv, "b:nh", options, nullptr)) != -1) {
-        if (opt == 'h') {
-            print_help();
-            exit(EXIT_SUCCESS);
-        }
-        if (opt == 'n') {
-            *with_input = false;
-        } else if (opt != 'b' || parse_byte_order(chassis, optarg) != 0) {
-            fputs(USAGE, stderr);
-            return -1;
-        }
-    }
-    if (optind != argc - 1) {
-        fputs(USAGE, stderr);
-        return -1;
-    }
-    return 0;
-}
-
-static int parse_byte_order(chassis_t* chassis, std::string_view order)
-{
-    if (order != "big" && order != "little") {
-        return -1;
-    }
-    chassis->swap = (order == "big") != (std::endian::native == std::endian::big);
-    return 0;
+    return run(chassis.get(), argv[1]) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 static void print_help()
@@ -79,10 +43,6 @@ static void print_help()
 Plays the cards of a chassis and their control daemons for an agent on this
 machine: it listens on the daemons' sockets, connects to the agent's socket and
 registers the cards, again and again if the agent is away.
-
-  --byte-order big|little  of all messages, in both directions (the host's)
-  --no-input               take no commands, run until SIGTERM or SIGINT
-  --help                   this text
 
 The scenario is a JSON object:
 
@@ -103,8 +63,7 @@ are. "board" puts the controller board's own variables into slot 1, beside a
 card or alone. A "description" may stand everywhere.
 
 "values" are the start values: an object keyed "VAR:INDEX", or "VAR" for every
-index, or a list of {"var": N, "index": N, "value": V}. Numbers are 32-bit
-integers as the card holds them: where SNMP counts an enumeration from 1, the
+index. Numbers are 32-bit integers as the card holds them: where SNMP counts an enumeration from 1, the
 card counts from 0. Variables of the documents without a value hold the low end
 of their range, or the text NAME-SLOT-INDEX. The board shows plugged cards under
 the variables 34 to 36, by slot number - 1.
@@ -135,7 +94,7 @@ connected (nothing is registered).
           stdout);
 }
 
-static int run(chassis_t* chassis, const char* scenario, bool with_input)
+static int run(chassis_t* chassis, const char* scenario)
 {
     std::string error;
     if (chassis_scenario_load(chassis, scenario, &error) != 0) {
@@ -155,7 +114,7 @@ static int run(chassis_t* chassis, const char* scenario, bool with_input)
     }
     int ret = start_daemons(chassis);
     if (ret == 0) {
-        ret = chassis_command_start(chassis, with_input);
+        ret = chassis_command_start(chassis);
     }
     if (ret == 0) {
         ret = event_base_dispatch(base);

@@ -43,7 +43,6 @@ static int read_board_type(scenario_t* scenario, json_object* value);
 static int read_documents(scenario_t* scenario, json_object* value);
 static int read_document(scenario_t* scenario, json_object* value);
 static int read_values(scenario_t* scenario, json_object* value);
-static int read_value_entry(scenario_t* scenario, json_object* entry);
 static int read_value_member(scenario_t* scenario, std::string_view key, json_object* value);
 static int read_value(scenario_t* scenario, uint32_t var, const int64_t* index, json_object* value);
 
@@ -65,7 +64,7 @@ static const scenario_key_t card_keys[] = {
     {"serial", json_type_string, false, IDENTITY_FIELD(board_sn)},
     {"library", json_type_string, false, IDENTITY_FIELD(libmib_path)},
     {"jsonmib", json_type_null, false, read_documents, 0, 0},
-    {"values", json_type_null, false, read_values, 0, 0},
+    {"values", json_type_object, false, read_values, 0, 0},
     {"plugged", json_type_boolean, false, read_plugged, 0, 0},
 };
 
@@ -73,7 +72,7 @@ static const scenario_key_t board_keys[] = {
     {"description", json_type_string, false, nullptr, 0, 0},
     {"type", json_type_string, false, read_board_type, 0, 0},
     {"jsonmib", json_type_null, false, read_documents, 0, 0},
-    {"values", json_type_null, false, read_values, 0, 0},
+    {"values", json_type_object, false, read_values, 0, 0},
 };
 
 int chassis_scenario_load(chassis_t* chassis, const std::string& path, std::string* error)
@@ -262,20 +261,9 @@ static int read_document(scenario_t* scenario, json_object* value)
     return 0;
 }
 
-/* A list of entries, or an object keyed by variable and index. */
+/* An object keyed by variable and index. */
 static int read_values(scenario_t* scenario, json_object* value)
 {
-    if (json_object_is_type(value, json_type_array)) {
-        for (size_t i = 0; i < json_object_array_length(value); i++) {
-            if (read_value_entry(scenario, json_object_array_get_idx(value, i)) != 0) {
-                return -1;
-            }
-        }
-        return 0;
-    }
-    if (!json_object_is_type(value, json_type_object)) {
-        return scenario_fail(scenario, "\"values\" must be a list or an object");
-    }
     json_object_object_foreach(value, key, member)
     {
         if (read_value_member(scenario, key, member) != 0) {
@@ -283,29 +271,6 @@ static int read_values(scenario_t* scenario, json_object* value)
         }
     }
     return 0;
-}
-
-static int read_value_entry(scenario_t* scenario, json_object* entry)
-{
-    json_object* var = nullptr;
-    json_object* index = nullptr;
-    json_object* value = nullptr;
-    const bool is_object = json_object_is_type(entry, json_type_object);
-    const bool has_index = is_object && json_object_object_get_ex(entry, "index", &index) != 0;
-    const int64_t var_no = is_object && json_object_object_get_ex(entry, "var", &var) != 0 &&
-                                   json_object_is_type(var, json_type_int)
-                               ? json_object_get_int64(var)
-                               : -1;
-    const int64_t index_no =
-        has_index && json_object_is_type(index, json_type_int) ? json_object_get_int64(index) : -1;
-    if (!is_object || var_no < 0 || var_no > UINT32_MAX || (has_index && index_no < 0) ||
-        index_no > UINT32_MAX || json_object_object_get_ex(entry, "value", &value) == 0 ||
-        json_object_object_length(entry) != (has_index ? 3 : 2)) {
-        return scenario_fail(scenario, "an entry of \"values\" must hold numbers \"var\" and "
-                                       "(optional) \"index\", and \"value\"");
-    }
-    return read_value(scenario, static_cast<uint32_t>(var_no), has_index ? &index_no : nullptr,
-                      value);
 }
 
 static int read_value_member(scenario_t* scenario, std::string_view key, json_object* value)
