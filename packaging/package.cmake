@@ -49,7 +49,8 @@ if(TARGET tpg-jsonmib) # which is not for the board
   install(TARGETS tpg-jsonmib DESTINATION ${CMAKE_INSTALL_BINDIR})
   tpg_install_man(doc/tpg-jsonmib.1)
 endif()
-foreach(page README.md SECURITY.md doc/architecture.md doc/jsonmib.md doc/performance.md)
+foreach(page README.md SECURITY.md doc/architecture.md doc/jsonmib.md doc/oddities.md
+        doc/performance.md)
   tpg_install_doc(${page})
 endforeach()
 foreach(program tpgctl tpg-jsonmib)
