@@ -119,13 +119,13 @@ TEST_F(World, DocumentComesFromTheFirstSourceThatHasOne)
         {"nonlib1", 1, ABSENT, doc(90), doc(1), "non-generic product nonlib1 on slot_no 1."},
         {"reverse", 10, "", "", "", "Fully reversing libmib file /tmp/cards/libmib_reverse.so"},
         {"badboth", 11, "", "[", "", "Bad libmib.so.json format, to conduct full-reverse."},
-        {"none", 12, "", "", "", "fread failed"},
+        {"none", 12, "", "", "", "libmib_reverse /tmp/cards/libmib_none.so ended with exit status 3"},
     };
     write_file("/tmp/reversed", doc(10));
     write_file("/tmp/bin/libmib_reverse",
                "#!/bin/sh\ncase $1 in\n"
                "*reverse.so) cp /tmp/reversed $1.json;;\n"
-               "*badboth.so) sed s/,10]/,11]/ /tmp/reversed >$1.json;;\nesac\n",
+               "*badboth.so) sed s/,10]/,11]/ /tmp/reversed >$1.json;;\n*) exit 3;;\nesac\n",
                0755);
     agents_start(&w);
     for (const source_t& source : sources) {
@@ -143,6 +143,7 @@ TEST_F(World, DocumentComesFromTheFirstSourceThatHasOne)
         plug(source.slot, 1, path, product, product);
         EXPECT_TRUE(log_has(w, source.log)) << source.log;
     }
+    EXPECT_TRUE(log_has(w, "fread failed"));
     std::string all;
     for (int n = 1; n <= 11; n++) {
         all += (n > 1 ? " " : "") + served(n, {n});

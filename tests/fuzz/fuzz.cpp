@@ -23,8 +23,9 @@ static netsnmp_session* master;
 
 int (*fuzz_system)(const char* command);
 
-int tpg_command_run(const char* command)
+int tpg_command_run(const char* command, int* status)
 {
+    *status = 0;
     return fuzz_system == nullptr ? 0 : fuzz_system(command);
 }
 

@@ -80,6 +80,17 @@ TEST_F(mibsource, sections)
     }
 }
 
+TEST_F(mibsource, a_tool_that_fails_is_spoken_of)
+{
+    fs::remove("/tmp/card/out-t");
+    uint32_t offset = 1, length = 1;
+    EXPECT_EQ(outcome_of([&] {
+                  return tpg_get_jsonmib_string(ctx.get(), &card, &offset, &length);
+              }),
+              "-1 Warn command objdump -h " + LIBRARY + " > /dev/null ended with exit status 1\n"
+              "Info Empty jsonmib symbol file.\n");
+}
+
 TEST_F(mibsource, links_are_not_followed)
 {
     write_file("/tmp/card/out-h", section(".data", "0c"));

@@ -2,11 +2,12 @@
 #define TPG_LOG_H
 
 /*
- * The logging rule: a message goes to syslog and, when the context says so,
- * to standard error, if its level passes the context's threshold; or to the
- * context's taker, when a tool has one. The same
- * place in the source does not go on and on about the same slot: what is above
- * its limit is counted, and told of in one line.
+ * The logging rule: a message goes to syslog and, when the context says so, to
+ * standard error, if its level passes the context's threshold; or to the
+ * context's taker, when a tool has one. The same place in the source does not
+ * go on and on about the same slot: what is above its limit is counted, and
+ * told of in one line. Programs search the log for whole texts: none is
+ * corrected, whatever it looks like (doc/oddities.md).
  */
 
 #include "tpg.h"
@@ -96,7 +97,8 @@ void tpg_log_close(tpg_context_t* ctx);
 #define TPG_INFO(ctx, ...)  TPG_LOG_AT(ctx, tpg_log_level::info, tpg_log_end::line, __VA_ARGS__)
 #define TPG_DEBUG(ctx, ...) TPG_LOG_AT(ctx, tpg_log_level::debug, tpg_log_end::line, __VA_ARGS__)
 
-/* A trace line: at Error level, when the debug token (option -d) is given. */
+/* A trace line, when the debug token (option -d) is given: at Error level, which every threshold
+ * lets pass. */
 #define TPG_TRACE(ctx, token, ...)                                                                 \
     do {                                                                                           \
         if (tpg_token_enabled(token)) {                                                            \

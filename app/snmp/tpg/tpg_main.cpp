@@ -216,7 +216,7 @@ static void register_test_card(tpg_context_t* ctx, const char* library)
     tpg_proc_libmib_register(ctx, &card);
 }
 
-/* The agent goes on without the built-in MIB. */
+/* Without the built-in MIB the agent goes on: the cards matter more. */
 static void register_built_in(tpg_context_t* ctx)
 {
     constexpr char PRODUCT[] = "card";

@@ -21,7 +21,8 @@ static void hold_signals(signals_t*);
 static void release_signals(const signals_t*);
 static int spawn_shell(const char*, pid_t*);
 static char* search_path();
-static int await(pid_t, const sigset_t*);
+static int await(pid_t, const sigset_t*, int*);
+static int exit_status(int);
 static bool has_ended(pid_t);
 static bool nap_until(int64_t, const sigset_t*);
 
@@ -96,18 +97,29 @@ static void release_signals(const signals_t* before)
 
 /* ---- running ---- */
 
-int tpg_command_run(const char* command)
+int tpg_command_run(const char* command, int* status)
 {
+    int ended = 0;
     signals_t before = {};
     hold_signals(&before);
     pid_t pid = -1;
     int error = stop_asked != 0 ? ECANCELED : spawn_shell(command, &pid);
     if (error == 0) {
-        error = await(pid, &before.mask);
+        error = await(pid, &before.mask, &ended);
     }
     release_signals(&before);
+    if (status != nullptr) {
+        *status = exit_status(ended);
+    }
     errno = error;
     return error == 0 ? 0 : -1;
+}
+
+/* Of what waitpid tells, the number that a shell would show. */
+static int exit_status(int ended)
+{
+    constexpr int SIGNALLED = 128;
+    return WIFSIGNALED(ended) ? SIGNALLED + WTERMSIG(ended) : WEXITSTATUS(ended);
 }
 
 /* The agent's entry of its environment that says where tools are; null when it has none. */
@@ -188,7 +200,7 @@ static bool has_ended(pid_t pid)
  * case the rest of its group is killed. Nothing waits for a process that not
  * even that ends: at rest SIGCHLD is ignored, and it goes when it goes.
  */
-static int await(pid_t pid, const sigset_t* mask)
+static int await(pid_t pid, const sigset_t* mask, int* ended)
 {
     const int64_t deadline = now_ms() + TPG_COMMAND_SECONDS * MS_PER_S;
     int error = 0;
@@ -201,7 +213,7 @@ static int await(pid_t pid, const sigset_t* mask)
     }
     kill(-pid, SIGKILL);
     const int64_t patience = now_ms() + TPG_COMMAND_KILL_MS;
-    while (waitpid(pid, nullptr, WNOHANG) == 0 && nap_until(patience, mask)) {
+    while (waitpid(pid, ended, WNOHANG) == 0 && nap_until(patience, mask)) {
     }
     return error;
 }

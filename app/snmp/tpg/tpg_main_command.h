@@ -14,10 +14,11 @@
 
 /*
  * Runs a line of the shell, and ends what it leaves behind. 0 when the shell
- * has come to its end, whatever its status; -1 with errno set: ETIMEDOUT when
- * it took too long, ECANCELED when the agent is to end.
+ * has come to its end, whatever its status, which goes to *status unless that
+ * is null: the exit status, or 128 and the signal that killed it. -1 with errno
+ * set: ETIMEDOUT when it took too long, ECANCELED when the agent is to end.
  */
-int tpg_command_run(const char* command);
+int tpg_command_run(const char* command, int* status = nullptr);
 
 /*
  * From now on a signal that asks the agent to end ends a command, too. What

@@ -35,7 +35,9 @@ struct line_t {
 static int format(text_t*, const char*, ...) __attribute__((format(printf, 2, 3)));
 static const char* why(int);
 static int remove_file(const char*);
+static int run_command(tpg_context_t*, const text_t*);
 static int run_tool(tpg_context_t*, const text_t*, const char*);
+static void tell_why_empty(tpg_context_t*, const char*);
 static stream_t open_output(tpg_context_t*, const char*);
 static bool read_line(FILE*, line_t*);
 static const char* next_token(char**);
@@ -50,7 +52,7 @@ static int write_jsonmib(tpg_context_t*, const char*, const uint8_t*, uint32_t);
 static bool lies_in(const char*, const char*);
 static const char* guarded_folder(const char*);
 static bool is_only_read(const tpg_libmib_register_info_t*);
-static int link_built_in(const tpg_libmib_register_info_t*, text_t*);
+static int link_built_in(tpg_context_t*, const tpg_libmib_register_info_t*, text_t*);
 static int locate_non_generic(tpg_context_t*, const tpg_libmib_register_info_t*);
 static bool locate_in_library(tpg_context_t*, tpg_libmib_register_info_t*);
 static bool locate_built_in(tpg_context_t*, const tpg_libmib_register_info_t*);
@@ -88,10 +90,26 @@ static int remove_file(const char* path)
     return unlink(path) != 0 && errno != ENOENT ? -1 : 0;
 }
 
+/*
+ * 0 when the command has come to its end. Its status decides nothing: a tool
+ * may complain after a good output. What came of it is seen by the file that it leaves.
+ */
+static int run_command(tpg_context_t* ctx, const text_t* command)
+{
+    int status = 0;
+    if (tpg_command_run(command->text, &status) != 0) {
+        return -1;
+    }
+    if (status != 0) {
+        TPG_WARN(ctx, "command %s ended with exit status %d", command->text, status);
+    }
+    return 0;
+}
+
 /* Runs a command that leaves its output in a file; what stood under that name goes first. */
 static int run_tool(tpg_context_t* ctx, const text_t* command, const char* output)
 {
-    if (remove_file(output) != 0 || tpg_command_run(command->text) != 0) {
+    if (remove_file(output) != 0 || run_command(ctx, command) != 0) {
         TPG_ERROR(ctx, "command %s failed, %s", command->text, why(errno));
         return -1;
     }
@@ -156,6 +174,17 @@ static bool parse_symbol_line(char* line, uint32_t* offset, uint32_t* length, ch
     return true;
 }
 
+/* The status of a pipe is that of its last command: whether objdump failed is asked here. */
+static void tell_why_empty(tpg_context_t* ctx, const char* path)
+{
+    text_t command = {};
+    if (format(&command, "objdump -h %s > /dev/null", path) != 0 ||
+        run_command(ctx, &command) != 0) {
+        TPG_WARN(ctx, "command %s failed, %s", command.text, why(errno));
+    }
+    TPG_INFO(ctx, "Empty jsonmib symbol file.");
+}
+
 int tpg_get_jsonmib_string(tpg_context_t* ctx, tpg_libmib_register_info_t* libmib_reginfo,
                            uint32_t* offset, uint32_t* length)
 {
@@ -181,7 +210,7 @@ int tpg_get_jsonmib_string(tpg_context_t* ctx, tpg_libmib_register_info_t* libmi
     }
     char line[TPG_CMD_MAX];
     if (fgets(line, sizeof(line), stream.get()) == nullptr) {
-        TPG_INFO(ctx, "Empty jsonmib symbol file.");
+        tell_why_empty(ctx, path);
         return -1;
     }
     char name[TPG_SYMBOL_NAME_MAX] = {};
@@ -202,7 +231,8 @@ int tpg_get_jsonmib_string(tpg_context_t* ctx, tpg_libmib_register_info_t* libmi
 
 /* ---- extraction ---- */
 
-/* The size in the first line that names .data, or 0. */
+/* The size in the first line that names .data, be it of .data.rel.ro: cards are built with that. 0
+ * for none. */
 static uint32_t find_data_size(tpg_context_t* ctx, FILE* stream)
 {
     line_t line = {};
@@ -470,14 +500,15 @@ int tpg_locate_jsonmib(tpg_context_t* ctx, tpg_libmib_register_info_t* libmib_re
 }
 
 /* The old file goes first: were it a link to a folder, the new link would be put in there. */
-static int link_built_in(const tpg_libmib_register_info_t* libmib_reginfo, text_t* command)
+static int link_built_in(tpg_context_t* ctx, const tpg_libmib_register_info_t* libmib_reginfo,
+                         text_t* command)
 {
     if (format(command, LINK_BUILT_IN_FMT, TPG_BUILT_IN_DIR, libmib_reginfo->prod_string,
                libmib_reginfo->libmib_path) != 0 ||
         remove_file(tpg_jsonmib_path(libmib_reginfo).path) != 0) {
         return -1;
     }
-    return tpg_command_run(command->text);
+    return run_command(ctx, command);
 }
 
 /* A product without a library on this board. */
@@ -498,7 +529,7 @@ static int locate_non_generic(tpg_context_t* ctx, const tpg_libmib_register_info
         return 0;
     }
     text_t command = {};
-    if (link_built_in(libmib_reginfo, &command) != 0) {
+    if (link_built_in(ctx, libmib_reginfo, &command) != 0) {
         TPG_ERROR(ctx, "Failed to execute command %s, %s", command.text, why(errno));
         return -1;
     }
@@ -550,7 +581,7 @@ static bool locate_built_in(tpg_context_t* ctx, const tpg_libmib_register_info_t
         return false;
     }
     text_t command = {};
-    if (link_built_in(libmib_reginfo, &command) != 0) {
+    if (link_built_in(ctx, libmib_reginfo, &command) != 0) {
         TPG_ERROR(ctx, "Failed to execute command %s, %s, conduct full-reverse.", command.text,
                   why(errno));
         return false;
@@ -566,7 +597,7 @@ static int reverse_library(tpg_context_t* ctx, const tpg_libmib_register_info_t*
     jsonmib_stats_source(ctx, libmib_reginfo->slot_no, jsonmib_source_t::reverse);
     text_t command = {};
     if (format(&command, "libmib_reverse %s", libmib_reginfo->libmib_path) != 0 ||
-        tpg_command_run(command.text) != 0) {
+        run_command(ctx, &command) != 0) {
         TPG_ERROR(ctx, "command %s failed, %s", command.text, why(errno));
         return -1;
     }

@@ -160,6 +160,8 @@ void tpg_proc_libmib_register(tpg_context_t* ctx, tpg_libmib_update_t* libmib_up
              libmib_update->libmib_path);
     tpg_jsonmib_register_info_t* target = record_of(ctx, slot);
     if (!is_empty(target)) {
+        /* Its bit in a master's mask, and the cards that reference it, stay: mostly it is the same
+         * card, and they are right again at once. */
         TPG_INFO(ctx, "duplicated registeration at slot_no %d", slot);
         tpg_snmp_unregister_jsonmib(ctx, target);
     }
@@ -256,7 +258,10 @@ static void take_over(tpg_context_t* ctx, tpg_libmib_update_t* update,
     re_reference(ctx, update, target);
 }
 
-/* The old master's tables come back; without them the family would have none. */
+/*
+ * The old master's tables come back. If they cannot, the agent ends on purpose:
+ * the family would be left without tables, and a restart reads everything anew.
+ */
 static void fall_back(tpg_context_t* ctx, const tpg_libmib_update_t* update,
                       tpg_jsonmib_register_info_t* target, tpg_jsonmib_register_info_t* master)
 {
@@ -327,6 +332,7 @@ void tpg_proc_libmib_unregister(tpg_context_t* ctx, tpg_libmib_update_t* libmib_
     TPG_INFO(ctx, "[ Unregistering ] %s:%s version %d.%d.%d on slot %d", libmib_update->prod_string,
              libmib_update->prod_family, libmib_update->major_rev, libmib_update->minor_rev,
              libmib_update->build_number, slot);
+    /* Never true, and kept so: slot 0 is the built-in MIB's record, and may be taken out. */
     if (slot > TPG_SLOT_MAX && slot == 0) { // NOLINT(misc-redundant-expression)
         TPG_ERROR(ctx, "invalid slot_no %d", 0);
         return;
@@ -336,6 +342,7 @@ void tpg_proc_libmib_unregister(tpg_context_t* ctx, tpg_libmib_update_t* libmib_
         TPG_ERROR(ctx, "target was not registered yet");
         return;
     }
+    /* To the byte: a card that was swapped meanwhile is not taken out by its predecessor. */
     const tpg_libmib_register_info_t* mine = &target->libmib_reginfo;
     if (memcmp(mine, libmib_update, sizeof(*mine)) != 0) {
         TPG_ERROR(ctx, "mismatched libmib_register_info");
@@ -399,7 +406,11 @@ static uint32_t find_successor(tpg_context_t* ctx, const tpg_libmib_update_t* up
     return candidate;
 }
 
-/* Makes the card in slot the master of the slots in mask. */
+/*
+ * Makes the card in slot the master of the slots in mask. If it cannot be, the
+ * other cards go on referencing the record of the old one, which is cleared:
+ * they have no tables until one of them registers again.
+ */
 static void promote(tpg_context_t* ctx, uint32_t slot, uint32_t mask)
 {
     tpg_jsonmib_register_info_t* master = record_of(ctx, slot);

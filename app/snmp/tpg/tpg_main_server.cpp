@@ -209,7 +209,7 @@ void tpg_svr_accept_cb(evconnlistener* listener, int fd, sockaddr* address, int 
         bufferevent_free(bev);
         return;
     }
-    ctx->read_proc = {};
+    ctx->read_proc = {}; /* a payload that never came would keep all others waiting */
     list_add_tail(&client->node, &ctx->ipc_clnt_list);
     ctx->ipc_clnt_total++;
     bufferevent_setcb(bev, tpg_svr_conn_readcb, nullptr, tpg_svr_conn_eventcb, client);
@@ -272,6 +272,7 @@ void tpg_svr_conn_eventcb(bufferevent* bev, short events, void* arg)
     auto* client = static_cast<tpg_ipc_clnt_t*>(arg);
     const int error = errno;
     const tpg_log_slot_t served = tpg_log_serve(client->ctx, client->libmib_reg_slot);
+    /* Every end is an Error line: those who watch the log learn from it that a card has gone. */
     TPG_ERROR(client->ctx, "got event 0x%x", static_cast<unsigned>(events));
     if ((events & (BEV_EVENT_EOF | BEV_EVENT_ERROR)) == 0 || client->end_events != 0) {
         return;
@@ -664,7 +665,11 @@ static void flush_output(const tpg_ipc_clnt_t* client)
     evbuffer_freeze(output, 1);
 }
 
-/* A client that never reads its acknowledgements cannot pile them up here. */
+/*
+ * The acknowledgement says that the message has come, and nothing of what
+ * becomes of it: it is the same for both types, and has no parity, which cards
+ * do not check. A client that never reads them cannot pile them up here.
+ */
 static int send_update_ack(tpg_context_t* ctx, tpg_ipc_clnt_t* client)
 {
     tpg_msg_libmib_update_ack_t ack = {};
@@ -721,7 +726,7 @@ static void carry_out_update(tpg_context_t* ctx, tpg_msg_libmib_update_t* messag
         if (slot >= 1 && slot <= TPG_SLOT_MAX) {
             jsonmib_queue_disconnect(ctx, slot);
         }
-        break;
+        break; /* the end of the connection withdraws its first slot once more */
     default:
         TPG_WARN(ctx, "invalid msg type %d", message->head.usMsgType);
         break;

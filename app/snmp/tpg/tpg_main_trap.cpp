@@ -227,15 +227,14 @@ int tpg_trap_locate_row(tpg_context_t* ctx, const jsonmib_table_info_t* table,
     }
     const uint32_t index = notify->index & 0xffffU;
     const jsonmib_index_parts_t parts = jsonmib_index_parts(index, total);
-    row->flat_index =
-        static_cast<uint32_t>(jsonmib_index_position(table, index, total)) & 0xffffU;
+    row->flat_index = static_cast<uint32_t>(jsonmib_index_position(table, index, total)) & 0xffffU;
     row->specific = rule->specific_start + parts.part[0] * rule->index_ofs_1 +
                     parts.part[1] * rule->index_ofs_2;
     if (total == 1) {
         TPG_DEBUG(ctx, "%s(): index_tota=%d, flatidx=%d, start=%d, ofs_1=%d, specific=%d",
                   "tpg_msg_trap_notify", total, row->flat_index, rule->specific_start,
                   rule->index_ofs_1, row->specific);
-    } else {
+    } else { /* of2_2 shows index_ofs_1, and whoever reads it is used to that */
         TPG_DEBUG(ctx,
                   "%s(): index_tota=%d, flatidx=%d, index=%08x, start=%d, ofs_1=%d, of2_2=%d, "
                   "specific=%d ",
@@ -293,6 +292,7 @@ static int notify_table(tpg_context_t* ctx, tpg_jsonmib_register_info_t* master,
     }
     if (!tpg_trap_is_enabled(table, notify->slot_no, row.flat_index)) {
         jsonmib_stats_trap(ctx, notify->slot_no, false);
+        /* An Error line for what is asked for: who misses a trap looks for errors first. */
         TPG_ERROR(ctx, "xxxSendTrap[0x%x] was disabled", notify->index);
         return 0;
     }
