@@ -8,7 +8,7 @@
 static void client_connect(chassis_slot_t* slot);
 static int client_socket();
 static void client_lost(chassis_slot_t* slot);
-static void client_retry_cb(evutil_socket_t fd, short what, void* arg);
+static void client_retry_cb(int fd, short what, void* arg);
 static void client_event_cb(bufferevent* bev, short what, void* arg);
 static void client_read_cb(bufferevent* bev, void* arg);
 static void client_send_update(chassis_slot_t* slot, uint16_t type);
@@ -21,7 +21,7 @@ constexpr timeval RETRY_INTERVAL = {0, 200000};
 
 void chassis_client_plug(chassis_slot_t* slot)
 {
-    chassis_client_t* const client = &slot->client;
+    chassis_client_t* client = &slot->client;
     client->registered = slot->card;
     if (client->link == chassis_link::off) {
         client->insertions++;
@@ -34,7 +34,7 @@ void chassis_client_plug(chassis_slot_t* slot)
 
 void chassis_client_unplug(chassis_slot_t* slot)
 {
-    chassis_client_t* const client = &slot->client;
+    chassis_client_t* client = &slot->client;
     if (client->link == chassis_link::off) {
         return;
     }
@@ -81,7 +81,7 @@ bool chassis_client_settled(const chassis_slot_t* slot)
 
 const char* chassis_client_state(const chassis_slot_t* slot)
 {
-    const chassis_client_t* const client = &slot->client;
+    const chassis_client_t* client = &slot->client;
     if (client->link == chassis_link::off) {
         return "unplugged";
     }
@@ -100,7 +100,7 @@ const char* chassis_client_state(const chassis_slot_t* slot)
 
 static void client_connect(chassis_slot_t* slot)
 {
-    chassis_client_t* const client = &slot->client;
+    chassis_client_t* client = &slot->client;
     const int fd = client_socket();
     if (fd < 0) {
         client_lost(slot);
@@ -140,7 +140,7 @@ static int client_socket()
 /* There is no agent, or no longer: another try a little later. */
 static void client_lost(chassis_slot_t* slot)
 {
-    chassis_client_t* const client = &slot->client;
+    chassis_client_t* client = &slot->client;
     client->bev.reset();
     client->acks_due = 0;
     client->link = chassis_link::waiting;
@@ -153,21 +153,25 @@ static void client_lost(chassis_slot_t* slot)
     client_settle(slot);
 }
 
-static void client_retry_cb(evutil_socket_t /*fd*/, short /*what*/, void* arg)
+static void client_retry_cb(int fd, short what, void* arg)
 {
+    (void)fd;
+    (void)what;
     client_connect(static_cast<chassis_slot_t*>(arg));
 }
 
-static void client_event_cb(bufferevent* /*bev*/, short /*what*/, void* arg)
+static void client_event_cb(bufferevent* bev, short what, void* arg)
 {
+    (void)bev;
+    (void)what;
     client_lost(static_cast<chassis_slot_t*>(arg));
 }
 
 /* Takes acknowledgements; nothing else ever comes from the agent. */
 static void client_read_cb(bufferevent* bev, void* arg)
 {
-    auto* const slot = static_cast<chassis_slot_t*>(arg);
-    evbuffer* const input = bufferevent_get_input(bev);
+    auto* slot = static_cast<chassis_slot_t*>(arg);
+    evbuffer* input = bufferevent_get_input(bev);
     tpg_msg_libmib_update_ack_t ack = {};
     while (evbuffer_get_length(input) >= sizeof(ack)) {
         evbuffer_remove(input, &ack, sizeof(ack));
@@ -201,7 +205,7 @@ static void client_send_update(chassis_slot_t* slot, uint16_t type)
 /* Sends at once if it can, so that a message is out before the operator's next command. */
 static int client_send(chassis_slot_t* slot, const void* msg, size_t length)
 {
-    bufferevent* const bev = slot->client.bev.get();
+    bufferevent* bev = slot->client.bev.get();
     size_t sent = 0;
     if (evbuffer_get_length(bufferevent_get_output(bev)) == 0) {
         const ssize_t count = send(bufferevent_getfd(bev), msg, length, MSG_NOSIGNAL);
@@ -227,8 +231,8 @@ static com_msg_head_t client_head(uint16_t type, size_t length)
 /* Shows the slot in the board's product location table. */
 static void client_located(chassis_slot_t* slot)
 {
-    chassis_slot_t* const board = &slot->chassis->slots[CHASSIS_BOARD_SLOT - 1];
-    const chassis_client_t* const client = &slot->client;
+    chassis_slot_t* board = &slot->chassis->slots[CHASSIS_BOARD_SLOT - 1];
+    const chassis_client_t* client = &slot->client;
     if (!board->board || !slot->card) {
         return;
     }

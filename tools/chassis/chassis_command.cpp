@@ -13,8 +13,6 @@
 #include <span>
 #include <unistd.h>
 
-namespace
-{
 using words_t = std::span<const chassis_word_t>;
 
 /* What the first argument must name. */
@@ -34,11 +32,10 @@ struct command_t {
     chassis_mode mode; /* of the commands that set one */
     void (*run)(chassis_slot_t* slot, const command_t* command, words_t args);
 };
-} // namespace
 
-static void input_readable_cb(evutil_socket_t fd, short what, void* arg);
-static void input_settled_cb(evutil_socket_t fd, short what, void* arg);
-static void input_deadline_cb(evutil_socket_t fd, short what, void* arg);
+static void input_readable_cb(int fd, short what, void* arg);
+static void input_settled_cb(int fd, short what, void* arg);
+static void input_deadline_cb(int fd, short what, void* arg);
 static void input_run(chassis_t* chassis);
 static void input_hold(chassis_t* chassis, std::string answer, std::vector<unsigned> slots,
                        bool show_slots);
@@ -72,7 +69,7 @@ constexpr int READ_MAX = 4096;
 constexpr int64_t SLOW_MS_MAX = 3600000;
 constexpr size_t FAULT_TEXT_MAX = UINT8_MAX;
 
-static const command_t commands[] = {
+constexpr command_t commands[] = {
     {"plug", "SLOT", "connect to the agent and register the card; if plugged, register again", 0, 0,
      command_on::card_slot, chassis_mode::normal, command_plug},
     {"unplug", "SLOT", "close the connection to the agent; the daemon stays", 0, 0,
@@ -111,8 +108,8 @@ static const command_t commands[] = {
 
 int chassis_command_start(chassis_t* chassis)
 {
-    chassis_input_t* const input = &chassis->input;
-    event_base* const base = chassis->base.get();
+    chassis_input_t* input = &chassis->input;
+    event_base* base = chassis->base.get();
     chassis->settled.reset(evtimer_new(base, input_settled_cb, chassis));
     input->deadline.reset(evtimer_new(base, input_deadline_cb, chassis));
     input->buf.reset(evbuffer_new());
@@ -135,10 +132,11 @@ int chassis_command_start(chassis_t* chassis)
     return 0;
 }
 
-static void input_readable_cb(evutil_socket_t fd, short /*what*/, void* arg)
+static void input_readable_cb(int fd, short what, void* arg)
 {
-    auto* const chassis = static_cast<chassis_t*>(arg);
-    chassis_input_t* const input = &chassis->input;
+    (void)what;
+    auto* chassis = static_cast<chassis_t*>(arg);
+    chassis_input_t* input = &chassis->input;
     const int count = evbuffer_read(input->buf.get(), fd, READ_MAX);
     if (count < 0 && (errno == EAGAIN || errno == EINTR)) {
         return;
@@ -153,7 +151,7 @@ static void input_readable_cb(evutil_socket_t fd, short /*what*/, void* arg)
 /* Runs the commands that are there, up to one whose answer has to wait. */
 static void input_run(chassis_t* chassis)
 {
-    chassis_input_t* const input = &chassis->input;
+    chassis_input_t* input = &chassis->input;
     while (!input->held) {
         size_t len = 0;
         char* line = evbuffer_readln(input->buf.get(), &len, EVBUFFER_EOL_CRLF);
@@ -178,7 +176,7 @@ static void input_run(chassis_t* chassis)
 static void input_hold(chassis_t* chassis, std::string answer, std::vector<unsigned> slots,
                        bool show_slots)
 {
-    chassis_input_t* const input = &chassis->input;
+    chassis_input_t* input = &chassis->input;
     input->answer = std::move(answer);
     input->slots = std::move(slots);
     input->show_slots = show_slots;
@@ -200,7 +198,7 @@ static bool input_settled(const chassis_t* chassis)
 
 static void input_release(chassis_t* chassis)
 {
-    chassis_input_t* const input = &chassis->input;
+    chassis_input_t* input = &chassis->input;
     std::string line = input->answer;
     for (const unsigned slot_no : input->slots) {
         line += ' ';
@@ -217,18 +215,22 @@ static void input_release(chassis_t* chassis)
     }
 }
 
-static void input_settled_cb(evutil_socket_t /*fd*/, short /*what*/, void* arg)
+static void input_settled_cb(int fd, short what, void* arg)
 {
-    auto* const chassis = static_cast<chassis_t*>(arg);
+    (void)fd;
+    (void)what;
+    auto* chassis = static_cast<chassis_t*>(arg);
     if (chassis->input.held && input_settled(chassis)) {
         input_release(chassis);
         input_run(chassis);
     }
 }
 
-static void input_deadline_cb(evutil_socket_t /*fd*/, short /*what*/, void* arg)
+static void input_deadline_cb(int fd, short what, void* arg)
 {
-    auto* const chassis = static_cast<chassis_t*>(arg);
+    (void)fd;
+    (void)what;
+    auto* chassis = static_cast<chassis_t*>(arg);
     input_release(chassis);
     input_run(chassis);
 }
@@ -245,7 +247,7 @@ static void line_run(chassis_t* chassis, std::string_view line)
     if (words.empty() || words[0].text.starts_with('#')) {
         return;
     }
-    const auto* const command =
+    const auto* command =
         std::ranges::find_if(commands, [&](const command_t& c) { return c.name == words[0].text; });
     if (command == std::end(commands)) {
         printf("error: no command %s (try help)\n", words[0].text.c_str());
@@ -274,7 +276,7 @@ static chassis_slot_t* slot_arg(chassis_t* chassis, const command_t* command,
         printf("error: SLOT must be a number from 1 to %u\n", TPG_SLOT_MAX);
         return nullptr;
     }
-    chassis_slot_t* const slot = &chassis->slots[static_cast<size_t>(slot_no - 1)];
+    chassis_slot_t* slot = &chassis->slots[static_cast<size_t>(slot_no - 1)];
     if (command->on == command_on::card_slot ? !slot->card : !chassis_slot_used(slot)) {
         printf("error: slot %u has no card\n", slot->slot_no);
         return nullptr;
@@ -316,20 +318,23 @@ static void hold_for(chassis_slot_t* slot, const command_t* command)
                {slot->slot_no}, false);
 }
 
-static void command_plug(chassis_slot_t* slot, const command_t* command, words_t /*args*/)
+static void command_plug(chassis_slot_t* slot, const command_t* command, words_t args)
 {
+    (void)args;
     chassis_client_plug(slot);
     hold_for(slot, command);
 }
 
-static void command_unplug(chassis_slot_t* slot, const command_t* command, words_t /*args*/)
+static void command_unplug(chassis_slot_t* slot, const command_t* command, words_t args)
 {
+    (void)args;
     chassis_client_unplug(slot);
     hold_for(slot, command);
 }
 
-static void command_unregister(chassis_slot_t* slot, const command_t* command, words_t /*args*/)
+static void command_unregister(chassis_slot_t* slot, const command_t* command, words_t args)
 {
+    (void)args;
     if (chassis_client_unregister(slot) != 0) {
         printf("error: slot %u has no connection to the agent\n", slot->slot_no);
         return;
@@ -392,8 +397,9 @@ static std::string big_endian(uint32_t number)
 
 /* ---- commands to the daemon ---- */
 
-static void command_get(chassis_slot_t* slot, const command_t* /*command*/, words_t args)
+static void command_get(chassis_slot_t* slot, const command_t* command, words_t args)
 {
+    (void)command;
     uint32_t var = 0;
     uint32_t index = 0;
     chassis_value_t value = {};
@@ -434,7 +440,7 @@ static void command_set(chassis_slot_t* slot, const command_t* command, words_t 
 
 static void command_requests(chassis_slot_t* slot, const command_t* command, words_t args)
 {
-    chassis_daemon_t* const daemon = &slot->daemon;
+    chassis_daemon_t* daemon = &slot->daemon;
     if (!args.empty() && args[0].text != "clear") {
         printf("error: usage: %s %s\n", command->name.data(), command->args);
         return;
@@ -489,8 +495,9 @@ static void command_mode(chassis_slot_t* slot, const command_t* command, words_t
 
 /* ---- commands to the chassis ---- */
 
-static void command_status(chassis_slot_t* slot, const command_t* command, words_t /*args*/)
+static void command_status(chassis_slot_t* slot, const command_t* command, words_t args)
 {
+    (void)args;
     int used = 0;
     for (const chassis_slot_t& each : slot->chassis->slots) {
         if (chassis_slot_used(&each)) {
@@ -503,7 +510,7 @@ static void command_status(chassis_slot_t* slot, const command_t* command, words
 
 static void slot_print(const chassis_slot_t* slot)
 {
-    const tpg_libmib_update_t* const identity = &slot->identity;
+    const tpg_libmib_update_t* identity = &slot->identity;
     printf("slot %u", slot->slot_no);
     if (slot->board) {
         printf(" board=%s", slot->chassis->board_type.c_str());
@@ -513,7 +520,7 @@ static void slot_print(const chassis_slot_t* slot)
                identity->prod_family, identity->major_rev, identity->minor_rev,
                identity->build_number);
     }
-    const auto* const mode = std::ranges::find_if(commands, [&](const command_t& c) {
+    const auto* mode = std::ranges::find_if(commands, [&](const command_t& c) {
         return c.run == command_mode && c.mode == slot->daemon.mode;
     });
     const bool normal = slot->daemon.mode == chassis_mode::normal;
@@ -534,16 +541,19 @@ void chassis_command_help(const char* indent)
     }
 }
 
-static void command_help(chassis_slot_t* /*slot*/, const command_t* command, words_t /*args*/)
+static void command_help(chassis_slot_t* slot, const command_t* command, words_t args)
 {
+    (void)slot;
+    (void)args;
     chassis_command_help("");
     printf("ok %s\n", command->name.data());
 }
 
 /* Commands behind this one are dropped. */
-static void command_quit(chassis_slot_t* slot, const command_t* command, words_t /*args*/)
+static void command_quit(chassis_slot_t* slot, const command_t* command, words_t args)
 {
-    chassis_input_t* const input = &slot->chassis->input;
+    (void)args;
+    chassis_input_t* input = &slot->chassis->input;
     printf("ok %s\n", command->name.data());
     evbuffer_drain(input->buf.get(), evbuffer_get_length(input->buf.get()));
     input->eof = true;

@@ -15,8 +15,7 @@
 static int daemon_clear_path(const std::string& path, std::string* error);
 static bool daemon_is_served(const sockaddr_un* addr);
 static sockaddr_un daemon_addr(const std::string& path);
-static void daemon_accept_cb(evconnlistener* listener, evutil_socket_t fd, sockaddr* addr, int len,
-                             void* arg);
+static void daemon_accept_cb(evconnlistener* listener, int fd, sockaddr* addr, int len, void* arg);
 static void conn_close(chassis_conn_t* conn);
 static void conn_read_cb(bufferevent* bev, void* arg);
 static void conn_event_cb(bufferevent* bev, short what, void* arg);
@@ -34,7 +33,7 @@ static std::string value_bytes(const chassis_value_t& value);
 static com_msg_head_t reply_head(uint16_t type, size_t length);
 static void conn_reply(chassis_conn_t* conn, std::string reply);
 static void conn_late_arm(chassis_conn_t* conn);
-static void conn_late_cb(evutil_socket_t fd, short what, void* arg);
+static void conn_late_cb(int fd, short what, void* arg);
 
 constexpr size_t SET_REPLY_LEN = sizeof(uevgend_set_reply_msg_t);
 
@@ -47,7 +46,7 @@ constexpr size_t REQUEST_DATA_KEPT = 1024;
 
 int chassis_daemon_up(chassis_slot_t* slot, std::string* error)
 {
-    chassis_daemon_t* const daemon = &slot->daemon;
+    chassis_daemon_t* daemon = &slot->daemon;
     if (daemon_clear_path(daemon->path, error) != 0) {
         return -1;
     }
@@ -124,11 +123,13 @@ static sockaddr_un daemon_addr(const std::string& path)
     return addr;
 }
 
-static void daemon_accept_cb(evconnlistener* /*listener*/, evutil_socket_t fd, sockaddr* /*addr*/,
-                             int /*len*/, void* arg)
+static void daemon_accept_cb(evconnlistener* listener, int fd, sockaddr* addr, int len, void* arg)
 {
-    auto* const slot = static_cast<chassis_slot_t*>(arg);
-    event_base* const base = slot->chassis->base.get();
+    (void)listener;
+    (void)addr;
+    (void)len;
+    auto* slot = static_cast<chassis_slot_t*>(arg);
+    event_base* base = slot->chassis->base.get();
     if (slot->daemon.conns.size() >= CONNS_MAX) {
         fprintf(stderr, "tpg-chassis: slot %u: too many connections, one refused\n", slot->slot_no);
         close(fd);
@@ -154,22 +155,25 @@ static void conn_close(chassis_conn_t* conn)
     std::erase_if(conn->slot->daemon.conns, [conn](const auto& c) { return c.get() == conn; });
 }
 
-static void conn_read_cb(bufferevent* /*bev*/, void* arg)
+static void conn_read_cb(bufferevent* bev, void* arg)
 {
-    auto* const conn = static_cast<chassis_conn_t*>(arg);
+    (void)bev;
+    auto* conn = static_cast<chassis_conn_t*>(arg);
     while (conn_take_message(conn)) {
     }
 }
 
-static void conn_event_cb(bufferevent* /*bev*/, short /*what*/, void* arg)
+static void conn_event_cb(bufferevent* bev, short what, void* arg)
 {
+    (void)bev;
+    (void)what;
     conn_close(static_cast<chassis_conn_t*>(arg));
 }
 
 /* Serves the next whole message; false when there is none (yet) or the connection ended. */
 static bool conn_take_message(chassis_conn_t* conn)
 {
-    evbuffer* const input = bufferevent_get_input(conn->bev.get());
+    evbuffer* input = bufferevent_get_input(conn->bev.get());
     com_msg_head_t head = {};
     if (evbuffer_copyout(input, &head, sizeof(head)) < static_cast<ev_ssize_t>(sizeof(head))) {
         return false;
@@ -233,7 +237,7 @@ static void request_note(chassis_slot_t* slot, chassis_request_t request)
 /* Treats one request as the mode says; false when the connection ended. */
 static bool conn_serve(chassis_conn_t* conn, const std::string& msg)
 {
-    chassis_slot_t* const slot = conn->slot;
+    chassis_slot_t* slot = conn->slot;
     const chassis_request_t request = request_read(msg);
     request_note(slot, request);
     if (request.bad || slot->daemon.mode == chassis_mode::close) {
@@ -347,7 +351,7 @@ static com_msg_head_t reply_head(uint16_t type, size_t length)
 /* Sends a reply now, or late; replies keep the order of their requests. */
 static void conn_reply(chassis_conn_t* conn, std::string reply)
 {
-    const chassis_daemon_t* const daemon = &conn->slot->daemon;
+    const chassis_daemon_t* daemon = &conn->slot->daemon;
     const bool slow = daemon->mode == chassis_mode::slow;
     if (!slow && conn->late.empty()) {
         bufferevent_write(conn->bev.get(), reply.data(), reply.size());
@@ -379,9 +383,11 @@ static void conn_late_arm(chassis_conn_t* conn)
     evtimer_add(conn->timer.get(), &tv);
 }
 
-static void conn_late_cb(evutil_socket_t /*fd*/, short /*what*/, void* arg)
+static void conn_late_cb(int fd, short what, void* arg)
 {
-    auto* const conn = static_cast<chassis_conn_t*>(arg);
+    (void)fd;
+    (void)what;
+    auto* conn = static_cast<chassis_conn_t*>(arg);
     while (!conn->late.empty() && conn->late.front().due <= std::chrono::steady_clock::now()) {
         const std::string& reply = conn->late.front().bytes;
         bufferevent_write(conn->bev.get(), reply.data(), reply.size());

@@ -32,7 +32,7 @@ chassis_json_t chassis_json_load(const std::string& path, int flags, std::string
         *error = strerror(errno);
         return nullptr;
     }
-    json_tokener* const tok = json_tokener_new();
+    json_tokener* tok = json_tokener_new();
     if (tok == nullptr || content.size() > INT_MAX) {
         *error = strerror(ENOMEM);
         return nullptr;
@@ -82,10 +82,10 @@ int chassis_document_load(chassis_vars_t* vars, const std::string& path, std::st
 
 static void document_tables(chassis_vars_t* vars, json_object* root, const char* key, bool fault)
 {
-    json_object* const tables = member(root, key, json_type_array);
+    json_object* tables = member(root, key, json_type_array);
     for (size_t t = 0; tables != nullptr && t < json_object_array_length(tables); t++) {
-        json_object* const table = json_object_array_get_idx(tables, t);
-        json_object* const params = member(table, "param_array", json_type_array);
+        json_object* table = json_object_array_get_idx(tables, t);
+        json_object* params = member(table, "param_array", json_type_array);
         const std::vector<chassis_range_t> indexes = table_indexes(table);
         for (size_t p = 0; params != nullptr && p < json_object_array_length(params); p++) {
             document_column(vars, json_object_array_get_idx(params, p), indexes, fault);
@@ -97,9 +97,9 @@ static void document_tables(chassis_vars_t* vars, json_object* root, const char*
 static std::vector<chassis_range_t> table_indexes(json_object* table)
 {
     std::vector<chassis_range_t> indexes;
-    json_object* const list = member(table, "index_array", json_type_array);
+    json_object* list = member(table, "index_array", json_type_array);
     for (size_t i = 0; list != nullptr && i < json_object_array_length(list); i++) {
-        json_object* const entry = json_object_array_get_idx(list, i);
+        json_object* entry = json_object_array_get_idx(list, i);
         const auto low = static_cast<uint32_t>(member_int(entry, "range0"));
         const auto high = static_cast<uint32_t>(member_int(entry, "range1"));
         if (low != 0 && high != 0) {
@@ -119,7 +119,7 @@ static void document_column(chassis_vars_t* vars, json_object* param,
     if (member_true(param, "table_index") || send_trap_switch) {
         return; /* the agent's own */
     }
-    json_object* const name = member(param, "name", json_type_string);
+    json_object* name = member(param, "name", json_type_string);
     chassis_column_t column = {};
     column.name = name != nullptr ? json_object_get_string(name) : "var" + std::to_string(var);
     column.kind = column_is_integer(param, fault) ? chassis_kind::integer : chassis_kind::text;
@@ -164,12 +164,12 @@ static json_object* member(json_object* obj, const char* key, json_type type)
 /* The member as the agent reads it: 0 when absent, cut to 32 bits at the ends. */
 static int64_t member_int(json_object* obj, const char* key)
 {
-    json_object* const value = member(obj, key, json_type_int);
+    json_object* value = member(obj, key, json_type_int);
     return value != nullptr ? json_object_get_int(value) : 0;
 }
 
 static bool member_true(json_object* obj, const char* key)
 {
-    json_object* const value = member(obj, key, json_type_boolean);
+    json_object* value = member(obj, key, json_type_boolean);
     return value != nullptr && json_object_get_boolean(value) != 0;
 }

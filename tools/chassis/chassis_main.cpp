@@ -15,31 +15,11 @@ static int run(chassis_t* chassis, const char* scenario);
 static event_base* new_base();
 static int start_daemons(chassis_t* chassis);
 static void stop_daemons(chassis_t* chassis);
-static void signal_cb(evutil_socket_t signo, short what, void* arg);
+static void signal_cb(int signo, short what, void* arg);
 
-constexpr char USAGE[] = "Usage: tpg-chassis SCENARIO.json\n";
+constexpr char USAGE[] = "Usage: tpg-chassis SCENARIO.json\n       tpg-chassis --help\n";
 
-int main(int argc, char** argv)
-{
-    const std::string_view word = argc == 2 ? argv[1] : "";
-    if (word == "--help") {
-        print_help();
-        return EXIT_SUCCESS;
-    }
-    if (word.empty() || word.starts_with('-')) {
-        fputs(USAGE, stderr);
-        return EXIT_FAILURE;
-    }
-    auto chassis = std::make_unique<chassis_t>();
-    setvbuf(stdout, nullptr, _IOLBF, 0);
-    signal(SIGPIPE, SIG_IGN);
-    return run(chassis.get(), argv[1]) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
-}
-
-static void print_help()
-{
-    fputs(USAGE, stdout);
-    fputs(R"(
+constexpr char HELP[] = R"(
 Plays the cards of a chassis and their control daemons for an agent on this
 machine: it listens on the daemons' sockets, connects to the agent's socket and
 registers the cards, again and again if the agent is away.
@@ -63,10 +43,10 @@ are. "board" puts the controller board's own variables into slot 1, beside a
 card or alone. A "description" may stand everywhere.
 
 "values" are the start values: an object keyed "VAR:INDEX", or "VAR" for every
-index. Numbers are 32-bit integers as the card holds them: where SNMP counts an enumeration from 1, the
-card counts from 0. Variables of the documents without a value hold the low end
-of their range, or the text NAME-SLOT-INDEX. The board shows plugged cards under
-the variables 34 to 36, by slot number - 1.
+index. Numbers are 32-bit integers as the card holds them: where SNMP counts an
+enumeration from 1, the card counts from 0. Variables of the documents without a
+value hold the low end of their range, or the text NAME-SLOT-INDEX. The board
+shows plugged cards under the variables 34 to 36, by slot number - 1.
 
 INDEX is the one on the wire: I1 - 1 in a table with one index beside the slot,
 (I1 - 1) * 256 + (I2 - 1) with two, else 0. Numbers may be written 0x102.
@@ -79,10 +59,9 @@ each command line gets one answer: a line with "ok" or "error: REASON" in front,
 before it the lines of a list. A text with blanks stands in double quotes, with
 \", \\ and \xNN. The end of the input means quit.
 
-)",
-          stdout);
-    chassis_command_help("  ");
-    fputs(R"(
+)";
+
+constexpr char HELP_BEHIND_COMMANDS[] = R"(
 fault sends no data, or OFFSET, or OFFSET, FIRST-INDEX and TEXT; from slot 1
 always OFFSET (0), which is the notify value there.
 
@@ -90,8 +69,31 @@ After plug and in "ready" and status, a slot is unplugged, agent-absent,
 unacknowledged, sent (the agent has the message, which says nothing of what it
 makes of it), registered (it has asked the card since, so it serves it), or
 connected (nothing is registered).
-)",
-          stdout);
+)";
+
+int main(int argc, char** argv)
+{
+    const std::string_view word = argc == 2 ? argv[1] : "";
+    if (word == "--help") {
+        print_help();
+        return EXIT_SUCCESS;
+    }
+    if (word.empty() || word.starts_with('-')) {
+        fputs(USAGE, stderr);
+        return EXIT_FAILURE;
+    }
+    auto chassis = std::make_unique<chassis_t>();
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    signal(SIGPIPE, SIG_IGN);
+    return run(chassis.get(), argv[1]) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+static void print_help()
+{
+    fputs(USAGE, stdout);
+    fputs(HELP, stdout);
+    chassis_command_help("  ");
+    fputs(HELP_BEHIND_COMMANDS, stdout);
 }
 
 static int run(chassis_t* chassis, const char* scenario)
@@ -102,7 +104,7 @@ static int run(chassis_t* chassis, const char* scenario)
         return -1;
     }
     chassis->base.reset(new_base());
-    event_base* const base = chassis->base.get();
+    event_base* base = chassis->base.get();
     const chassis_ptr_t<event> sigterm(
         base != nullptr ? evsignal_new(base, SIGTERM, signal_cb, chassis) : nullptr);
     const chassis_ptr_t<event> sigint(
@@ -154,7 +156,9 @@ static void stop_daemons(chassis_t* chassis)
     }
 }
 
-static void signal_cb(evutil_socket_t /*signo*/, short /*what*/, void* arg)
+static void signal_cb(int signo, short what, void* arg)
 {
+    (void)signo;
+    (void)what;
     event_base_loopbreak(static_cast<chassis_t*>(arg)->base.get());
 }

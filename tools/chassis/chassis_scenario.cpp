@@ -7,8 +7,6 @@
 #include <cstddef>
 #include <span>
 
-namespace
-{
 /* What is being read. */
 struct scenario_t {
     chassis_t* chassis;
@@ -27,7 +25,6 @@ struct scenario_key_t {
     size_t field_ofs; /* in the card's identity */
     size_t field_size;
 };
-} // namespace
 
 static int scenario_fail(scenario_t* scenario, const std::string& reason);
 static int scenario_object(scenario_t* scenario, json_object* obj,
@@ -49,13 +46,13 @@ static int read_value(scenario_t* scenario, uint32_t var, const int64_t* index, 
 #define IDENTITY_FIELD(member)                                                                     \
     nullptr, offsetof(tpg_libmib_update_t, member), sizeof(tpg_libmib_update_t::member)
 
-static const scenario_key_t scenario_keys[] = {
+constexpr scenario_key_t scenario_keys[] = {
     {"description", json_type_string, false, nullptr, 0, 0},
     {"cards", json_type_array, false, scenario_cards, 0, 0},
     {"board", json_type_object, false, scenario_board, 0, 0},
 };
 
-static const scenario_key_t card_keys[] = {
+constexpr scenario_key_t card_keys[] = {
     {"description", json_type_string, false, nullptr, 0, 0},
     {"slot", json_type_int, true, nullptr, 0, 0},
     {"product", json_type_string, true, IDENTITY_FIELD(prod_string)},
@@ -68,7 +65,7 @@ static const scenario_key_t card_keys[] = {
     {"plugged", json_type_boolean, false, read_plugged, 0, 0},
 };
 
-static const scenario_key_t board_keys[] = {
+constexpr scenario_key_t board_keys[] = {
     {"description", json_type_string, false, nullptr, 0, 0},
     {"type", json_type_string, false, read_board_type, 0, 0},
     {"jsonmib", json_type_null, false, read_documents, 0, 0},
@@ -176,7 +173,7 @@ static int scenario_board(scenario_t* scenario, json_object* board)
 
 static void scenario_slot_init(chassis_t* chassis, unsigned slot_no)
 {
-    chassis_slot_t* const slot = &chassis->slots[slot_no - 1];
+    chassis_slot_t* slot = &chassis->slots[slot_no - 1];
     slot->chassis = chassis;
     slot->slot_no = slot_no;
     slot->vars.slot_no = slot_no;
@@ -290,7 +287,7 @@ static int read_value_member(scenario_t* scenario, std::string_view key, json_ob
 /* Without an index the value is that of every row. */
 static int read_value(scenario_t* scenario, uint32_t var, const int64_t* index, json_object* value)
 {
-    chassis_vars_t* const vars = &scenario->slot->vars;
+    chassis_vars_t* vars = &scenario->slot->vars;
     chassis_value_t start = {};
     if (json_object_is_type(value, json_type_int) && json_object_get_int64(value) >= INT32_MIN &&
         json_object_get_int64(value) <= INT32_MAX) {

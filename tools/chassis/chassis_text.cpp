@@ -104,7 +104,7 @@ int chassis_parse_number(std::string_view text, int64_t low, int64_t high, int64
     if (base == 0) {
         return -1;
     }
-    const char* const end = text.data() + text.size();
+    const char* end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, *number, base);
     return error == std::errc() && stop == end && *number >= low && *number <= high ? 0 : -1;
 }

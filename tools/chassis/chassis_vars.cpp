@@ -125,7 +125,7 @@ static chassis_code vars_column(const chassis_vars_t* vars, uint32_t var, uint32
 
 static chassis_code vars_board(uint32_t var, uint32_t index, chassis_value_t* value)
 {
-    const auto* const found =
+    const auto* found =
         std::find_if(std::begin(board_vars), std::end(board_vars),
                      [&](const board_vars_t& b) { return var >= b.first && var <= b.last; });
     if (found == std::end(board_vars)) {
