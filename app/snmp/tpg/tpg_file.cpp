@@ -1,3 +1,5 @@
+/* Files: regular ones only, whole reads and writes. */
+
 #include "tpg_file.h"
 
 #include <cerrno>

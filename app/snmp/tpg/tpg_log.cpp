@@ -1,3 +1,5 @@
+/* Lines to syslog and console; how many of them. */
+
 #include "tpg_log.h"
 
 #include <algorithm>
@@ -103,7 +105,7 @@ static size_t tpg_log_escape(char* out, size_t size, const char* text)
 
 /* ---- limit ---- */
 
-/* Null when a line may be written; otherwise its place, which has counted it. */
+/* Null when the line may be written; otherwise its place, where it has been counted as left out. */
 static tpg_log_place_t* tpg_log_leave_out(tpg_context_t* ctx, tpg_log_level level,
                                           tpg_log_pos_t pos)
 {
@@ -141,8 +143,9 @@ static int64_t tpg_log_now()
 }
 
 /*
- * The place's record. One that has nothing to make up for is as good as new,
- * and goes to whoever needs it; where all have, the best of them is shared.
+ * The place's record. If it has none yet it takes one whose lines are all paid
+ * for, as that is as good as new. If there is none such in the set, it shares
+ * the one that is nearest to it.
  */
 static tpg_log_place_t* tpg_log_find_place(tpg_log_limit_t* limit, tpg_log_pos_t pos, int64_t now)
 {
@@ -229,7 +232,7 @@ static void tpg_log_tell_sum(tpg_context_t* ctx, const tpg_log_place_t* place)
                  {place->file, place->line}, text);
 }
 
-/* Not where a line is left out: there nothing may need memory. */
+/* Not done where a line is left out, for logging must not need memory. */
 void tpg_log_before_turn(tpg_context_t* ctx)
 {
     tpg_log_limit_t* limit = &ctx->log_limit;

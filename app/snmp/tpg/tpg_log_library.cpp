@@ -1,3 +1,5 @@
+/* The SNMP library's messages as lines of the log. */
+
 #include "tpg_log_library.h"
 
 #include "tpg_log.h"
@@ -16,10 +18,10 @@ static int master_cb(int, int, void*, void*);
 static void take_line(tpg_context_t*, int, std::string_view);
 static bool is_news(std::string_view);
 
-/* In each message that a connection to the master cannot be had. */
+/* Part of each message that the master cannot be reached. */
 constexpr std::string_view NO_MASTER = " the agentx master agent ";
 
-/* What was last said about the missing master; empty when there was one since. */
+/* The last message that the master cannot be reached; empty once it was. */
 static char no_master_text[256];
 
 void tpg_log_library_take(tpg_context_t* ctx)
@@ -69,7 +71,7 @@ static void take_line(tpg_context_t* ctx, int priority, std::string_view line)
     }
 }
 
-/* False when the same was said about the missing master before. */
+/* False for a message about the missing master that repeats the last one. */
 static bool is_news(std::string_view line)
 {
     const std::string_view begin = line.substr(0, sizeof(no_master_text) - 1);

@@ -1,3 +1,5 @@
+/* Start-up in its order, the loop, the stop. */
+
 #include "tpg_main.h"
 
 #include "tpg_file.h"
@@ -131,7 +133,8 @@ static void reset_signals()
     }
     /* A peer that is gone is an error of the call that notices, not the agent's end. */
     signal(SIGPIPE, SIG_IGN); // NOLINT(bugprone-signal-handler)
-    signal(SIGCHLD, SIG_IGN); // NOLINT(bugprone-signal-handler): what nobody waits for leaves nothing
+    signal(SIGCHLD,
+           SIG_IGN); // NOLINT(bugprone-signal-handler): what nobody waits for leaves nothing
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);

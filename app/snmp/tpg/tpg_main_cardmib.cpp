@@ -1,3 +1,5 @@
+/* A card's document and switches into the agent, and out of it. */
+
 #include "tpg_main_cardmib.h"
 
 #include "tpg_db.h"

@@ -1,3 +1,5 @@
+/* One shell command at a time, with a time limit and clean surroundings. */
+
 #include "tpg_main_command.h"
 
 #include <csignal>
@@ -68,13 +70,14 @@ bool tpg_command_stop_asked()
     return stop_asked != 0;
 }
 
-/* Only wakes the one who waits. */
+/* Wakes the wait for the command; nothing else is to be done. */
 static void child_handler(int sig)
 {
     (void)sig;
 }
 
-/* The signals that end the wait come in the wait only, so that none is missed just before it. */
+/* Blocks the signals that end the wait. They are let in during the wait only: one that came just
+ * before it would be missed. */
 static void hold_signals(signals_t* before)
 {
     sigset_t held;
@@ -115,7 +118,7 @@ int tpg_command_run(const char* command, int* status)
     return error == 0 ? 0 : -1;
 }
 
-/* Of what waitpid tells, the number that a shell would show. */
+/* What a shell shows as the status of a process that waitpid tells of. */
 static int exit_status(int ended)
 {
     constexpr int SIGNALLED = 128;
@@ -187,7 +190,8 @@ static bool nap_until(int64_t deadline, const sigset_t* mask)
     return true;
 }
 
-/* It stays, so that its number, which is its group's, is not another's. */
+/* True when the process has ended. It is left to be waited for, so that its number, by which its
+ * group is killed, stays its own. */
 static bool has_ended(pid_t pid)
 {
     siginfo_t info = {};
@@ -196,9 +200,10 @@ static bool has_ended(pid_t pid)
 }
 
 /*
- * 0 when the shell has come to its end by itself, or why it did not. In either
- * case the rest of its group is killed. Nothing waits for a process that not
- * even that ends: at rest SIGCHLD is ignored, and it goes when it goes.
+ * Waits for the shell: 0 when it has ended by itself, else why not (errno).
+ * Then its whole group is killed. A process that hangs in the kernel and cannot
+ * be killed is not waited for: SIGCHLD is ignored outside of commands, so that
+ * it leaves nothing behind when it goes.
  */
 static int await(pid_t pid, const sigset_t* mask, int* ended)
 {

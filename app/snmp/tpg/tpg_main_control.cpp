@@ -1,3 +1,5 @@
+/* The operators' socket: who is served, and with what. */
+
 #include "tpg_main_control.h"
 
 #include "tpg_ctl_i.h"
@@ -32,16 +34,16 @@ static bool send_answer(tpg_control_peer_t*, json_object*);
 static void finish(tpg_control_peer_t*);
 static void release(tpg_control_peer_t*);
 static tpg_json_t parse(std::string_view);
-static const char* tell_status(tpg_context_t*, json_object*, json_object*);
-static const char* set_log_level(tpg_context_t*, json_object*, json_object*);
-static const char* set_trace(tpg_context_t*, json_object*, json_object*);
-static const char* reload(tpg_context_t*, json_object*, json_object*);
+static const char* tell_status(tpg_context_t* ctx, json_object* request, json_object* answer);
+static const char* set_log_level(tpg_context_t* ctx, json_object* request, json_object* answer);
+static const char* set_trace(tpg_context_t* ctx, json_object* request, json_object* answer);
+static const char* reload(tpg_context_t* ctx, json_object* request, json_object* answer);
 
 constexpr mode_t OTHERS = 0177; /* what the socket's mode leaves out */
 constexpr timeval IDLE_LIMIT = {TPG_CONTROL_IDLE_S, 0};
 constexpr timeval SEND_LIMIT = {TPG_CONTROL_SEND_S, 0};
 constexpr char GARBAGE[] = "not a request";
-/* No message is logged below the first level; the last is as much as there is. */
+/* The log levels that may be set: only errors, and everything. */
 constexpr int64_t LEVEL_MIN = static_cast<int64_t>(tpg_log_level::error);
 constexpr int64_t LEVEL_MAX = static_cast<int64_t>(tpg_log_level::debug);
 
@@ -140,7 +142,7 @@ static void accept_cb(evconnlistener* listener, int fd, sockaddr* address, int l
     }
 }
 
-/* Null, with a free place, when the peer is to be served. */
+/* Null, and a free place in *peer, when the operator is to be served; otherwise why not. */
 static const char* reason_to_refuse(tpg_context_t* ctx, int fd, tpg_control_peer_t** place)
 {
     ucred user = {};
@@ -191,7 +193,7 @@ static void event_cb(bufferevent* bev, short events, void* arg)
     read_cb(bev, arg);
 }
 
-/* One request at a time: what else there is waits until the loop has looked at the others. */
+/* Serves one request a call; the next one waits until the event loop has served others. */
 static void read_cb(bufferevent* bev, void* arg)
 {
     auto* peer = static_cast<tpg_control_peer_t*>(arg);
@@ -214,7 +216,7 @@ static void read_cb(bufferevent* bev, void* arg)
     }
 }
 
-/* Whoever sends something that is no request is told so and not listened to any more. */
+/* Answers one line. After one that is no request, nothing more is read from the operator. */
 static void serve_line(tpg_control_peer_t* peer, std::string_view line)
 {
     tpg_json_t answer = tpg_control_answer(peer->ctx, line);
@@ -232,7 +234,7 @@ static void serve_line(tpg_control_peer_t* peer, std::string_view line)
     }
 }
 
-/* False when the peer does not read. */
+/* False when too much is waiting that the operator has not read. */
 static bool send_answer(tpg_control_peer_t* peer, json_object* answer)
 {
     evbuffer* output = bufferevent_get_output(peer->bev);
@@ -285,7 +287,7 @@ static tpg_json_t parse(std::string_view line)
     return request;
 }
 
-/* -1 when there is no such number. */
+/* The member's number, or -1 when there is none in the range. */
 static int64_t number_of(json_object* request, const char* key)
 {
     json_object* value = nullptr;
@@ -303,7 +305,7 @@ static const char* tell_status(tpg_context_t* ctx, json_object* request, json_ob
     return nullptr;
 }
 
-/* The change is logged whichever of the levels is the lower one. */
+/* The change is logged at the more talkative of the two levels. */
 static const char* set_log_level(tpg_context_t* ctx, json_object* request, json_object* answer)
 {
     (void)answer;
@@ -343,8 +345,8 @@ static const char* set_trace(tpg_context_t* ctx, json_object* request, json_obje
 }
 
 /*
- * As if the card were pulled and plugged: another card of its family may
- * become the master meanwhile, and stay it.
+ * Does what pulling and plugging the card would do: another card of its family
+ * may become the master on the way, and remains it.
  */
 static const char* reload(tpg_context_t* ctx, json_object* request, json_object* answer)
 {

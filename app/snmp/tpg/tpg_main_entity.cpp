@@ -1,3 +1,5 @@
+/* ENTITY-MIB: chassis, slots and cards as rows of the standard inventory. */
+
 #include "tpg_main_entity.h"
 
 #include "tpg_log.h"
@@ -188,7 +190,7 @@ static bool describe_card(const tpg_context_t* ctx, uint32_t slot, tpg_entity_ro
     return true;
 }
 
-/* -1 without memory. */
+/* 0, or -1 without memory. */
 static int add_row(tpg_context_t* ctx, tpg_entity_row_t* row)
 {
     netsnmp_tdata_row* entry = netsnmp_tdata_create_row();

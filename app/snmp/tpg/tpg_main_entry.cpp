@@ -1,3 +1,5 @@
+/* The program. */
+
 #include "tpg_main.h"
 
 int main(int argc, char** argv)

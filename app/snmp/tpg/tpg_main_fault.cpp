@@ -1,3 +1,5 @@
+/* A genuine fault: a line in the log, then the end. */
+
 #include "tpg_main_fault.h"
 
 #include "tpg_log.h"
@@ -23,7 +25,7 @@ constexpr char SYSLOG_PATH[] = "/dev/log";
 constexpr int FAULT_SIGNALS[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE};
 constexpr size_t FAULT_STACK = size_t{64} * 1024;
 
-/* What stood before, by the position of its signal; a handler may use nothing but such data. */
+/* The handlers from before, by the position of the signal; a signal handler may read such data. */
 static struct sigaction previous[std::size(FAULT_SIGNALS)];
 static int syslog_fd = -1;
 alignas(16) static uint8_t fault_stack[FAULT_STACK];

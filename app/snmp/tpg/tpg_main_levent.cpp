@@ -1,3 +1,5 @@
+/* The SNMP library's descriptors and timer on the event loop. */
+
 #include "tpg_main_levent.h"
 
 #include "tpg_file.h"
@@ -28,7 +30,7 @@ static bool is_pipe(tpg_context_t*, int);
 static void arm_timer(tpg_context_t*, int, const timeval*);
 static void read_session(int);
 static int next_pipe(const tpg_context_t*, int);
-static void set_tcp_option(int, int);
+static void set_tcp_option(int fd, int option);
 static void acknowledge(tpg_context_t*);
 static int session_started(int, int, void*, void*);
 
@@ -62,7 +64,8 @@ static void unwatch(tpg_lev_snmpfd_t* entry)
     free(entry);
 }
 
-/* Drops the entries that are not in the set, and from the set those that are; returns how many. */
+/* Drops the entries that are not in the set. The others are kept, counted in the result, and taken
+ * out of the set. */
 static int keep_wanted(tpg_context_t* ctx, int numfds, fd_set* wanted)
 {
     int kept = 0;
@@ -165,7 +168,7 @@ static int next_pipe(const tpg_context_t* ctx, int fd)
     return next;
 }
 
-/* A socket that is not TCP holds nothing back, and needs none. */
+/* Other sockets than TCP do not delay what is sent, and refuse the option: no matter. */
 static void set_tcp_option(int fd, int option)
 {
     const int on = 1;
@@ -173,10 +176,10 @@ static void set_tcp_option(int fd, int option)
 }
 
 /*
- * Tells the master's side at once that its last message has come. Where no
- * answer of the agent's does, TCP waits up to 40 ms before it tells, and the
- * master's next request waits with it: the first to a new card, or the one that
- * follows a trap.
+ * Has TCP acknowledge the master's last message at once. It would wait up to
+ * 40 ms for an answer of the agent to send the acknowledgement with; where there
+ * is none (to a registration, to a trap), the master's next message would wait
+ * as long.
  */
 static void acknowledge(tpg_context_t* ctx)
 {
@@ -215,7 +218,7 @@ void levent_snmp_timer_ran_out(int fd, short what, void* arg)
     static_cast<tpg_context_t*>(arg)->snmp_timer_due = true;
 }
 
-/* Null when none is. */
+/* An entry that can be read, or null. */
 static tpg_lev_snmpfd_t* next_ready(const tpg_context_t* ctx)
 {
     const list_head* end = &ctx->lev_snmp_fd_list;

@@ -1,3 +1,5 @@
+/* Where a card's document comes from: library, built-in copy, full reverse. */
+
 #include "tpg_main_mibsource.h"
 
 #include "tpg_file.h"
@@ -21,7 +23,7 @@ struct stream_close {
 };
 using stream_t = std::unique_ptr<FILE, stream_close>;
 
-/* A path or command in the one buffer size that all of them have. */
+/* A path or a command. */
 struct text_t {
     char text[TPG_CMD_MAX];
 };
@@ -42,14 +44,15 @@ static stream_t open_output(tpg_context_t*, const char*);
 static bool read_line(FILE*, line_t*);
 static const char* next_token(char**);
 static uint32_t parse_hex(const char*);
-static bool parse_symbol_line(char*, uint32_t*, uint32_t*, char*, size_t);
+static bool parse_symbol_line(char* line, uint32_t* offset, uint32_t* length, char* name,
+                              size_t name_size);
 static uint32_t data_section_size(tpg_context_t*, const char*);
 static uint32_t find_data_size(tpg_context_t*, FILE*);
 static int read_dump(tpg_context_t*, const char*, uint8_t*, size_t);
 static void convert_dump(FILE*, uint8_t*, size_t);
 static void store_group(const char*, uint8_t*);
 static int write_jsonmib(tpg_context_t*, const char*, const uint8_t*, uint32_t);
-static bool lies_in(const char*, const char*);
+static bool lies_in(const char* folder, const char* guarded);
 static const char* guarded_folder(const char*);
 static bool is_only_read(const tpg_libmib_register_info_t*);
 static int link_built_in(tpg_context_t*, const tpg_libmib_register_info_t*, text_t*);
@@ -78,21 +81,22 @@ static int format(text_t* out, const char* fmt, ...)
     return 0;
 }
 
-/* Why a command, or what has to be done for it, failed. */
+/* The text for why a command failed, or what has to be done before it. */
 static const char* why(int error)
 {
     return error == ENAMETOOLONG ? TPG_CMD_TOO_LONG : tpg_command_error(error);
 }
 
-/* 0 when nothing stands under the name any more. */
+/* Removes what stands under the name; 0 also when there was nothing. */
 static int remove_file(const char* path)
 {
     return unlink(path) != 0 && errno != ENOENT ? -1 : 0;
 }
 
 /*
- * 0 when the command has come to its end. Its status decides nothing: a tool
- * may complain after a good output. What came of it is seen by the file that it leaves.
+ * 0 when the command has come to its end. Its exit status is only told of: a
+ * tool may complain after a good output. Whether it has done its work is seen by
+ * the file that it leaves.
  */
 static int run_command(tpg_context_t* ctx, const text_t* command)
 {
@@ -174,7 +178,8 @@ static bool parse_symbol_line(char* line, uint32_t* offset, uint32_t* length, ch
     return true;
 }
 
-/* The status of a pipe is that of its last command: whether objdump failed is asked here. */
+/* A pipe's exit status is that of its last command: whether objdump had failed is found out here.
+ */
 static void tell_why_empty(tpg_context_t* ctx, const char* path)
 {
     text_t command = {};
@@ -418,7 +423,7 @@ int tpg_parse_jsonmib_string(tpg_context_t* ctx, tpg_libmib_register_info_t* lib
     return write_jsonmib(ctx, tpg_jsonmib_path(libmib_reginfo).path, owner.get(), length);
 }
 
-/* ---- what belongs to others ---- */
+/* ---- folders in which no card may write ---- */
 
 /* True when a real folder is the guarded one or below it. */
 static bool lies_in(const char* folder, const char* guarded)
@@ -431,7 +436,8 @@ static bool lies_in(const char* folder, const char* guarded)
     return strncmp(folder, real, length) == 0 && (folder[length] == '/' || folder[length] == '\0');
 }
 
-/* The guarded folder in which the files beside the library are, whatever leads there; or null. */
+/* The guarded folder in which files beside the library would really lie, past all links; or null.
+ */
 static const char* guarded_folder(const char* library)
 {
     const char* slash = strrchr(library, '/');

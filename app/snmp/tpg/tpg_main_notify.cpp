@@ -1,3 +1,5 @@
+/* What systemd is told. */
+
 #include "tpg_main_notify.h"
 
 #include "tpg_log.h"

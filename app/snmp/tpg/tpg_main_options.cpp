@@ -1,3 +1,5 @@
+/* The command line: each option is a row of a table. */
+
 #include "tpg_main_options.h"
 
 #include "tpg_log.h"

@@ -1,3 +1,5 @@
+/* Who is in which slot, and which card of a family is its master. */
+
 #include "tpg_main_registry.h"
 
 #include "tpg_jsonmib.h"
@@ -10,25 +12,27 @@
 #include <cstring>
 #include <string_view>
 
-static int check_text(tpg_context_t*, const char*, const char*, size_t, std::string_view);
+static int check_text(tpg_context_t* ctx, const char* field, const char* text, size_t size,
+                      std::string_view allowed);
 static bool is_empty(const tpg_jsonmib_register_info_t*);
 static tpg_jsonmib_register_info_t* record_of(tpg_context_t*, uint32_t);
 static bool same_family(const tpg_libmib_register_info_t*, const tpg_libmib_register_info_t*);
 static void clear_record(tpg_context_t*, tpg_jsonmib_register_info_t*);
 static tpg_jsonmib_register_info_t* find_master(tpg_context_t*, const tpg_libmib_update_t*);
 static void become_first_master(tpg_context_t*, tpg_libmib_update_t*, tpg_jsonmib_register_info_t*);
-static void reference_master(tpg_context_t*, const tpg_libmib_update_t*,
-                             tpg_jsonmib_register_info_t*, tpg_jsonmib_register_info_t*);
-static void take_over(tpg_context_t*, tpg_libmib_update_t*, tpg_jsonmib_register_info_t*,
-                      tpg_jsonmib_register_info_t*);
-static void fall_back(tpg_context_t*, const tpg_libmib_update_t*, tpg_jsonmib_register_info_t*,
-                      tpg_jsonmib_register_info_t*);
+static void reference_master(tpg_context_t* ctx, const tpg_libmib_update_t* update,
+                             tpg_jsonmib_register_info_t* target,
+                             tpg_jsonmib_register_info_t* master);
+static void take_over(tpg_context_t* ctx, tpg_libmib_update_t* update,
+                      tpg_jsonmib_register_info_t* target, tpg_jsonmib_register_info_t* master);
+static void fall_back(tpg_context_t* ctx, const tpg_libmib_update_t* update,
+                      tpg_jsonmib_register_info_t* target, tpg_jsonmib_register_info_t* master);
 static void preload_slots(tpg_context_t*, uint32_t);
 static void re_reference(tpg_context_t*, const tpg_libmib_update_t*, tpg_jsonmib_register_info_t*);
 static void log_mask(tpg_context_t*, const char*, const tpg_libmib_update_t*,
                      const tpg_jsonmib_register_info_t*);
 static uint32_t find_successor(tpg_context_t*, const tpg_libmib_update_t*, uint32_t);
-static void promote(tpg_context_t*, uint32_t, uint32_t);
+static void promote(tpg_context_t* ctx, uint32_t slot, uint32_t mask);
 static void withdraw_master(tpg_context_t*, const tpg_libmib_update_t*,
                             tpg_jsonmib_register_info_t*);
 static int position_of(const tpg_context_t*, const tpg_jsonmib_register_info_t*);

@@ -1,3 +1,5 @@
+/* The clients' socket: connections, framing, dispatch, and what has to wait for its turn. */
+
 #include "tpg_main_server.h"
 
 #include "tpg_jsonmib_queue.h"
@@ -281,7 +283,7 @@ void tpg_svr_conn_eventcb(bufferevent* bev, short events, void* arg)
     serve_rest(client);
 }
 
-/* From here on only what has arrived by now is taken of the client. */
+/* Takes in what the client has sent by now; nothing more is read from it. */
 static void begin_end(tpg_ipc_clnt_t* client, short events, int error)
 {
     client->end_events = events;
@@ -290,7 +292,8 @@ static void begin_end(tpg_ipc_clnt_t* client, short events, int error)
     take_rest(client->bev);
 }
 
-/* An acknowledgement that cannot be written ends a connection before all that came is read. */
+/* A connection whose acknowledgement cannot be written ends with messages still in its socket: they
+ * are read here. */
 static void take_rest(bufferevent* bev)
 {
     evbuffer* input = bufferevent_get_input(bev);
@@ -342,7 +345,7 @@ static void end_connection(tpg_ipc_clnt_t* client)
     free_client(client);
 }
 
-/* The peer may be gone though not all that it has sent is read yet. */
+/* True when the peer has closed the connection, even if what it sent before is still to be read. */
 static bool has_ended(tpg_ipc_clnt_t* client)
 {
     if (client->end_events != 0) {
@@ -356,7 +359,7 @@ static bool has_ended(tpg_ipc_clnt_t* client)
     return true;
 }
 
-/* True while the end of another connection, which withdraws the slot, has yet to be carried out. */
+/* True while another connection of the slot has ended, but the slot has not been withdrawn yet. */
 static bool is_leaving(const tpg_ipc_clnt_t* client, uint32_t slot)
 {
     const list_head* all = &client->ctx->ipc_clnt_list;
@@ -371,15 +374,16 @@ static bool is_leaving(const tpg_ipc_clnt_t* client, uint32_t slot)
 
 /* ---- held back ---- */
 
-/* While a SET is being carried out its table must not go, and no other come. */
+/* True while a SET waits for its card: until it is done no table may come or go. */
 static bool must_hold(const tpg_context_t* ctx)
 {
     return ctx->jsonmib_later.waiting > 0;
 }
 
 /*
- * A card that comes back waits for what its last connection left behind, or the
- * end of that would take it out again. A client that has ended waits for none.
+ * A card that comes back waits until the end of its last connection has been
+ * carried out, for that withdraws the slot whoever is in it. A client that has
+ * ended itself need not wait for another.
  */
 static bool must_wait(const tpg_ipc_clnt_t* client, uint32_t slot)
 {
@@ -387,7 +391,7 @@ static bool must_wait(const tpg_ipc_clnt_t* client, uint32_t slot)
            (client->end_events == 0 && slot != 0 && is_leaving(client, slot));
 }
 
-/* Nothing more is read of the client until what it did has been seen to. */
+/* Nothing more is read from the client until what is held back has been carried out. */
 static void hold(tpg_ipc_clnt_t* client)
 {
     if (!is_held(client)) {
@@ -476,7 +480,7 @@ void tpg_readcb_timeout_cb(int fd, short what, void* arg)
     }
 }
 
-/* False when no whole message was there. */
+/* Reads and dispatches one message; false when there is no whole one. */
 static bool serve_message(tpg_ipc_clnt_t* client)
 {
     tpg_context_t* ctx = client->ctx;
@@ -580,7 +584,7 @@ static step_t read_payload(tpg_context_t* ctx, tpg_ipc_clnt_t* client)
     return step_t::done;
 }
 
-/* What the client says of itself, and what the kernel knows of it. */
+/* Logs the process id in the client's first message, and what the kernel knows of the process. */
 static void note_first_message(tpg_context_t* ctx, tpg_ipc_clnt_t* client,
                                const com_msg_head_t* head)
 {
@@ -633,7 +637,7 @@ static void dispatch_libmib_update(tpg_context_t* ctx, tpg_ipc_clnt_t* client,
     }
 }
 
-/* Only what the client sent in this message is handed on. */
+/* Of the shared buffer only this message's own bytes are handed on. */
 static void dispatch_trap_notify(tpg_context_t* ctx, tpg_ipc_clnt_t* client,
                                  const com_msg_head_t* head)
 {
@@ -654,8 +658,9 @@ static void dispatch_trap_notify(tpg_context_t* ctx, tpg_ipc_clnt_t* client,
 }
 
 /*
- * The event loop sends nothing before the update is carried out, which may take
- * seconds. What the socket has no room for stays with the loop, and so does a failure.
+ * Sends the acknowledgement now: the event loop would send it after the update
+ * has been carried out, which may take seconds. What the socket has no room
+ * for, and a failure to send, is left to the loop.
  */
 static void flush_output(const tpg_ipc_clnt_t* client)
 {

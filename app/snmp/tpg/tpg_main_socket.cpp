@@ -1,3 +1,5 @@
+/* Whose the clients' socket is. */
+
 #include "tpg_main_socket.h"
 
 #include "tpg_log.h"
@@ -9,7 +11,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-/* The files that this agent has bound, by tpg_socket; what is there may be another's by now. */
+/* Which files this agent has bound, by tpg_socket. By now another agent's may stand under a name. */
 static struct {
     const char* path; /* null when there is none */
     dev_t device;

@@ -1,3 +1,5 @@
+/* The agent's state as a JSON document. */
+
 #include "tpg_main_status.h"
 
 #include "tpg_jsonmib_queue.h"
@@ -46,7 +48,7 @@ static int master_came(int major, int minor, void* server_arg, void* client_arg)
     return SNMPERR_SUCCESS;
 }
 
-/* The library says so also when it fails to open a session, again and again. */
+/* The library calls this for each failed attempt to open a session as well. */
 static int master_went(int major, int minor, void* server_arg, void* client_arg)
 {
     (void)major;
@@ -173,7 +175,7 @@ static const jsonmib_table_info_t* table_of(const netsnmp_handler_registration* 
     return handler == nullptr ? nullptr : static_cast<const jsonmib_table_info_t*>(handler->myvoid);
 }
 
-/* Of one slot. */
+/* Everything about one slot. */
 static uint64_t rows_of(const jsonmib_table_info_t* table)
 {
     uint64_t rows = 1;
@@ -236,7 +238,7 @@ static json_object* daemon_of(tpg_context_t* ctx, uint32_t slot_no)
     return daemon;
 }
 
-/* A connection on which nothing is expected is not looked at by anybody else. */
+/* True when the daemon has closed an idle connection; nobody else looks at one. */
 static bool has_hung_up(const tpg_context_t* ctx, uint32_t slot_no)
 {
     pollfd peer = {ctx->jsonmib_ipc_info[slot_no - 1].fd, POLLRDHUP, 0};

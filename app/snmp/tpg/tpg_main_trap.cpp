@@ -1,3 +1,5 @@
+/* A card's notify: table, row, switch, trap number, bindings. */
+
 #include "tpg_main_trap.h"
 
 #include "tpg_jsonmib_fault.h"
