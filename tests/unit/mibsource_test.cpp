@@ -82,12 +82,12 @@ TEST_F(mibsource, sections)
 
 TEST_F(mibsource, a_tool_that_fails_is_spoken_of)
 {
-    fs::remove("/tmp/card/out-t");
+    write_file("/tmp/card/objdump", "#!/bin/sh\nexit 3\n", 0700);
     uint32_t offset = 1, length = 1;
     EXPECT_EQ(outcome_of([&] {
                   return tpg_get_jsonmib_string(ctx.get(), &card, &offset, &length);
               }),
-              "-1 Warn command objdump -h " + LIBRARY + " > /dev/null ended with exit status 1\n"
+              "-1 Warn command objdump -h " + LIBRARY + " > /dev/null ended with exit status 3\n"
               "Info Empty jsonmib symbol file.\n");
 }
 

@@ -305,7 +305,7 @@ static const char* tell_status(tpg_context_t* ctx, json_object* request, json_ob
     return nullptr;
 }
 
-/* The change is logged at the more talkative of the two levels. */
+/* The change is logged even where only errors are. */
 static const char* set_log_level(tpg_context_t* ctx, json_object* request, json_object* answer)
 {
     (void)answer;
