@@ -62,6 +62,8 @@ TEST_F(Library, WhatIsWrongIsSaid)
         {"static const " + it, "", "jsonmib_it is const"},
         {"static char jsonmib_it[8] __attribute__((used));", "", "jsonmib_it has no value"},
         {good, "g++ -shared -fPIC -x c++ it.c -o libmibit.so", "but _ZL10jsonmib_it: C++"},
+        {good, "mv it.c jsonmib_it.c; gcc -shared -fPIC jsonmib_it.c -o libmibit.so",
+         "jsonmib_it.c stands in front of jsonmib_it,"},
         {good, "strip libmibit.so", "the library is stripped"},
         {good, "mv libmibit.so jsonmib_it; cd /" + call + "/tmp/author/jsonmib_it", "own name"},
         {good, "mv libmibit.so 'it;'" + call + "'it;'", "a character that is not allowed"},

@@ -64,49 +64,61 @@ static std::string fault_of(const symbol_t& symbol)
     return fault;
 }
 
+/* What stands in the table in front of the symbol, or all if it is not there. */
+struct others_t {
+    bool any;
+    std::string first;     /* that the agent would take for the symbol */
+    std::string decorated; /* the symbol's name as C++ has it */
+    std::string products;  /* symbols of other products, with commas */
+};
+
+static void note(others_t* others, std::string_view name, std::string_view symbol)
+{
+    const bool holds = name.find(symbol) != name.npos;
+    others->any = true;
+    if (holds && name.starts_with("_Z")) {
+        others->decorated = name;
+    } else if (name.starts_with(TPG_SYMBOL_PREFIX)) {
+        others->products.append(others->products.empty() ? "" : ", ").append(name);
+    }
+    if (holds && others->first.empty()) {
+        others->first = name;
+    }
+}
+
 /* The symbol is not there: what else is. */
-static std::string absence(const std::string& symbol, const std::string& decorated,
-                           const std::string& others, bool any)
+static std::string absence(const others_t& others, const std::string& symbol)
 {
     const std::string none = "there is no symbol " + symbol;
-    if (!any) {
+    if (!others.any) {
         return none + ", nor any other: the library is stripped";
     }
-    if (!decorated.empty()) {
-        return none + ", but " + decorated +
+    if (!others.decorated.empty()) {
+        return none + ", but " + others.decorated +
                ": C++ decorates names; give it its own by __asm__(\"" + symbol + "\")";
     }
-    return others.empty() ? none : none + ", but " + others + ": of another product?";
+    return others.products.empty() ? none
+                                   : none + ", but " + others.products + ": of another product?";
 }
 
 std::string author_symbol_fault(std::string_view symbols, const std::string& symbol)
 {
-    std::string first, decorated, others;
-    bool any = false;
+    others_t others = {};
     for (size_t end = 0; !symbols.empty(); symbols.remove_prefix(end)) {
         end = std::min(symbols.find('\n'), symbols.size() - 1) + 1;
         symbol_t one = {};
         if (!read_symbol(symbols.substr(0, end - 1), &one)) {
             continue;
         }
-        any = true;
-        const std::string name(one.name);
-        if (name == symbol && !first.empty()) {
-            return first + " stands in front of " + symbol +
+        if (one.name != symbol) {
+            note(&others, one.name, symbol);
+        } else if (!others.first.empty()) {
+            return others.first + " stands in front of " + symbol +
                    ", and the agent looks at the first of them only";
-        }
-        if (name == symbol) {
+        } else {
             const std::string fault = fault_of(one);
             return fault.empty() ? "" : symbol + " " + fault;
         }
-        if (name.starts_with("_Z") && name.find(symbol) != name.npos) {
-            decorated = name;
-        } else if (name.starts_with(TPG_SYMBOL_PREFIX)) {
-            others += (others.empty() ? "" : ", ") + name;
-        }
-        if (name.find(symbol) != name.npos) {
-            first = name;
-        }
     }
-    return absence(symbol, decorated, others, any);
+    return absence(others, symbol);
 }
