@@ -60,6 +60,17 @@ foreach(program tpgctl tpg-jsonmib)
   endif()
 endforeach()
 install(DIRECTORY ${CMAKE_SOURCE_DIR}/doc/examples DESTINATION ${CMAKE_INSTALL_DOCDIR})
+# The boards' MIB modules, which differ in a node and in their names, and what stands in for the
+# standard modules that Debian does not have.
+set(TPG_BOARD_MIB ${CMAKE_SOURCE_DIR}/doc/mibs/TPG-3100KX-MIB.txt)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${TPG_BOARD_MIB})
+file(READ ${TPG_BOARD_MIB} mib)
+string(REPLACE "3100" "3101" mib "${mib}")
+string(REPLACE "Boards 232 }" "Boards 216 }" mib "${mib}")
+file(CONFIGURE OUTPUT ${TPG_INSTALLED}/mibs/TPG-3101KX-MIB.txt CONTENT "${mib}" @ONLY)
+install(FILES ${TPG_BOARD_MIB} ${TPG_INSTALLED}/mibs/TPG-3101KX-MIB.txt
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/snmp/mibs)
+install(DIRECTORY ${CMAKE_SOURCE_DIR}/scripts/demo/mibs DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES ${CMAKE_CURRENT_LIST_DIR}/deb/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR})
 tpg_install_gz(packaging/deb/changelog changelog ${CMAKE_INSTALL_DOCDIR})
 

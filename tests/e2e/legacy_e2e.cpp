@@ -2,6 +2,8 @@
 
 #include "world.h"
 
+#include <regex>
+
 /*
  * Groups: arcs, row, the daemon's indexes for reads and for writes, then number, kind and variable
  * of every column. Kinds: integer, numbered from 1, string, Lamp (as numbered, writes change
@@ -83,7 +85,34 @@ static void expect_writes(const std::vector<cell_t>& cells, const std::string& e
     }
 }
 
-static void expect_columns(world_t* w, const std::string& base)
+/* The board's module has each column, as it is served. */
+static void expect_names(const std::vector<cell_t>& cells, const std::string& base,
+                         const std::string& module)
+{
+    static const std::regex LINE(R"(TPG-310.KX-MIB::kx310.\w+\.\d+ = ((INTEGER|STRING): .*|""))");
+    static const std::regex COLUMN(R"(SYNTAX\s+(\w)[^]*?MAX-ACCESS\s+read-(\w))");
+    words_t translate = knowing(module) + words_t{"snmptranslate", "-Td"};
+    std::string expected, found;
+    for (const cell_t& cell : cells) {
+        translate.push_back(cell.oid);
+        expected += is_kind(cell, "sS") ? 'O' : 'I';
+        expected += is_kind(cell, "INSL") ? 'w' : 'o';
+    }
+    const std::string text = run(translate);
+    for (std::sregex_iterator it(text.begin(), text.end(), COLUMN), end; it != end; ++it) {
+        found += it->str(1) + it->str(2);
+    }
+    EXPECT_EQ(found, expected);
+    const words_t walk = {"snmpbulkwalk", "-v2c", "-c", "rw", "-t", "15", SNMPD, base};
+    std::istringstream lines(run(knowing(module) + walk));
+    int total = 0;
+    for (std::string line; std::getline(lines, line); total++) {
+        EXPECT_TRUE(std::regex_match(line, LINE)) << line; /* not so: a wrong type, a number */
+    }
+    EXPECT_EQ(total, 264);
+}
+
+static void expect_columns(world_t* w, const std::string& base, const std::string& board)
 {
     const std::vector<cell_t> cells = board_cells(base);
     for (const cell_t& cell : cells) {
@@ -91,6 +120,7 @@ static void expect_columns(world_t* w, const std::string& base)
         chassis(w, "set 1 " + place + " " + value(cell, cell.var + cell.read_index, 0));
     }
     expect_all(cells, 0);
+    expect_names(cells, base.substr(0, base.size() - 1), "TPG-" + board + "-MIB");
     for (const char* tool : {"snmpwalk", "snmpbulkwalk"}) {
         EXPECT_EQ(snmp(tool, {SNMPD, base.substr(0, base.size() - 1)}).vars.size(), 264U) << tool;
     }
@@ -129,7 +159,7 @@ TEST_F(World, BoardsServeTheirColumnsAndSendTraps)
         chassis_start(&w, "", R"("board": {},)");
         const std::string slot = base + "3.1.1.1.1";
         EXPECT_TRUE(wait_for([&] { return get(slot) == "INTEGER: 1"; }));
-        expect_columns(&w, base);
+        expect_columns(&w, base, board);
         const std::string others = notify(1, 77, 4) + notify(1, 77, 4, "abc") +
                                    notify(1, 77, 4, "abcde") +
                                    notify(1, 77, 4, std::string(13, 'x'));

@@ -122,6 +122,15 @@ std::string run(const words_t& command)
     return read_file(proc.output) + read_file(proc.log);
 }
 
+words_t knowing(const std::string& module)
+{
+    const std::string top = TPG_SOURCE_DIR;
+    const std::string build = fs::path(TPG_BIN).parent_path();
+    return {"env", "MIBS=" + module + ":SNMPv2-MIB",
+            "MIBDIRS=" + std::string(MODULES) + ":" + top + "/doc/mibs:" + build +
+                "/installed/mibs:" + top + "/scripts/demo/mibs"};
+}
+
 /* --- partners --- */
 
 void snmpd_start(world_t* world)

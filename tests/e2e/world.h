@@ -42,6 +42,7 @@ struct snmp_t {
 constexpr int SECONDS = 20; /* patience for whatever must happen */
 constexpr char CARDS[] = "/tmp/cards";
 constexpr char BUILT_IN[] = "/var/built_in_jsonmib";
+constexpr char MODULES[] = "/tmp/mibs";
 constexpr char FLASH[] = "/mnt/flash0/cards";
 constexpr char SNMPD[] = "udp:127.0.0.1:1161";
 
@@ -53,6 +54,8 @@ int proc_end(proc_t* proc, int signal_no = SIGTERM);
 bool running(const proc_t& proc);
 /* Runs a program to its end; returns both of its outputs. */
 std::string run(const words_t& command);
+/* In front of a command line tool: what lets it know a MIB module of MODULES or of a board. */
+words_t knowing(const std::string& module);
 
 /* The master agent. */
 void snmpd_start(world_t* world);
