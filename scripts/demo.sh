@@ -24,7 +24,7 @@ cd "$top"
 echo "demo: building (build/demo-build.log)"
 mkdir -p build
 if ! { cmake --preset release &&
-	cmake --build --preset release --parallel "$(nproc)" --target tpg tpg-chassis; } \
+	cmake --build --preset release --parallel "$(nproc)" --target tpg tpg-chassis tpg-jsonmib; } \
 	</dev/null >build/demo-build.log 2>&1; then
 	tail -n 20 build/demo-build.log >&2
 	echo "demo: step failed: build" >&2

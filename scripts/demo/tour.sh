@@ -195,6 +195,27 @@ board_tables() {
 	expect '4\.5 = STRING: "line2' '4\.12 = STRING: "psu4'
 }
 
+names() {
+	step "Names instead of numbers" \
+		"A MIB module made from the card's document: tables, writes and traps go by the document's names."
+	mkdir -p /tmp/mibs
+	typed "tpg-jsonmib mib $examples/line2.json >/tmp/mibs/LINE2-MIB.txt"
+	"$top/build/tpg-jsonmib" mib "$examples/line2.json" >/tmp/mibs/LINE2-MIB.txt || fail "no module"
+	show by_name snmptable -v2c -c public -t 8 -r 0 -Ci -Cw 76 "$address" linePortTable
+	expect 'linePortSpeed' 'linePortLabel' '"to the roof"'
+	show by_name snmpset -v2c -c private -t 8 -r 0 "$address" lineAlarmSendTrap.2.7 = on
+	expect 'LINE2-MIB::lineAlarmSendTrap\.2\.7 = INTEGER: on\(2\)'
+	by_name snmptrapd -f -n -Lf /tmp/named.log -C -c /tmp/snmptrapd.conf -F '%v\n' \
+		"udp:${address%:*}:1163" &
+	wait_for grep -qs 'NET-SNMP version' /tmp/named.log || fail "the second receiver does not start"
+	show chassis fault 7 200 1 0 1 "laser too hot again"
+	wait_for grep -q 'hot again' /tmp/named.log || fail "no trap arrived"
+	tail -n 1 /tmp/named.log | tr '\t' '\n' >"$shown"
+	sed 's/^/     /' "$shown"
+	expect 'OID: LINE2-MIB::lineAlarmRow2$' 'LINE2-MIB::line2Slot\.7 = INTEGER: 7' \
+		'LINE2-MIB::line2Text1\.2\.7 = STRING: "laser too hot again"'
+}
+
 open_shell() {
 	# A failing command of the reader's is no failure of the demo.
 	bash --rcfile "$top/scripts/demo/shell.rc" -i
@@ -209,6 +230,7 @@ fault_trap
 silent_fault
 card_leaves
 board_tables
+names
 printf '\ndemo: all %d steps showed what they say\n' "$step"
 [ "${1:-}" != --shell ] || open_shell
 exit 0

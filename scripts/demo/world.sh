@@ -41,6 +41,11 @@ wants() {
 	return 1
 }
 
+# by_name COMMAND...: with the cards' module in /tmp/mibs, beside what it builds on.
+by_name() {
+	MIBS=LINE2-MIB MIBDIRS=/tmp/mibs:$top/scripts/demo/mibs "$@"
+}
+
 walk() { # OID
 	wants 1 OID "$@" && snmpbulkwalk -v2c -c public -On -t 8 -r 0 "$address" "$(whole "$1")"
 }
@@ -98,6 +103,7 @@ start_master() {
 		rocommunity public
 		rwcommunity private
 		trap2sink 127.0.0.1:1162 public
+		trap2sink 127.0.0.1:1163 public
 	END
 	echo "authCommunity log public" >/tmp/snmptrapd.conf
 	snmptrapd -f -n -On -Lf "$traps" -C -c /tmp/snmptrapd.conf udp:127.0.0.1:1162 &

@@ -116,6 +116,8 @@ grep -q '32473\.2\.10\.1\.1\.4\.1\.5 = STRING: "uplink"' /tmp/walked.log || fail
 grep -q '32473\.3\.10\.1\.1\.3\.1\.1\.12 = INTEGER: 12000' /tmp/walked.log || fail "no supply"
 block 5 >&9
 wait_for grep -qs '32473\.2\.0\.3.*laser too hot' /tmp/traps
+as_user bash -ec "$(block 6)" >/tmp/named.log 2>&1 || fail "block 6: $(cat /tmp/named.log)"
+grep -q linePortLabel /tmp/named.log && grep -q uplink /tmp/named.log || fail "no table by names"
 
 # The author's page, by a user whose files the agent does not own.
 if command -v gcc >/dev/null; then
