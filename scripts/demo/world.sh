@@ -43,7 +43,7 @@ wants() {
 
 # by_name COMMAND...: with the cards' module in /tmp/mibs, beside what it builds on.
 by_name() {
-	MIBS=LINE2-MIB MIBDIRS=/tmp/mibs:$top/scripts/demo/mibs "$@"
+	MIBS=LINE2-MIB:SNMPv2-MIB MIBDIRS=/tmp/mibs:$top/scripts/demo/mibs "$@"
 }
 
 walk() { # OID
