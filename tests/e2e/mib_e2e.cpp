@@ -11,6 +11,66 @@ static const std::string TRAPS =
     R"("enterprise_oid": [1,3,6,1,4,1,32473,7], "instslot_oid": [1,3,6,1,4,1,32473,7,1],)";
 static const std::string INDEX = R"("read_only": true, "table_index": true)";
 
+struct column_t {
+    int var, type, lo, hi;
+    std::string more = {}; /* further members */
+};
+struct table_t {
+    std::string name, oid; /* with dots */
+    std::vector<std::pair<int, int>> indexes;
+    std::vector<column_t> columns;
+    std::string more = {};
+};
+
+static std::string list(const words_t& elements)
+{
+    std::string text;
+    for (const std::string& element : elements) {
+        text += (text.empty() ? "" : ",") + element;
+    }
+    return "[" + text + "]";
+}
+
+static std::string with(const std::string& more)
+{
+    return (more.empty() ? "" : ",") + more + "}";
+}
+
+static std::string range(int low, int high)
+{
+    return R"("range0":)" + std::to_string(low) + R"(,"range1":)" + std::to_string(high);
+}
+
+static std::string tables_text(const std::vector<table_t>& tables)
+{
+    words_t texts;
+    for (const table_t& table : tables) {
+        words_t indexes, columns;
+        std::string arcs = table.oid;
+        std::ranges::replace(arcs, '.', ',');
+        for (const auto& [low, high] : table.indexes) {
+            indexes.push_back("{" + range(low, high) + "}");
+        }
+        for (const column_t& column : table.columns) {
+            columns.push_back(R"({"var_id":)" + std::to_string(column.var) + R"(,"type":)" +
+                              std::to_string(column.type) + "," + range(column.lo, column.hi) +
+                              with(column.more));
+        }
+        texts.push_back(R"({"name":")" + table.name + R"(","oid":[)" + arcs +
+                        R"(],"index_array":)" + list(indexes) + R"(,"param_array":)" +
+                        list(columns) + with(table.more));
+    }
+    return list(texts);
+}
+
+/* head: members in front, each with a comma behind it. */
+static std::string written(const std::vector<table_t>& gen, const std::vector<table_t>& fault = {},
+                           const std::string& head = "")
+{
+    return "{" + head + R"("gen_table_array":)" + tables_text(gen) + R"(,"fault_table_array":)" +
+           tables_text(fault) + "}";
+}
+
 struct made_t {
     int status;
     std::string text, log;
@@ -60,7 +120,7 @@ static std::string names_document(const std::string& names)
                           {{1, 4}},
                           {{5, 1, 0, 9, named(name)}, {6, 1, 0, 9, named("v")}}});
     }
-    return document(tables, {}, TRAPS);
+    return written(tables, {}, TRAPS);
 }
 
 static std::string many_tables()
@@ -93,40 +153,40 @@ TEST_F(World, ModulesHaveNothingWrongInThem)
          {"twoWordsTableOBJECT-TYPE", "Inthedocument:'gr\\u00F6\\u00DFe'",
           "integer32Integer32OBJECT-TYPE"}},
         {many_tables(), {"::={cardNode10300}"}},
-        {document({{"all", FAM + ".1", {{1, 4}}, COLUMNS},
-                   {"none", FAM + ".2", {}, {{1, 1, 0, 9, INDEX}, {2, 1, 0, 0}}},
-                   {"hidden", FAM + ".3", {{3, 9}, {2, 2}}, {{1, 1, 0, 0}}},
-                   {"five", FAM + ".4", {{1, 2}, {1, 2}, {0, 2}, {1, 2}, {1, 2}}, COLUMNS},
-                   {"odd", FAM + ".5", {{5, 2}}, {{1, 3, 0, 0}}}}),
+        {written({{"all", FAM + ".1", {{1, 4}}, COLUMNS},
+                  {"none", FAM + ".2", {}, {{1, 1, 0, 9, INDEX}, {2, 1, 0, 0}}},
+                  {"hidden", FAM + ".3", {{3, 9}, {2, 2}}, {{1, 1, 0, 0}}},
+                  {"five", FAM + ".4", {{1, 2}, {1, 2}, {0, 2}, {1, 2}, {1, 2}}, COLUMNS},
+                  {"odd", FAM + ".5", {{5, 2}}, {{1, 3, 0, 0}}}}),
          {"OCTETSTRING(SIZE(0..255))MAX-ACCESSread-write", "Integer32(1..3)MAX-ACCESSread-write",
           "hiddenIndex1OBJECT-TYPESYNTAXInteger32(3..9)MAX-ACCESSnot-accessible",
           "INDEX{hiddenIndex1,hiddenIndex2,hiddenSlot}", "oddIndex1OBJECT-TYPESYNTAXInteger32(5)"}},
-        {document({{"a", "1.3.111.2.1", {}, COLUMNS},
-                   {"b", "2.16.840.1", {}, COLUMNS},
-                   {"c", "1.3.6.1.2.1.99.1", {}, COLUMNS},
-                   {"d", "1.3.6.1.3.5", {}, COLUMNS}}),
+        {written({{"a", "1.3.111.2.1", {}, COLUMNS},
+                  {"b", "2.16.840.1", {}, COLUMNS},
+                  {"c", "1.3.6.1.2.1.99.1", {}, COLUMNS},
+                  {"d", "1.3.6.1.3.5", {}, COLUMNS}}),
          {"bTableOBJECT-TYPE", "{joint-iso-ccitt16}"}},
-        {document({{"inner", FAM + ".9.1.2.7.1", {}, COLUMNS},
-                   {"outer", FAM + ".9", {}, COLUMNS},
-                   {"lost", FAM + ".9.1.2.7.1.5", {}, COLUMNS}}),
+        {written({{"inner", FAM + ".9.1.2.7.1", {}, COLUMNS},
+                  {"outer", FAM + ".9", {}, COLUMNS},
+                  {"lost", FAM + ".9.1.2.7.1.5", {}, COLUMNS}}),
          {"innerTableOBJECT-TYPE", "Leftout:table'lost'"}},
-        {document({},
-                  {{"one",
-                    FAM + ".2",
-                    {{1, 4}},
-                    FAULTS,
-                    fault_table(R"("specific_start": 0, "index_ofs_1": 2)")},
-                   {"two",
-                    FAM + ".3",
-                    {{1, 2}, {1, 3}},
-                    FAULTS,
-                    fault_table(R"("specific_start": 20, "index_ofs_1": 3, "index_ofs_2": 1)")},
-                   {"wide",
-                    FAM + ".4",
-                    {{1, 4000}},
-                    FAULTS,
-                    fault_table(R"("specific_start": 100, "index_ofs_1": 2)")}},
-                  TRAPS + R"("trap_var_bindings": [{"oid": [1,3,6,1,4,1,32473,7,2,1,4],
+        {written({},
+                 {{"one",
+                   FAM + ".2",
+                   {{1, 4}},
+                   FAULTS,
+                   fault_table(R"("specific_start": 0, "index_ofs_1": 2)")},
+                  {"two",
+                   FAM + ".3",
+                   {{1, 2}, {1, 3}},
+                   FAULTS,
+                   fault_table(R"("specific_start": 20, "index_ofs_1": 3, "index_ofs_2": 1)")},
+                  {"wide",
+                   FAM + ".4",
+                   {{1, 4000}},
+                   FAULTS,
+                   fault_table(R"("specific_start": 100, "index_ofs_1": 2)")}},
+                 TRAPS + R"("trap_var_bindings": [{"oid": [1,3,6,1,4,1,32473,7,2,1,4],
                              "specific": "7-9"}],)"),
          {"oneRow4Plus1NOTIFICATION-TYPEOBJECTS{cardSlot", "::={cardTraps7}", "{cardTraps25}",
           "twoRow2x3NOTIFICATION-TYPE", "wideOffset1NOTIFICATION-TYPE", "{cardTraps9}",
@@ -149,14 +209,14 @@ TEST_F(World, ModulesHaveNothingWrongInThem)
 
 TEST_F(World, NoModuleIsMadeOfWhatTheAgentRefuses)
 {
-    const std::string good = document({{"t", FAM + ".1", {}, COLUMNS}});
+    const std::string good = written({{"t", FAM + ".1", {}, COLUMNS}});
     const struct {
         std::string document, option;
         int status;
         std::string said;
     } cases[] = {{"{", "--module=A", 1, "json_tokener_parse_ex failed"},
-                 {document({{"t", FAM + ".1", {}, {}}}), "--module=A", 1, "param arraylen is zero"},
-                 {document({{"t", FAM, {}, COLUMNS}, {"u", FAM, {}, COLUMNS}}), "--module=A", 1,
+                 {written({{"t", FAM + ".1", {}, {}}}), "--module=A", 1, "param arraylen is zero"},
+                 {written({{"t", FAM, {}, COLUMNS}, {"u", FAM, {}, COLUMNS}}), "--module=A", 1,
                   "netsnmp_register_table_iterator failed"},
                  {"{}", "--module=A", 1, "no OID at which a module could stand"},
                  {good, "--module=a-", 2, "a module's name has"}};
