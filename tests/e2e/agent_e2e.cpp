@@ -125,6 +125,13 @@ TEST_F(World, OptionsSwitchTracesOn)
                   "\nDebug tokens total=8\nkk=0, a\nkk=1, b\nkk=2, c\nkk=3, d\nkk=4, e\n"
                   "kk=5, readcb\nkk=6, " +
                   std::string(31, 'x') + "\nkk=7, h\n");
+    /* What has come of an incomplete payload is overwritten by what comes next. */
+    const std::string whole = bytes_of(card(4));
+    const int slow = client_connect();
+    client_send(slow, whole.substr(0, 100));
+    EXPECT_TRUE(log_has(w, "Not enough payload, break"));
+    client_send(slow, whole.substr(sizeof(com_msg_head_t)));
+    EXPECT_TRUE(log_has(w, "Same/older version 1.1.0 on slot 4"));
 }
 
 /* What the iterator's callbacks say of their way to a row: of each step one letter, or the value.

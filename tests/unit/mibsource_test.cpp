@@ -80,7 +80,7 @@ TEST_F(mibsource, sections)
     }
 }
 
-TEST_F(mibsource, a_tool_that_fails_is_spoken_of)
+TEST_F(mibsource, tools_that_fail_are_spoken_of)
 {
     write_file("/tmp/card/objdump", "#!/bin/sh\nexit 3\n", 0700);
     uint32_t offset = 1, length = 1;
@@ -89,6 +89,11 @@ TEST_F(mibsource, a_tool_that_fails_is_spoken_of)
               }),
               "-1 Warn command objdump -h " + LIBRARY + " > /dev/null ended with exit status 3\n"
               "Info Empty jsonmib symbol file.\n");
+    write_file("/tmp/card/objdump", "#!/bin/sh\necho '4020 l     O .data\t00 jsonmib_prod'\n", 0700);
+    EXPECT_EQ(outcome_of([&] {
+                  return tpg_get_jsonmib_string(ctx.get(), &card, &offset, &length);
+              }),
+              "-1 Error parser error: missing offset or length!\n");
 }
 
 TEST_F(mibsource, links_are_not_followed)

@@ -55,7 +55,7 @@ int tpg_preload_send_trap_storage(tpg_context_t* ctx, tpg_jsonmib_register_info_
     const tpg_log_slot_t served = tpg_log_serve(ctx, slot); /* not always that of the newcomer */
     TPG_INFO(ctx, "%s(%d): enter", __func__, slot);
     const tpg_jsonmib_register_info_t* master = jsonmib_reginfo->actual_reginfo;
-    if (master == nullptr) {
+    if (master == nullptr) { /* the registry preloads slots that have one only */
         TPG_INFO(ctx, "%s(%d):....No master", __func__, slot);
         return -1;
     }
@@ -71,7 +71,7 @@ int tpg_preload_send_trap_storage(tpg_context_t* ctx, tpg_jsonmib_register_info_
     }
     for (uint32_t i = 0; i < master->fault_table_reginfo_sum; i++) {
         jsonmib_table_info_t* table = master->fault_json_table[i];
-        if (table == nullptr) {
+        if (table == nullptr) { /* a guard: whatever is registered has its record */
             TPG_ERROR(ctx, "%s(%d): no jsonmib_table,check!!!", __func__, slot);
             continue;
         }

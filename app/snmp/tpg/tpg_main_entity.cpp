@@ -278,14 +278,6 @@ static void send_config_change(int fd, short what, void* arg)
     }
 }
 
-void tpg_entity_release(tpg_context_t* ctx)
-{
-    if (ctx->entity.timer != nullptr) {
-        event_free(ctx->entity.timer);
-        ctx->entity.timer = nullptr;
-    }
-}
-
 /* ---- requests ---- */
 
 static int table_handler(netsnmp_mib_handler* handler, netsnmp_handler_registration* reginfo,

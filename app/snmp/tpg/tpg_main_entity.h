@@ -19,7 +19,4 @@ void tpg_entity_init(tpg_context_t* ctx);
  * of it, at most every 5 s. */
 void tpg_entity_update(tpg_context_t* ctx);
 
-/* Lets go of the inventory's timer. */
-void tpg_entity_release(tpg_context_t* ctx);
-
 #endif

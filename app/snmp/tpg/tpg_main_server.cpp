@@ -495,6 +495,7 @@ static bool read_message(tpg_context_t* ctx, tpg_ipc_clnt_t* client)
     step_t step = step_t::again;
     while (step == step_t::again) {
         if (reader->state != TPG_READ_HEADER && reader->state != TPG_READ_PAYLOAD) {
+            /* Nothing sets another state; if memory is damaged, framing begins anew. */
             reader->state = TPG_READ_HEADER;
             reader->rd_idx = 0;
             reader->wr_idx = 0;
@@ -615,7 +616,7 @@ static const message_t* message_of(uint16_t type)
 static void dispatch(tpg_context_t* ctx, tpg_ipc_clnt_t* client, const com_msg_head_t* head)
 {
     const message_t* message = message_of(head->usMsgType);
-    if (message == nullptr) {
+    if (message == nullptr) { /* a safety net: the header has been checked */
         TPG_WARN(ctx, "getset: invalid msg_type %d", head->usMsgType);
     } else if (head->usMsgLen < message->least) {
         TPG_ERROR(ctx, "refused a %s of %u bytes, expected %zu", message->name, head->usMsgLen,
@@ -732,7 +733,7 @@ static void carry_out_update(tpg_context_t* ctx, tpg_msg_libmib_update_t* messag
             jsonmib_queue_disconnect(ctx, slot);
         }
         break; /* the end of the connection withdraws its first slot once more */
-    default:
+    default:   /* a safety net: no other type is dispatched to here */
         TPG_WARN(ctx, "invalid msg type %d", message->head.usMsgType);
         break;
     }
