@@ -146,6 +146,15 @@ TEST_F(Control, TellsHungDeadAndSlowCardsApart)
 TEST_F(Control, DoesWhatItIsTold)
 {
     EXPECT_EQ(ctl({"status"}), "3 tpgctl: no agent is running\n");
+    const int mute = unix_socket(TPG_CTL_PATH, true);
+    proc_t asking = proc_start("tpgctl", runner() + words_t{TPGCTL_BIN, "status"});
+    const int asked_here = accept(mute, nullptr, nullptr);
+    char question[64];
+    EXPECT_GT(recv(asked_here, question, sizeof(question), 0), 0);
+    close(asked_here);
+    EXPECT_EQ(proc_end(&asking, 0), 3);
+    close(mute);
+    remove(TPG_CTL_PATH);
     const int fd = start({3});
     EXPECT_EQ(ctl({"log", "debug"}) + ctl({"trace", "readcb,trap"}), "");
     EXPECT_TRUE(log_has(w, "log level 7, it was 6"));

@@ -25,12 +25,13 @@ TEST_F(World, ReadsEveryKindOfColumn)
 {
     demo_start(&w, played_card(1, "demo", "DEMO") + "," +
                        played_card(5, "demo", "DEMO", R"(, "values": {"102": 3, "103": 0,
-        "104:1": "up link", "105": "other", "106": -7, "122": 42, "130": -3})"));
+        "104:1": "up link", "105": "other", "106": -2147483648, "122": 42, "130": -3})"));
     requests(&w, 5);
     EXPECT_EQ(gets(PORT, "1.2.5 2.2.5"), "INTEGER: 2, INTEGER: 5");
     EXPECT_EQ(requests(&w, 5), "");
-    EXPECT_EQ(gets(PORT, "3.1.5 4.4.5 5.2.5 6.1.5 7.1.5"),
-              R"(INTEGER: 3, INTEGER: 1, STRING: "up link", STRING: "other", INTEGER: -7)");
+    EXPECT_EQ(
+        gets(PORT, "3.1.5 4.4.5 5.2.5 6.1.5 7.1.5"),
+        R"(INTEGER: 3, INTEGER: 1, STRING: "up link", STRING: "other", INTEGER: -2147483648)");
     EXPECT_EQ(gets(CARD, ".10.2.1.3.2.3.5 .10.3.1.1.5"), "INTEGER: 42, INTEGER: -3");
     EXPECT_EQ(requests(&w, 5), "get var=102 index=0 length=4\nget var=103 index=3 length=4\n"
                                "get var=104 index=1 length=32\nget var=105 index=0 length=32\n"
@@ -50,6 +51,7 @@ TEST_F(World, ReadsEveryKindOfColumn)
         ASSERT_EQ(behind.vars.size(), 1U) << behind.error;
         EXPECT_EQ(behind.vars[0].oid, "." + GRID + next) << asked;
     }
+    EXPECT_TRUE(chassis(&w, "set 5 104 0 \"open").starts_with("error"));
     EXPECT_EQ(chassis(&w, "refuse 5 -9"), "ok refuse 5");
     EXPECT_EQ(gets(PORT, "3.1.5 5.2.5"), "genError, genError");
 }

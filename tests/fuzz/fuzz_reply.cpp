@@ -8,6 +8,7 @@
 
 #include <deque>
 #include <fcntl.h>
+#include <utility>
 
 constexpr uint32_t SLOT = 2;
 
