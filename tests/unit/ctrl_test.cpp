@@ -3,6 +3,7 @@
 #include "../support/daemon.h"
 #include "tpg_jsonmib_late.h"
 #include "tpg_jsonmib_queue.h"
+#include "tpg_jsonmib_wait.h"
 #include "unit.h"
 
 #include <deque>

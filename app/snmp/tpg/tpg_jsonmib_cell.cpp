@@ -1,6 +1,7 @@
 #include "tpg_jsonmib_cell.h"
 
 #include "tpg_jsonmib_queue.h"
+#include "tpg_jsonmib_wait.h"
 #include "tpg_log.h"
 #include "uevgend_msg_i.h"
 

@@ -42,7 +42,6 @@ static int64_t limit_of(const jsonmib_queue_t*, const jsonmib_exchange_t*);
 static int64_t flight_end(const jsonmib_queue_t*);
 static int64_t next_deadline(const jsonmib_queue_t*);
 static void arm(tpg_context_t*, uint32_t);
-static int run_in_place(tpg_context_t*, jsonmib_exchange_t*);
 
 constexpr int64_t SECOND_US = 1000000;
 constexpr int64_t REPLY_US = 5 * SECOND_US;  /* a daemon has for its reply, or for more of it */
@@ -51,7 +50,6 @@ constexpr int64_t QUICK_US = 500;            /* a reply that is worth waiting fo
 constexpr long SHORT_WAIT_US = 100;          /* for such a reply */
 constexpr int64_t CONNECT_RETRY_US = 10000;  /* between attempts while the backlog is full */
 constexpr int64_t WALK_RETRY_US = SECOND_US; /* between a walk's attempts at an unreadable slot */
-constexpr int64_t IN_CALLBACK_US = SECOND_US / 4; /* where the event loop stands still meanwhile */
 constexpr int64_t NEVER = INT64_MAX;
 static_assert(sizeof(jsonmib_queue_t::head) == UEVGEND_DATA_OFS);
 
@@ -624,6 +622,17 @@ static void give_up_slot(tpg_context_t* ctx, uint32_t slot_no, const char* why)
     }
 }
 
+void jsonmib_queue_abandon(tpg_context_t* ctx, jsonmib_exchange_t* exchange)
+{
+    jsonmib_queue_t* queue = queue_of(ctx, exchange->slot_no);
+    if (queue->owner == exchange) {
+        queue->owner = nullptr;
+    } else {
+        take_out(queue, exchange);
+    }
+    complete(ctx, exchange, JSONMIB_CTRL_TRANSPORT);
+}
+
 void jsonmib_queue_fail_all(tpg_context_t* ctx)
 {
     for (uint32_t slot_no = 1; slot_no <= TPG_SLOT_MAX; slot_no++) {
@@ -717,92 +726,4 @@ uint32_t jsonmib_queue_unreadable(const tpg_context_t* ctx)
         }
     }
     return slots;
-}
-
-/* ---- in place ---- */
-
-int jsonmib_ctrl_get(tpg_context_t* ctx, uint32_t slot_no, uint32_t var_id, uint32_t index,
-                     void* data, uint32_t length)
-{
-    uint8_t fixed[UEVGEND_DATA_FIXED];
-    tpg_heap_bytes large;
-    uint8_t* value = fixed;
-    if (length > UEVGEND_DATA_FIXED) {
-        large.reset(static_cast<uint8_t*>(calloc(1, length)));
-        if (large == nullptr) {
-            TPG_ERROR(ctx, "jsonmib_ctrl_get calloc failed, %s", strerror(errno));
-            return JSONMIB_CTRL_NOMEM;
-        }
-        value = large.get();
-    }
-    jsonmib_exchange_t exchange = {};
-    exchange.slot_no = slot_no;
-    exchange.asked = {UEVGEND_MSG_GET, var_id, index, jsonmib_ctrl_get_reply_len(length)};
-    exchange.length = length;
-    exchange.value = value;
-    memset(data, 0, length);
-    const int result = run_in_place(ctx, &exchange);
-    if (result == 0) {
-        memcpy(data, value, length);
-    }
-    return result;
-}
-
-int jsonmib_ctrl_set(tpg_context_t* ctx, uint32_t slot_no, uint32_t var_id, uint32_t index,
-                     const void* data, uint32_t length)
-{
-    jsonmib_exchange_t exchange = {};
-    exchange.slot_no = slot_no;
-    exchange.asked = {UEVGEND_MSG_SET, var_id, index, sizeof(uevgend_set_reply_msg_t)};
-    exchange.length = length;
-    exchange.written = data;
-    return run_in_place(ctx, &exchange);
-}
-
-/* Nobody waits for the exchange any more. */
-static void abandon(tpg_context_t* ctx, jsonmib_exchange_t* exchange)
-{
-    jsonmib_queue_t* queue = queue_of(ctx, exchange->slot_no);
-    if (queue->owner == exchange) {
-        queue->owner = nullptr;
-    } else {
-        take_out(queue, exchange);
-    }
-    complete(ctx, exchange, JSONMIB_CTRL_TRANSPORT);
-}
-
-/* One turn of the event loop; false when it is to end, and that it must not forget. */
-static bool loop_goes_on(tpg_context_t* ctx)
-{
-    if (event_base_got_break(ctx->levent_base) != 0) {
-        return false;
-    }
-    const tpg_log_slot_t served = tpg_log_serve(ctx, 0); /* whoever comes */
-    tpg_log_before_turn(ctx);
-    ctx->jsonmib_later.loop_busy = true;
-    const int ended = event_base_loop(ctx->levent_base, EVLOOP_ONCE);
-    ctx->jsonmib_later.loop_busy = false;
-    return ended == 0 && event_base_got_break(ctx->levent_base) == 0;
-}
-
-/*
- * The event loop goes on, but for requests of the master and changes of the
- * registry, which wait. Where it cannot, in a callback of its own, only the
- * daemons are served, and not for long.
- */
-static int run_in_place(tpg_context_t* ctx, jsonmib_exchange_t* exchange)
-{
-    jsonmib_later_t* later = &ctx->jsonmib_later;
-    exchange->born = jsonmib_now() - (later->loop_busy ? JSONMIB_CELL_US - IN_CALLBACK_US : 0);
-    jsonmib_queue_start(ctx, exchange);
-    later->waiting++;
-    while (!exchange->done) {
-        if (ctx->levent_base == nullptr || later->loop_busy) {
-            jsonmib_queue_drive(ctx, NEVER);
-        } else if (!loop_goes_on(ctx) && !exchange->done) {
-            abandon(ctx, exchange);
-        }
-    }
-    later->waiting--;
-    return exchange->result;
 }

@@ -4,7 +4,7 @@
 /*
  * Exchanges with the slots' daemons: per slot one is out and the others wait,
  * all slots side by side. Nothing here waits for a daemon but
- * jsonmib_ctrl_get, jsonmib_ctrl_set and jsonmib_queue_drive.
+ * jsonmib_queue_drive.
  */
 
 #include "tpg_jsonmib_ctrl.h"
@@ -18,6 +18,9 @@ int64_t jsonmib_now();
  * record, and what it points to, stay in place until then.
  */
 bool jsonmib_queue_start(tpg_context_t* ctx, jsonmib_exchange_t* exchange);
+
+/* Completes an exchange that was started as failed: nobody waits for it any more. */
+void jsonmib_queue_abandon(tpg_context_t* ctx, jsonmib_exchange_t* exchange);
 
 /* True while some exchange's owner waits for it. */
 bool jsonmib_queue_busy(const tpg_context_t* ctx);
@@ -42,18 +45,5 @@ uint32_t jsonmib_queue_unreadable(const tpg_context_t* ctx);
 
 /* Fails what waits, and lets go of all connections and timers. */
 void jsonmib_queue_release(tpg_context_t* ctx);
-
-/*
- * Asks the slot's daemon for a variable and waits for the answer; the other
- * slots are served meanwhile. data (length bytes) is zeroed, and filled only on
- * success. Returns the daemon's code (0 is success), JSONMIB_CTRL_NOMEM or
- * JSONMIB_CTRL_TRANSPORT.
- */
-int jsonmib_ctrl_get(tpg_context_t* ctx, uint32_t slot_no, uint32_t var_id, uint32_t index,
-                     void* data, uint32_t length);
-
-/* Writes length bytes of data to a variable; the rest as for jsonmib_ctrl_get. */
-int jsonmib_ctrl_set(tpg_context_t* ctx, uint32_t slot_no, uint32_t var_id, uint32_t index,
-                     const void* data, uint32_t length);
 
 #endif

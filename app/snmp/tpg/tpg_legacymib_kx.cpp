@@ -1,7 +1,7 @@
 #include "tpg_legacymib_kx.h"
 
 #include "tpg_jsonmib_cell.h"
-#include "tpg_jsonmib_queue.h"
+#include "tpg_jsonmib_wait.h"
 #include "tpg_log.h"
 #include "uevgend_msg_i.h"
 
@@ -592,16 +592,12 @@ static int legacymib_set_integer(legacymib_var_map_t var, uint32_t index,
 static bool legacymib_written_integer(const legacymib_write_t& write, uint32_t* integer)
 {
     long wide = 0;
-    if (write.val_len == sizeof(wide)) {
-        memcpy(&wide, write.val, sizeof(wide));
-        *integer = static_cast<uint32_t>(wide);
-        return true;
+    if (write.val_len != sizeof(wide)) {
+        return false;
     }
-    if (write.val_len == sizeof(*integer)) {
-        memcpy(integer, write.val, sizeof(*integer));
-        return true;
-    }
-    return false;
+    memcpy(&wide, write.val, sizeof(wide));
+    *integer = static_cast<uint32_t>(wide);
+    return true;
 }
 
 static int legacymib_set_string(legacymib_var_map_t var, uint32_t index,
