@@ -184,6 +184,8 @@ static std::pair<int, int> answer(int mode)
 
 TEST(jsonmib, a_withdrawn_table_leaves_a_tombstone)
 {
+    /* Whoever adds a version has seen these tests pass with the sanitizers and on the board. */
+    EXPECT_TRUE(has("," TPG_NETSNMP_SHOWN ",", "," + std::string(netsnmp_get_version()) + ","));
     card_t card;
     card.loaded(tables(table("21") + "," + table("22")));
     netsnmp_handler_registration* registration = found({21});

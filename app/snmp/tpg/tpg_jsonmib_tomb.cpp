@@ -1,3 +1,21 @@
+/*
+ * All functions called here are the library's public ones, but none of those
+ * joins what is left of a root when a table goes. For that this file changes the
+ * library's tree of registrations itself, and relies on how it is kept:
+ *
+ * - The tree is one list of subtrees, next and prev, in the order of their
+ *   starts; where several begin at one place they hang on the first by children,
+ *   the longest name first, and prev is the same for all of them.
+ * - A subtree owns name_a, start_a, end_a, label_a and its registration; oid_off
+ *   is how far its start is the same as that of the one before.
+ * - The roots 0, 1 and 2 are registered with netsnmp_null_handler, and are
+ *   split, each piece with a registration of its own, but never joined.
+ * - Registering puts one handler in front of a chain, which may be replaced
+ *   behind it.
+ * - The cache of look-ups holds subtrees, and is empty while its size is 0.
+ *
+ * The build refuses versions of the library on which this was not shown.
+ */
 #include "tpg_jsonmib_tomb.h"
 
 #include "tpg_jsonmib_cell.h"
