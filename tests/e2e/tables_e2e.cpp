@@ -81,6 +81,8 @@ TEST_F(World, ChecksAndWritesEveryKindOfColumn)
         {{PORT + "5.2.5", "s", "ab"}, "set var=104 index=1 length=2 data=6162"},
         /* no number, no text: unchecked */
         {{PORT + "6.1.5", "a", "1.2.3.4"}, "set var=105 index=0 length=4 data=01020304"},
+        {{CARD + ".11.1.1.1.2.5", "i", "0"}, "set var=200 index=1 length=4 data=ffffffff"},
+        {{CARD + ".11.1.1.3.2.5", "s", "ab"}, "set var=201 index=1 length=2 data=6162"},
         {{UNIT + "2.5", "s", y300}, "set var=131 index=0 length=256 data=7979"},
     };
     requests(&w, 5);
@@ -95,6 +97,8 @@ TEST_F(World, ChecksAndWritesEveryKindOfColumn)
     EXPECT_EQ(set(PORT + "3.4.5", "i", "1"), "genError");
     EXPECT_EQ(set(PORT + "5.1.5", "s", "z"), "genError");
     EXPECT_TRUE(log_has(w, "hexval: 7a 00"));
+    EXPECT_EQ(set(CARD + ".11.1.1.3.2.5", "s", "zz"), "genError");
+    EXPECT_TRUE(log_has(w, "var_id 201, index 0x1, value zz"));
 }
 
 TEST_F(World, AnswersManyCellsInOnePdu)

@@ -80,6 +80,11 @@ top {'enterprise_oid':@128,'instslot_oid':@128} | 0 ok
 top {'enterprise_oid':@129} | -1 Error arraylen 129 > enterprise oid_max_len 128
 top {'trap_var_bindings':[7]} | 0 Warn Unknown json type 3 for trap bindings.
 top {'trap_var_bindings':[{'oid':@129}]} | 0 Error arraylen 129 > oid_max_len 128
+top {'trap_var_bindings':[{'x':[]}]} | 0 Error unknown key x for trap bindings object.
+top {'trap_var_bindings':[{'x':'y'}]} | 0 Warn unknown key x, value y for trap bindings object.
+top {'trap_var_bindings':[{'x':7}]} | 0 Warn Unknown json type 3 for trap bindings.
+top {'a':'b','c':7,'d':null} | 0 Warn unknown json type 0
+top {'x':[]} | 0 Warn unknown array key x
 top {'gen_table_array':[5]} | -1 Error gen_table_array[0] is of json type 3, expected 4 (object)
 top {'gen_table_array':[{'oid':[1,3]}]} | -1 Error Validation jsonmib_table failed! name[], oid0[1]
 gen ,'index_array':[[]] | -1 Error index_array[0] is of json type 5, expected 4 (object)
@@ -90,6 +95,12 @@ gen ,'index_array':[I,I,I,I,I],'oid':@121 | -1 Error table t1: an oid of 121 ele
 gen ,'oid':@128 | -1 Error table t1: an oid of 128 elements leaves no room for cells, at most 125
 gen ,'oid':[0,3] | -1 Error Validation jsonmib_table failed! name[t1], oid0[0], param_info[
 gen ,'name':'nnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnN!','oid':[0,3] | -1 Error Validation jsonmib_table failed! name[nnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnN], oid0[0]
+gen ,'oid':@129 | -1 Error arraylen 129 > oid_max_len 128
+gen ,'oid':[3,1] | -1 Error table t1: an oid cannot begin with 3
+gen ,'x':[],'y':7 | 0 Warn unknown json type 3
+gen ,'x':'y' | 0 Warn unknown key x, value y
+gen ,'index_array':[{'range0':1}] | -1 Error missing index pair, find 1
+gen ,'index_array':[{'x':1,'range0':1,'range1':2}] | 0 Warn unknown key x
 gen ,'param_array':[null] | -1 Error param_array[0] is of json type 0, expected 4 (object)
 columns  | -1 Error param arraylen is zero
 columns {'type':1,'var_id':5} | 0 Warn Fixing wrong range[0:0] for varid[5] in table t1.
@@ -97,6 +108,9 @@ columns {'type':2,'range0':5,'range1':1} | 0 Warn Fixing wrong range[5:1] for va
 columns {'type':1,'range0':-2,'range1':-1} | 0 ok
 columns {'type':1,'range0':5,'range1':1,'read_only':true} | 0 ok
 fault ,'trap_info':{'fault_present_var_id':5}},{'name':'t1','oid':[1,3,9],'param_array':[{'type':3}],'trap_info':{'fault_present_var_id':6} | 0 Warn 2 fault tables are named "t1": they share their stored switches
+fault ,'x':{} | -1 Warn unknown key x
+fault ,'trap_info':{'fault_present_var_id':'12'} | -1 Warn Unknown trap_info_type 6
+fault ,'trap_info':{'x':1} | -1 Warn Unknown trap_info_key x
 fault  | -1 Error Validation jsonmib_table failed! name[t1], oid0[1], param_info[
 )";
 

@@ -165,7 +165,7 @@ netsnmp_variable_list* jsonmib_table_get_first_data_point(void** loop_context, v
 /* What stepping one index position of a row came to. */
 enum class index_step {
     stepped, /* the row is complete */
-    carry,   /* the position starts over, or is a slot: the next position steps too */
+    carry,   /* the position starts over: the next one steps too */
     end,     /* no further row */
 };
 
@@ -185,7 +185,7 @@ static index_step step_instance(const jsonmib_table_info_t* jsonmib_table,
     }
     DEBUGMSGTL(("jsonmib", "found next instance index_value %d\n", next));
     set_index(index, next);
-    return index_step::carry;
+    return index_step::stepped;
 }
 
 static index_step step_range(const jsonmib_index_info_t* info, netsnmp_variable_list* index)
@@ -222,25 +222,16 @@ netsnmp_variable_list* jsonmib_table_get_next_data_point(void** loop_context, vo
         return nullptr;
     }
     netsnmp_variable_list* index = index_data;
-    bool row_complete = false;
-    for (size_t i = 0; i < jsonmib_table->index_used && index != nullptr;
+    index_step step = index_step::carry; /* the last position, the slot, does not start over */
+    for (size_t i = 0; step == index_step::carry && i < jsonmib_table->index_used;
          i++, index = index->next_variable) {
         debug_index(jsonmib_table, i, index);
         const jsonmib_index_info_t* info = used_index(jsonmib_table, i);
-        const bool is_slot = (info->flags & JSONMIB_INDEX_SLOT) != 0;
-        const index_step step =
-            is_slot ? step_instance(jsonmib_table, info, index) : step_range(info, index);
-        if (step == index_step::end) {
-            return row_missing(data_context);
-        }
-        if (step == index_step::stepped) {
-            row_complete = true;
-            break;
-        }
-        row_complete = is_slot;
+        step = (info->flags & JSONMIB_INDEX_SLOT) != 0 ? step_instance(jsonmib_table, info, index)
+                                                       : step_range(info, index);
     }
-    if (!row_complete) {
-        return row_missing(data_context); /* every position has started over */
+    if (step == index_step::end) {
+        return row_missing(data_context);
     }
     netsnmp_variable_list* row = row_found(jsonmib_table, data_context, index_data);
     DEBUGMSGTL(("jsonmib", "<<<Leaving jsonmib_table_get_next_data_point\n"));

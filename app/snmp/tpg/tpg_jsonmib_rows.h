@@ -27,7 +27,11 @@ netsnmp_variable_list* jsonmib_table_get_next_data_point(void** loop_context, vo
                                                          netsnmp_variable_list* index_data,
                                                          netsnmp_iterator_info* iterator_info);
 
-/* Releases the row context (a table request record) that a row step made. */
+/*
+ * Release the row context (a table request record) that a row step made. The
+ * second is the library's for contexts of a whole iteration: no step makes one,
+ * but whatever the library should hand in is released like the others.
+ */
 void jsonmib_table_free_data_context(void* data_context, netsnmp_iterator_info* iterator_info);
 void jsonmib_table_free_loop_context_at_end(void* loop_context,
                                             netsnmp_iterator_info* iterator_info);
