@@ -1,3 +1,4 @@
+/* The send-trap switches of a slot: document, file, and which of its copies is newest. */
 #include "tpg_db.h"
 
 #include "tpg_file.h"

@@ -1,3 +1,4 @@
+/* A card's document: read, checked, its members told apart; its tables out again. */
 #include "tpg_jsonmib.h"
 
 #include "tpg_db.h"

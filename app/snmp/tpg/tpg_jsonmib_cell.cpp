@@ -1,3 +1,4 @@
+/* What becomes of a cell whose card has been asked, and of the request that it belongs to. */
 #include "tpg_jsonmib_cell.h"
 
 #include "tpg_jsonmib_queue.h"

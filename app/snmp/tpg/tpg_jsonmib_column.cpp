@@ -1,3 +1,4 @@
+/* Columns: one row for each type, and what makes a fault state or a switch. */
 #include "tpg_jsonmib_column.h"
 
 #include "tpg_snmp.h"

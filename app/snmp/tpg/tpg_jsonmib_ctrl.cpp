@@ -1,3 +1,4 @@
+/* Bytes and messages between the agent and a slot's daemon. */
 #include "tpg_jsonmib_ctrl.h"
 
 #include "tpg_file.h"
@@ -22,7 +23,7 @@ static int ipc_connect_at_once(int, const sockaddr_un*);
 static void ipc_connect_failed(tpg_context_t*, uint32_t);
 static int ipc_ready(tpg_context_t*, uint32_t);
 static int ipc_wait_readable(tpg_context_t*, uint32_t);
-static void ipc_recv_failed(tpg_context_t*, uint32_t, uint32_t, uint32_t);
+static void ipc_recv_failed(tpg_context_t*, uint32_t slot_no, uint32_t length, uint32_t received);
 static void ctrl_fill_head(com_msg_head_t*, uint16_t, size_t);
 static int ctrl_send_get(tpg_context_t*, const jsonmib_exchange_t*);
 static int ctrl_send_set(tpg_context_t*, const jsonmib_exchange_t*);

@@ -55,7 +55,8 @@ int jsonmib_ipc_send(tpg_context_t* ctx, uint32_t slot_no, const void* buf, uint
 /*
  * Receives exactly length bytes; 0, or -1 (logged). The first byte may take
  * 5 s; after that time-out the connection is kept, after any other failure it
- * is closed. It waits: the agent's own requests go through the queue.
+ * is closed. It waits, and so the agent's own requests go through the queue:
+ * this is for whoever talks to a daemon without an event loop.
  */
 int jsonmib_ipc_recv(tpg_context_t* ctx, uint32_t slot_no, void* buf, uint32_t length);
 

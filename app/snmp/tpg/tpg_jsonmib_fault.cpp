@@ -1,3 +1,4 @@
+/* Columns of fault tables, and the send-trap switches. */
 #include "tpg_jsonmib_fault.h"
 
 #include "tpg_db.h"

@@ -1,3 +1,4 @@
+/* Columns of generic tables: what is asked, and what is logged without an answer. */
 #include "tpg_jsonmib_gen.h"
 
 #include "tpg_log.h"

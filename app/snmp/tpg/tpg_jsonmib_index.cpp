@@ -1,3 +1,4 @@
+/* The card's index of a row: made, taken apart, and as a position. */
 #include "tpg_jsonmib_index.h"
 
 constexpr uint32_t BYTE_BITS = 8;

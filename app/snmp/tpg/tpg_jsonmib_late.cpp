@@ -1,3 +1,4 @@
+/* Late answers: told by the variable they name, then by their type. */
 #include "tpg_jsonmib_late.h"
 
 #include "uevgend_msg_i.h"

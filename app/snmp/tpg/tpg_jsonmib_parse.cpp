@@ -1,3 +1,4 @@
+/* Tables, indexes, columns and trap bindings of a document. */
 #include "tpg_jsonmib_parse.h"
 
 #include "tpg_file.h"

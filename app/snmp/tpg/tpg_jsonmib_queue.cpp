@@ -1,3 +1,4 @@
+/* One exchange with a slot's daemon at a time: sending, receiving, time, the end. */
 #include "tpg_jsonmib_queue.h"
 
 #include "tpg_file.h"
@@ -18,26 +19,26 @@
 #include <utility>
 
 static jsonmib_queue_t* queue_of(tpg_context_t*, uint32_t);
-static void start_next(tpg_context_t*, uint32_t, int64_t);
+static void start_next(tpg_context_t*, uint32_t slot_no, int64_t now);
 static int connect_slot(tpg_context_t*, uint32_t);
 static int send_first(tpg_context_t*, uint32_t);
 static int watch(tpg_context_t*, uint32_t);
 static void wait_shortly(tpg_context_t*, uint32_t);
-static void receive(tpg_context_t*, uint32_t, bool);
+static void receive(tpg_context_t*, uint32_t slot_no, bool at_once);
 static ssize_t take_bytes(tpg_context_t*, uint32_t);
 static const jsonmib_asked_t* being_read(const jsonmib_queue_t*);
 static void reply_is_whole(tpg_context_t*, uint32_t);
-static void connection_lost(tpg_context_t*, uint32_t, const char*);
+static void connection_lost(tpg_context_t*, uint32_t slot_no, const char* why);
 static void forget_connection(jsonmib_queue_t*);
 static void check_time(tpg_context_t*, uint32_t);
-static void check_connecting(tpg_context_t*, uint32_t, int64_t);
+static void check_connecting(tpg_context_t*, uint32_t slot_no, int64_t now);
 static void flight_ended(tpg_context_t*, uint32_t);
 static void became_silent(tpg_context_t*, uint32_t);
-static void daemon_went(tpg_context_t*, uint32_t, int64_t, const char*);
+static void daemon_went(tpg_context_t*, uint32_t slot_no, int64_t since, const char* why);
 static void daemon_came(tpg_context_t*, uint32_t);
 static void fail_waiting(tpg_context_t*, uint32_t);
 static void timed_out(tpg_context_t*, jsonmib_exchange_t*);
-static void complete(tpg_context_t*, jsonmib_exchange_t*, int);
+static void complete(tpg_context_t*, jsonmib_exchange_t*, int result);
 static int64_t limit_of(const jsonmib_queue_t*, const jsonmib_exchange_t*);
 static int64_t flight_end(const jsonmib_queue_t*);
 static int64_t next_deadline(const jsonmib_queue_t*);

@@ -1,3 +1,4 @@
+/* A request on a cell: its row, its column, its phase. */
 #include "tpg_jsonmib_request.h"
 
 #include "tpg_jsonmib_column.h"

@@ -1,3 +1,4 @@
+/* Conceptual rows: the first one, the next one, the one that is sought. */
 #include "tpg_jsonmib_rows.h"
 
 #include "tpg_log.h"

@@ -1,3 +1,4 @@
+/* The row that answers, found by arithmetic. */
 #include "tpg_jsonmib_seek.h"
 
 #include "tpg_jsonmib_cell.h"

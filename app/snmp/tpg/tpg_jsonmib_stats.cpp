@@ -1,3 +1,4 @@
+/* Counters and answer times of a slot. */
 #include "tpg_jsonmib_stats.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+/* A table's registration and its chain of handlers. */
 #include "tpg_jsonmib_table.h"
 
 #include "tpg_jsonmib_request.h"

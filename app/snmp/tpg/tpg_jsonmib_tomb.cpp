@@ -1,4 +1,6 @@
 /*
+ * Tables into the SNMP library and out of it, by way of tombstones.
+ *
  * All functions called here are the library's public ones, but none of those
  * joins what is left of a root when a table goes. For that this file changes the
  * library's tree of registrations itself, and relies on how it is kept:

@@ -1,3 +1,4 @@
+/* An exchange in place: the event loop goes on until it is complete. */
 #include "tpg_jsonmib_wait.h"
 
 #include "tpg_file.h"

@@ -1,3 +1,4 @@
+/* The board's fixed tables: their data, and reading and writing by it. */
 #include "tpg_legacymib_kx.h"
 
 #include "tpg_jsonmib_cell.h"
