@@ -6,70 +6,7 @@
 
 namespace fs = std::filesystem;
 
-static const std::string FAM = "1.3.6.1.4.1.32473.7", TOP = TPG_SOURCE_DIR;
-static const std::string TRAPS =
-    R"("enterprise_oid": [1,3,6,1,4,1,32473,7], "instslot_oid": [1,3,6,1,4,1,32473,7,1],)";
-static const std::string INDEX = R"("read_only": true, "table_index": true)";
-
-struct column_t {
-    int var, type, lo, hi;
-    std::string more = {}; /* further members */
-};
-struct table_t {
-    std::string name, oid; /* with dots */
-    std::vector<std::pair<int, int>> indexes;
-    std::vector<column_t> columns;
-    std::string more = {};
-};
-
-static std::string list(const words_t& elements)
-{
-    std::string text;
-    for (const std::string& element : elements) {
-        text += (text.empty() ? "" : ",") + element;
-    }
-    return "[" + text + "]";
-}
-
-static std::string with(const std::string& more)
-{
-    return (more.empty() ? "" : ",") + more + "}";
-}
-
-static std::string range(int low, int high)
-{
-    return R"("range0":)" + std::to_string(low) + R"(,"range1":)" + std::to_string(high);
-}
-
-static std::string tables_text(const std::vector<table_t>& tables)
-{
-    words_t texts;
-    for (const table_t& table : tables) {
-        words_t indexes, columns;
-        std::string arcs = table.oid;
-        std::ranges::replace(arcs, '.', ',');
-        for (const auto& [low, high] : table.indexes) {
-            indexes.push_back("{" + range(low, high) + "}");
-        }
-        for (const column_t& column : table.columns) {
-            columns.push_back(R"({"var_id":)" + std::to_string(column.var) + R"(,"type":)" +
-                              std::to_string(column.type) + "," + range(column.lo, column.hi) +
-                              with(column.more));
-        }
-        texts.push_back(R"({"name":")" + table.name + R"(","oid":[)" + arcs +
-                        R"(],"index_array":)" + list(indexes) + R"(,"param_array":)" +
-                        list(columns) + with(table.more));
-    }
-    return list(texts);
-}
-
-/* head: members in front, each with a comma behind it. */
-static std::string written(const std::vector<table_t>& gen, const std::vector<table_t>& fault = {},
-                           const std::string& head = "")
-{
-    return "{" + head + R"("gen_table_array":)" + tables_text(gen) + R"(,"fault_table_array":)" +
-           tables_text(fault) + "}";
-}
+static const std::string TOP = TPG_SOURCE_DIR;
 
 struct made_t {
     int status;
@@ -99,43 +36,33 @@ static std::string complaints(const std::string& file)
     return text;
 }
 
-static std::string fault_table(const std::string& trap_info)
+/* Members of a table: its name, its OID, and what else it takes. */
+static std::string table(const std::string& name, const std::string& arcs,
+                         const std::string& columns = R"({"var_id":1,"type":1})")
 {
-    return R"("trap_info": {"fault_present_var_id": 200, )" + trap_info + "}";
+    return R"({"name":")" + name + R"(","oid":[1,3,6,1,4,1,32473,7,)" + arcs +
+           R"(],"index_array":[],"param_array":[)" + columns + "]}";
 }
 
-static std::string named(const std::string& name)
+static std::string document_of(const std::string& tables)
 {
-    return R"("name": ")" + name + "\"";
-}
-
-/* A table for each name, and in each a column of that name; names end at a "|". */
-static std::string names_document(const std::string& names)
-{
-    std::vector<table_t> tables;
-    std::istringstream in(names);
-    for (std::string name; std::getline(in, name, '|');) {
-        tables.push_back({name,
-                          FAM + ".10." + std::to_string(tables.size() + 1),
-                          {{1, 4}},
-                          {{5, 1, 0, 9, named(name)}, {6, 1, 0, 9, named("v")}}});
-    }
-    return written(tables, {}, TRAPS);
+    return R"({"enterprise_oid":[1,3,6,1,4,1,32473,7],"gen_table_array":[)" + tables + "]}";
 }
 
 static std::string many_tables()
 {
-    std::string names;
-    for (int i = 0; i < 300; i++) {
-        names += "port " + std::to_string(i % 290) + "|";
+    std::string tables;
+    for (int i = 1; i <= 300; i++) {
+        tables += (i == 1 ? "" : ",") +
+                  table("port " + std::to_string(i % 290), "10," + std::to_string(i));
     }
-    return names_document(names);
+    return document_of(tables);
 }
 
-static const std::vector<column_t> COLUMNS = {
-    {1, 1, 0, 9, INDEX}, {2, 2, 1, 3}, {3, 3, 0, 400}, {4, 7, 0, 9}, {5, 1, 9, 0}};
-static const std::vector<column_t> FAULTS = {
-    {0, 1, 1, 4, INDEX}, {200, 1, 0, 0}, {0, 1, 1, 2, named("on")}, {201, 3, 0, 31}};
+static std::string example(const std::string& file)
+{
+    return read_file(TOP + file);
+}
 
 TEST_F(World, ModulesHaveNothingWrongInThem)
 {
@@ -143,51 +70,19 @@ TEST_F(World, ModulesHaveNothingWrongInThem)
         std::string document;
         words_t parts; /* of the module, without blanks */
     } cases[] = {
-        {read_file(TOP + "/doc/examples/line2.json"), {"INDEX{linePortIndex,linePortSlot}"}},
-        {read_file(TOP + "/doc/examples/psu4.json"), {"INDEX{psuModule,psuRail,psuRailSlot}"}},
-        {names_document(
-             "|  two words |7 up|gr\u00f6\u00dfe|\u65e5|INTEGER|enterprises|mib-2|current|"
-             "SEQUENCE|Integer32|a_b|aB|Ab|ab|table|cardSlot|Group|cardMIB|TRUE|size|v|"
-             "-a--b-|" +
-             std::string(90, 'x') + "|" + std::string(90, 'X')),
+        {example("/doc/examples/line2.json"), {"INDEX{linePortIndex,linePortSlot}"}},
+        {example("/doc/examples/psu4.json"), {"INDEX{psuModule,psuRail,psuRailSlot}"}},
+        {example("/tests/cards/mib_names.json"),
          {"twoWordsTableOBJECT-TYPE", "Inthedocument:'gr\\u00F6\\u00DFe'",
           "integer32Integer32OBJECT-TYPE"}},
         {many_tables(), {"::={cardNode10300}"}},
-        {written({{"all", FAM + ".1", {{1, 4}}, COLUMNS},
-                  {"none", FAM + ".2", {}, {{1, 1, 0, 9, INDEX}, {2, 1, 0, 0}}},
-                  {"hidden", FAM + ".3", {{3, 9}, {2, 2}}, {{1, 1, 0, 0}}},
-                  {"five", FAM + ".4", {{1, 2}, {1, 2}, {0, 2}, {1, 2}, {1, 2}}, COLUMNS},
-                  {"odd", FAM + ".5", {{5, 2}}, {{1, 3, 0, 0}}}}),
+        {example("/tests/cards/mib_kinds.json"),
          {"OCTETSTRING(SIZE(0..255))MAX-ACCESSread-write", "Integer32(1..3)MAX-ACCESSread-write",
           "hiddenIndex1OBJECT-TYPESYNTAXInteger32(3..9)MAX-ACCESSnot-accessible",
           "INDEX{hiddenIndex1,hiddenIndex2,hiddenSlot}", "oddIndex1OBJECT-TYPESYNTAXInteger32(5)"}},
-        {written({{"a", "1.3.111.2.1", {}, COLUMNS},
-                  {"b", "2.16.840.1", {}, COLUMNS},
-                  {"c", "1.3.6.1.2.1.99.1", {}, COLUMNS},
-                  {"d", "1.3.6.1.3.5", {}, COLUMNS}}),
-         {"bTableOBJECT-TYPE", "{joint-iso-ccitt16}"}},
-        {written({{"inner", FAM + ".9.1.2.7.1", {}, COLUMNS},
-                  {"outer", FAM + ".9", {}, COLUMNS},
-                  {"lost", FAM + ".9.1.2.7.1.5", {}, COLUMNS}}),
-         {"innerTableOBJECT-TYPE", "Leftout:table'lost'"}},
-        {written({},
-                 {{"one",
-                   FAM + ".2",
-                   {{1, 4}},
-                   FAULTS,
-                   fault_table(R"("specific_start": 0, "index_ofs_1": 2)")},
-                  {"two",
-                   FAM + ".3",
-                   {{1, 2}, {1, 3}},
-                   FAULTS,
-                   fault_table(R"("specific_start": 20, "index_ofs_1": 3, "index_ofs_2": 1)")},
-                  {"wide",
-                   FAM + ".4",
-                   {{1, 4000}},
-                   FAULTS,
-                   fault_table(R"("specific_start": 100, "index_ofs_1": 2)")}},
-                 TRAPS + R"("trap_var_bindings": [{"oid": [1,3,6,1,4,1,32473,7,2,1,4],
-                             "specific": "7-9"}],)"),
+        {example("/tests/cards/mib_places.json"), {"bTableOBJECT-TYPE", "{joint-iso-ccitt16}"}},
+        {example("/tests/cards/mib_inside.json"), {"innerTableOBJECT-TYPE", "Leftout:table'lost'"}},
+        {example("/tests/cards/mib_traps.json"),
          {"oneRow4Plus1NOTIFICATION-TYPEOBJECTS{cardSlot", "::={cardTraps7}", "{cardTraps25}",
           "twoRow2x3NOTIFICATION-TYPE", "wideOffset1NOTIFICATION-TYPE", "{cardTraps9}",
           "ithas4000rows", "Leftout:thetrap0", "SYNTAXINTEGER{off(1),on(2)}MAX-ACCESSread-write",
@@ -209,17 +104,16 @@ TEST_F(World, ModulesHaveNothingWrongInThem)
 
 TEST_F(World, NoModuleIsMadeOfWhatTheAgentRefuses)
 {
-    const std::string good = written({{"t", FAM + ".1", {}, COLUMNS}});
     const struct {
         std::string document, option;
         int status;
         std::string said;
     } cases[] = {{"{", "--module=A", 1, "json_tokener_parse_ex failed"},
-                 {written({{"t", FAM + ".1", {}, {}}}), "--module=A", 1, "param arraylen is zero"},
-                 {written({{"t", FAM, {}, COLUMNS}, {"u", FAM, {}, COLUMNS}}), "--module=A", 1,
+                 {document_of(table("t", "1", "")), "--module=A", 1, "param arraylen is zero"},
+                 {document_of(table("t", "1") + "," + table("u", "1")), "--module=A", 1,
                   "netsnmp_register_table_iterator failed"},
                  {"{}", "--module=A", 1, "no OID at which a module could stand"},
-                 {good, "--module=a-", 2, "a module's name has"}};
+                 {document_of(table("t", "1")), "--module=a-", 2, "a module's name has"}};
     for (const auto& [text, option, status, said] : cases) {
         const made_t made = make(text, option);
         EXPECT_EQ(made.status, status) << text;
@@ -230,7 +124,7 @@ TEST_F(World, NoModuleIsMadeOfWhatTheAgentRefuses)
 
 TEST_F(World, ManagersGoByTheNamesOfAModule)
 {
-    const std::string text = read_file(TOP + "/doc/examples/line2.json");
+    const std::string text = example("/doc/examples/line2.json");
     const words_t options = {"-v2c", "-c", "rw", "-t", "15", SNMPD};
     EXPECT_EQ(make(text).status, 0);
     agents_start(&w);

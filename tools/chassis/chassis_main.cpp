@@ -8,16 +8,20 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string_view>
+#include <unistd.h>
 
 static void print_help();
+static int leave_input_alone();
 static int run(chassis_t* chassis, const char* scenario);
 static event_base* new_base();
 static int start_daemons(chassis_t* chassis);
 static void stop_daemons(chassis_t* chassis);
 static void signal_cb(int signo, short what, void* arg);
 
-constexpr char USAGE[] = "Usage: tpg-chassis SCENARIO.json\n       tpg-chassis --help\n";
+constexpr char USAGE[] =
+    "Usage: tpg-chassis [--no-input] SCENARIO.json\n       tpg-chassis --help\n";
 
 constexpr char HELP[] = R"(
 Plays the cards of a chassis and their control daemons for an agent on this
@@ -57,7 +61,8 @@ Requests for what is not there are answered with -1 (variable), -2 (index) or
 The line "ready", with the state of each slot, says that everything is up. Then
 each command line gets one answer: a line with "ok" or "error: REASON" in front,
 before it the lines of a list. A text with blanks stands in double quotes, with
-\", \\ and \xNN. The end of the input means quit.
+\", \\ and \xNN. The end of the input means quit. With --no-input none is read:
+the chassis plays, in the background for instance, until SIGTERM or SIGINT.
 
 )";
 
@@ -73,7 +78,8 @@ connected (nothing is registered).
 
 int main(int argc, char** argv)
 {
-    const std::string_view word = argc == 2 ? argv[1] : "";
+    const bool with_input = argc != 3 || strcmp(argv[1], "--no-input") != 0;
+    const std::string_view word = argc == 2 || !with_input ? argv[argc - 1] : "";
     if (word == "--help") {
         print_help();
         return EXIT_SUCCESS;
@@ -82,10 +88,14 @@ int main(int argc, char** argv)
         fputs(USAGE, stderr);
         return EXIT_FAILURE;
     }
+    if (!with_input && leave_input_alone() != 0) {
+        perror("tpg-chassis: pipe");
+        return EXIT_FAILURE;
+    }
     auto chassis = std::make_unique<chassis_t>();
     setvbuf(stdout, nullptr, _IOLBF, 0);
     signal(SIGPIPE, SIG_IGN);
-    return run(chassis.get(), argv[1]) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+    return run(chassis.get(), word.data()) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 static void print_help()
@@ -94,6 +104,13 @@ static void print_help()
     fputs(HELP, stdout);
     chassis_command_help("  ");
     fputs(HELP_BEHIND_COMMANDS, stdout);
+}
+
+/* Instead of standard input, a pipe into which nothing is written and that does not end. */
+static int leave_input_alone()
+{
+    int ends[2];
+    return pipe(ends) != 0 || dup2(ends[0], STDIN_FILENO) < 0 ? -1 : 0;
 }
 
 static int run(chassis_t* chassis, const char* scenario)
