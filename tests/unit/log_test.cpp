@@ -44,29 +44,6 @@ static std::string written(tpg_context_t* ctx, tpg_log_level level, const std::s
     return testing::internal::GetCapturedStderr();
 }
 
-TEST(log, copies_and_thresholds)
-{
-    const std::pair<tpg_log_level, const char*> levels[] = {
-        {tpg_log_level::error, R"(\|Error \(tpg:\d+\)\|log_test.cpp:\d+: a b\n)"},
-        {tpg_log_level::warn, R"(\|Warn \(tpg:\d+\)\|log_test.cpp:\d+: a b\n)"},
-        {tpg_log_level::info, R"(\|Info \(tpg:\d+\)\|: a b\n)"},
-        {tpg_log_level::debug, R"(\|Debug \(tpg:\d+\)\|: a b\n)"}};
-    for (const auto& [level, line] : levels) {
-        for (const bool passes : {true, false}) {
-            const int threshold = static_cast<int>(level) - (passes ? 0 : 1);
-            const auto ctx = new_context(static_cast<uint8_t>(threshold));
-            syslog_text.clear();
-            const std::string text = written(ctx.get(), level, "a b");
-            EXPECT_TRUE(std::regex_match(text, std::regex(passes ? line : ""))) << text;
-            EXPECT_EQ(syslog_text.ends_with(": a b"), passes);
-        }
-    }
-    const auto ctx = new_context();
-    ctx->log_console = 0;
-    EXPECT_EQ(written(ctx.get(), tpg_log_level::error, "x"), "");
-    EXPECT_TRUE(syslog_text.ends_with(": x"));
-}
-
 TEST(log, texts_from_outside)
 {
     const auto ctx = new_context();
@@ -142,14 +119,6 @@ TEST_F(log_limit, is_a_places_and_a_slots_own)
     }
     tpg_debug_tokens_total = 0;
     EXPECT_TRUE(has(sum(), "Warn 95 more like this (log.cpp:7, slot 5), the last: text 99\n"));
-}
-
-TEST_F(log_limit, is_wide_enough_for_ordinary_work)
-{
-    for (uint32_t slot = 0; slot <= TPG_SLOT_MAX; slot++) {
-        EXPECT_EQ(lines_of(ctx.get(), slot, 64) + lines_of(ctx.get(), slot, 500, 8), 564);
-    }
-    EXPECT_EQ(sum(), "");
 }
 
 /* The sum comes whether or not anybody speaks, and at once when the loop is late. */
