@@ -33,7 +33,14 @@ static std::string daemon_serve(daemon_t* daemon, const question_t& asked)
         asked.written.copy(reinterpret_cast<char*>(&value), sizeof(value));
         daemon->written[{asked.var, asked.index}] = value;
     }
-    return answer_to(asked, bytes_of(value), daemon->play.error);
+    question_t named = asked;
+    if (!daemon->play.echoes) {
+        named.var = named.index = 0;
+    }
+    std::string answer = answer_to(named, bytes_of(value), daemon->play.error);
+    const uint16_t type = asked.set ? daemon->play.set_type : daemon->play.get_type;
+    memcpy(&answer[offsetof(com_msg_head_t, usMsgType)], &type, sizeof(type));
+    return answer;
 }
 
 /* Sends the answers that are held, and those whose time has come. */

@@ -6,6 +6,8 @@
  * becomes of the requests that come, and looks what it saw. What is written is kept.
  */
 
+#include "uevgend_msg_i.h"
+
 #include <chrono>
 #include <list>
 #include <map>
@@ -26,6 +28,8 @@ struct play_t {
     std::vector<deed> first = {}; /* for the next requests, in place of the usual one */
     int delay = 0;                /* of an answer, in milliseconds */
     int8_t error = 0;             /* in the answers; nothing is written then */
+    bool echoes = true;           /* the answers name variable and index */
+    uint16_t get_type = UEVGEND_MSG_GET, set_type = UEVGEND_MSG_SET; /* of the answers */
 };
 
 /* A request without an answer so far. */

@@ -3,6 +3,7 @@
 #include "daemons.h"
 #include "world.h"
 
+#include <numeric>
 #include <regex>
 
 static const std::string CARD = "1.3.6.1.4.1.32473.2", PORT = CARD + ".10.1.1.",
@@ -187,6 +188,115 @@ TEST_F(Cards, ThatHangInASetLeaveTheRestServed)
     }));
     EXPECT_EQ(set(cell(3), "i", "77"), "");
     EXPECT_EQ(get(cell(3)), "INTEGER: 77");
+}
+
+/* A request whose answer is lost or late, and one behind it. */
+struct lost_t {
+    enum { get, set, silent_set } first; /* of port 1; the last: to a slot that is silent already */
+    deed fate;
+    enum { get_too, set_too, refused_set } then;
+    int port;        /* of the second */
+    int connections; /* that it takes to tell the answers apart */
+    play_t play = {};
+    bool released = false; /* the first answer comes before the second request */
+};
+
+class LostAnswers : public Cards
+{
+  protected:
+    /* A case for each slot from 2 on; the reads that fail are waited for together. */
+    void expect_right(const std::vector<lost_t>& cases)
+    {
+        std::vector<int> slots(cases.size());
+        std::iota(slots.begin(), slots.end(), 2);
+        const auto case_of = [&](int slot) { return cases[static_cast<size_t>(slot - 2)]; };
+        start(slots);
+        words_t writes = {SNMPD};
+        for (const int slot : slots) {
+            daemon_play(&d, slot, case_of(slot).play);
+            writes = writes + words_t{cell(slot, 3), "i", "3"};
+        }
+        EXPECT_EQ(snmp("snmpset", writes).error, "");
+        const auto [oids, values] = block(slots);
+        EXPECT_TRUE(wait_read(oids, values)); /* by now both kinds of answers are known */
+        std::vector<proc_t> asked;
+        for (const int slot : slots) {
+            const lost_t one = case_of(slot);
+            const bool silent = one.first == lost_t::silent_set;
+            play_t play = one.play;
+            play.first = silent ? std::vector{deed::lose, one.fate} : std::vector{one.fate};
+            daemon_play(&d, slot, play);
+            if (one.first != lost_t::set) {
+                asked.push_back(ask({cell(slot, silent ? 4 : 1)}));
+            }
+        }
+        for (proc_t& one : asked) {
+            EXPECT_EQ(said(snmp_end(&one)), FAILED);
+        }
+        for (const int slot : slots) {
+            const auto first = case_of(slot).first;
+            EXPECT_EQ(first == lost_t::get ? FAILED : set(cell(slot), "i", "11"), FAILED);
+            EXPECT_EQ(seen(slot), first == lost_t::silent_set ? 2 : 1) << slot;
+        }
+        for (const int slot : slots) {
+            SCOPED_TRACE(slot);
+            expect_second(slot, case_of(slot));
+        }
+    }
+
+  private:
+    /* It may fail as long as the first one may still be answered, and is never answered wrong. */
+    void expect_second(int slot, const lost_t& one)
+    {
+        play_t play = one.play;
+        play.error = one.then == lost_t::refused_set ? 3 : 0;
+        daemon_play(&d, slot, play);
+        if (one.released) {
+            daemon_release(&d, slot);
+        }
+        EXPECT_TRUE(wait_for([&] {
+            const bool gets = one.then == lost_t::get_too;
+            const std::string oid = cell(slot, one.port), right = gets ? value(slot, one.port) : "",
+                              text = gets ? get(oid) : set(oid, "i", "22");
+            EXPECT_TRUE(text == FAILED || (text == right && play.error == 0)) << text;
+            return play.error == 0 ? text == right : seen(slot) > 0;
+        }));
+        EXPECT_EQ(daemon_view(&d, slot).connections, one.connections);
+        daemon_play(&d, slot, one.play);
+        EXPECT_EQ(set(cell(slot), "i", "44"), "");
+        EXPECT_EQ(get(cell(slot)), "INTEGER: 44");
+        EXPECT_EQ(get(cell(slot, 2)), value(slot, 2));
+    }
+};
+
+static const play_t NAMELESS = {.echoes = false}, ONE_TYPE = {.set_type = UEVGEND_MSG_GET},
+                    OTHER_TYPES = {.get_type = 101, .set_type = 102};
+
+TEST_F(LostAnswers, OfGetsHarmNothing)
+{
+    expect_right({{lost_t::get, deed::lose, lost_t::get_too, 1, 1},
+                  {lost_t::get, deed::lose, lost_t::set_too, 1, 1},
+                  {lost_t::get, deed::lose, lost_t::refused_set, 2, 1},
+                  {lost_t::get, deed::late, lost_t::get_too, 1, 1},
+                  {lost_t::get, deed::late, lost_t::refused_set, 1, 1},
+                  {lost_t::get, deed::late, lost_t::get_too, 2, 1},
+                  {lost_t::get, deed::late, lost_t::refused_set, 1, 1, {}, true},
+                  {lost_t::get, deed::late, lost_t::get_too, 2, 1, {}, true},
+                  {lost_t::get, deed::late, lost_t::refused_set, 1, 1, OTHER_TYPES},
+                  {lost_t::get, deed::late, lost_t::refused_set, 1, 2, ONE_TYPE},
+                  {lost_t::get, deed::lose, lost_t::set_too, 1, 2, ONE_TYPE},
+                  {lost_t::get, deed::late, lost_t::get_too, 2, 2, NAMELESS}});
+}
+
+TEST_F(LostAnswers, OfSetsHarmNothing)
+{
+    expect_right({{lost_t::set, deed::late, lost_t::refused_set, 1, 2},
+                  {lost_t::silent_set, deed::lose, lost_t::set_too, 1, 2},
+                  {lost_t::silent_set, deed::lose, lost_t::get_too, 1, 1},
+                  {lost_t::silent_set, deed::late, lost_t::get_too, 1, 1},
+                  {lost_t::silent_set, deed::late, lost_t::get_too, 1, 2, ONE_TYPE},
+                  {lost_t::silent_set, deed::late, lost_t::refused_set, 2, 1},
+                  {lost_t::silent_set, deed::late, lost_t::refused_set, 1, 1, {}, true}});
 }
 
 TEST_F(Cards, CostOneAnswerWhenTheirDaemonCloses)
