@@ -269,8 +269,7 @@ class LostAnswers : public Cards
     }
 };
 
-static const play_t NAMELESS = {.echoes = false}, ONE_TYPE = {.set_type = UEVGEND_MSG_GET},
-                    OTHER_TYPES = {.get_type = 101, .set_type = 102};
+static const play_t NAMELESS = {.echoes = false}, ONE_TYPE = {.set_type = UEVGEND_MSG_GET};
 
 TEST_F(LostAnswers, OfGetsHarmNothing)
 {
@@ -281,8 +280,6 @@ TEST_F(LostAnswers, OfGetsHarmNothing)
                   {lost_t::get, deed::late, lost_t::refused_set, 1, 1},
                   {lost_t::get, deed::late, lost_t::get_too, 2, 1},
                   {lost_t::get, deed::late, lost_t::refused_set, 1, 1, {}, true},
-                  {lost_t::get, deed::late, lost_t::get_too, 2, 1, {}, true},
-                  {lost_t::get, deed::late, lost_t::refused_set, 1, 1, OTHER_TYPES},
                   {lost_t::get, deed::late, lost_t::refused_set, 1, 2, ONE_TYPE},
                   {lost_t::get, deed::lose, lost_t::set_too, 1, 2, ONE_TYPE},
                   {lost_t::get, deed::late, lost_t::get_too, 2, 2, NAMELESS}});

@@ -42,8 +42,7 @@ fuzz_one() {
 	case $name in
 	client) options+=(-max_len=512 -len_control=0) ;;
 	reply) options+=(-max_len=1024 -len_control=0) ;;
-	document) options+=(-max_len=8192 -dict="$here/json.dict") ;;
-	extract) options+=(-max_len=8192 -dict="$here/json.dict") ;;
+	document | extract) options+=(-max_len=8192 -dict="$here/json.dict") ;;
 	esac
 	mkdir -p "$build/corpus/$name"
 	local status=0

@@ -155,31 +155,6 @@ struct ctrl : testing::Test {
     }
 };
 
-TEST_F(ctrl, sizes)
-{
-    ASSERT_EQ(jsonmib_ipc_connect(ctx.get(), 3), 0);
-    observe();
-    for (const uint32_t length : {0U, 128U, 129U, 200U}) {
-        question_t asked = {false, 101, 0x203, length, ""};
-        say(answer_to(asked, std::string(length, 'y')) + "!");
-        std::string data(length, 'd');
-        EXPECT_EQ(jsonmib_ctrl_get(ctx.get(), 3, 101, 0x203, data.data(), length), 0);
-        EXPECT_EQ(data, std::string(length, 'y'));
-        EXPECT_EQ(pending(ctx->jsonmib_ipc_info[2].fd), "!");
-        input = pending(peer);
-        EXPECT_TRUE(take_question(&input, &asked) && asked.length == length && input.empty());
-        say(reply_of("s101y"));
-        EXPECT_EQ(jsonmib_ctrl_set(ctx.get(), 3, 101, 0x203, data.data(), length), 0);
-        input = pending(peer);
-        EXPECT_EQ(input.size(), UEVGEND_DATA_OFS + std::max<size_t>(length, 128));
-        EXPECT_TRUE(take_question(&input, &asked) && asked.written == data && input.empty());
-    }
-    say(answer_to({false, 101, 0x203, 200, ""}, "", -3));
-    std::string data(200, 'd');
-    EXPECT_EQ(jsonmib_ctrl_get(ctx.get(), 3, 101, 0x203, data.data(), 200), -3);
-    EXPECT_EQ(data, std::string(200, '\0'));
-}
-
 TEST_F(ctrl, stories)
 {
     const std::string types = "?g1 !g1a ?s1 !s1k ", typed = "+ >g1 g1=a >s1 s1=k ";

@@ -174,39 +174,6 @@ TEST_F(db, power_cut_at_every_step)
     }
 }
 
-/* However many tables come at once: the whole text is on the disk, then its name. */
-TEST_F(db, one_save_for_all_tables)
-{
-    const std::string once = "sync sendtrap.json.new\nsendtrap.json.new is now sendtrap.json.last\n"
-                             "sendtrap.json.last is now sendtrap.json\nsync fam_slot03\n";
-    jsonmib_table_info_t more[2] = {};
-    set_text(more[0].name, "more");
-    set_text(more[1].name, "last");
-    const auto register_card = [&] {
-        disk_calls.clear();
-        const std::string outcome =
-            outcome_of([&] { return tpg_preload_send_trap_storage(ctx.get(), record); });
-        return std::regex_replace(outcome, std::regex("Info tpg_preload.*\n"), "");
-    };
-    tables = {table.get(), &more[0]};
-    list_tables();
-    EXPECT_EQ(register_card(), "0 Info Creating " + FILE_NAME +
-                                   "\nInfo Created default send_trap_storage for table t\n"
-                                   "Info Created default send_trap_storage for table more\n"
-                                   "Info Created empty persistent file " +
-                                   FILE_NAME + "\n");
-    EXPECT_EQ(disk_calls, once);
-    EXPECT_TRUE(has(register_card(), "Info Successfully loaded"));
-    EXPECT_EQ(disk_calls, "");
-    tables.push_back(&more[1]);
-    list_tables();
-    EXPECT_TRUE(has(register_card(), "Created default send_trap_storage for table last\n"));
-    EXPECT_EQ(disk_calls, once);
-    disk_calls.clear();
-    update();
-    EXPECT_EQ(disk_calls, once);
-}
-
 /* What is no document needs no memory. */
 TEST_F(db, large_files)
 {

@@ -140,20 +140,6 @@ TEST(jsonmib, what_a_document_may_hold)
     }
 }
 
-TEST(jsonmib, a_taken_oid_stays_its_owners)
-{
-    card_t card;
-    card_t intruder;
-    card.loaded(tables(table("1")));
-    EXPECT_TRUE(has(intruder.loaded(tables(table("2") + "," + table("1") + "," + table("3"))),
-                    "jsonmib_proc_gen_table_array failed! prod_family fam, array index 1"));
-    EXPECT_EQ(served({{1}, {2}, {3}}), "t1 t2 -");
-    intruder.unload();
-    EXPECT_EQ(served({{1}, {2}}), "t1 -");
-    card.unload();
-    EXPECT_EQ(intruder.loaded(tables(table("1"))), "0 ");
-}
-
 TEST(jsonmib, tables_inside_tables)
 {
     card_t first; /* brings the roots */

@@ -156,28 +156,3 @@ TEST(seek, answers_like_the_plain_iterator)
     }
     EXPECT_GT(rows_found, 1000);
 }
-
-TEST(seek, instances_of_a_family)
-{
-    const auto ctx = new_context();
-    const auto walk = [&](const char* family, uint32_t slot = 0) {
-        std::string text;
-        while (text.size() < 99 &&
-               (slot = jsonmib_get_next_instance(ctx.get(), family, slot)) != 0) {
-            text += std::to_string(slot) + " ";
-        }
-        return text;
-    };
-    set_text(ctx->jsonmib_reg_info_cardmib.libmib_reginfo.prod_family, "card");
-    for (const auto& [slot, family, mask] :
-         {std::tuple{2, "fam", 0x8204U}, {3, "cards", 8U}, {9, "fam", 0U}, {5, "", 0U}}) {
-        tpg_jsonmib_register_info_t* record = &ctx->jsonmib_reg_info[slot - 1];
-        set_text(record->libmib_reginfo.prod_family, family);
-        record->slot_ref_mask = mask;
-        record->actual_reginfo = record;
-    }
-    EXPECT_EQ(walk("fam"), "2 9 15 ");
-    EXPECT_EQ(walk("fam", UINT32_MAX) + walk("fam", UINT32_MAX - 1), "2 9 15 ");
-    EXPECT_EQ(walk("fa") + walk("cards"), "3 ");
-    EXPECT_EQ(walk("card") + walk("ca") + walk("card", 15), "1 2 3 9 1 2 3 9 ");
-}
