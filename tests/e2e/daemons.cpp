@@ -38,7 +38,7 @@ static std::string daemon_serve(daemon_t* daemon, const question_t& asked)
         named.var = named.index = 0;
     }
     std::string answer = answer_to(named, bytes_of(value), daemon->play.error);
-    const uint16_t type = asked.set ? daemon->play.set_type : daemon->play.get_type;
+    const uint16_t type = asked.set ? daemon->play.set_type : uint16_t{UEVGEND_MSG_GET};
     memcpy(&answer[offsetof(com_msg_head_t, usMsgType)], &type, sizeof(type));
     return answer;
 }

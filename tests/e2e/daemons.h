@@ -29,7 +29,7 @@ struct play_t {
     int delay = 0;                /* of an answer, in milliseconds */
     int8_t error = 0;             /* in the answers; nothing is written then */
     bool echoes = true;           /* the answers name variable and index */
-    uint16_t get_type = UEVGEND_MSG_GET, set_type = UEVGEND_MSG_SET; /* of the answers */
+    uint16_t set_type = UEVGEND_MSG_SET; /* of the answers to SETs */
 };
 
 /* A request without an answer so far. */
