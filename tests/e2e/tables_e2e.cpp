@@ -51,7 +51,7 @@ TEST_F(World, ReadsEveryKindOfColumn)
         ASSERT_EQ(behind.vars.size(), 1U) << behind.error;
         EXPECT_EQ(behind.vars[0].oid, "." + GRID + next) << asked;
     }
-    EXPECT_TRUE(chassis(&w, "set 5 104 0 \"open").starts_with("error"));
+    EXPECT_TRUE(chassis(&w, "status \"open").starts_with("error"));
     EXPECT_EQ(chassis(&w, "refuse 5 -9"), "ok refuse 5");
     EXPECT_EQ(gets(PORT, "3.1.5 5.2.5"), "genError, genError");
 }
