@@ -49,15 +49,25 @@ author_agent_t* author_agent_start()
     return &agent;
 }
 
-/* The agent reads files: one without a name, that only this process has. -1 with a message. */
-static int text_file(const author_doc_t& doc, tpg_fd_t* file)
+/* The agent reads files: this one has no name, and only this process has it. */
+int author_agent_check(author_agent_t* agent, const std::string& name, const std::string& text,
+                       bool* refused)
 {
-    file->fd = memfd_create(AUTHOR_PROGRAM, MFD_CLOEXEC);
-    if (file->fd >= 0 && tpg_file_write(file->fd, doc.text.data(), doc.text.size()) == 0) {
-        return 0;
+    const tpg_fd_t file = {memfd_create(AUTHOR_PROGRAM, MFD_CLOEXEC)};
+    if (file.fd < 0 || tpg_file_write(file.fd, text.data(), text.size()) != 0) {
+        author_say("cannot keep %s for the agent: %s", name.c_str(), strerror(errno));
+        return -1;
     }
-    author_say("cannot keep %s for the agent: %s", doc.file.c_str(), strerror(errno));
-    return -1;
+    const std::string path = "/proc/self/fd/" + std::to_string(file.fd);
+    agent->lines.clear();
+    *refused = jsonmib_check_jsonfile(&agent->ctx, path.c_str()) != 0;
+    for (std::string& line : agent->lines) {
+        const size_t at = line.find(path);
+        if (at != std::string::npos) {
+            line.replace(at, path.size(), name);
+        }
+    }
+    return 0;
 }
 
 /* Sets refused; the card's record is the agent's. Null when it could not be asked. */
@@ -65,23 +75,13 @@ static const tpg_jsonmib_register_info_t* ask(author_agent_t* agent, author_doc_
 {
     void* memory = calloc(1, sizeof(tpg_jsonmib_register_info_t));
     auto* card = static_cast<tpg_jsonmib_register_info_t*>(memory);
-    tpg_fd_t file = {-1};
-    if (card == nullptr || text_file(*doc, &file) != 0) {
+    if (card == nullptr || author_agent_check(agent, doc->file, doc->text, &doc->refused) != 0) {
         free(card);
         return nullptr;
     }
     agent->cards.push_back(card);
-    agent->lines.clear();
-    const std::string path = "/proc/self/fd/" + std::to_string(file.fd);
-    doc->refused =
-        jsonmib_check_jsonfile(&agent->ctx, path.c_str()) != 0 ||
-        jsonmib_proc_registration(&agent->ctx, doc->text.data(), doc->text.size(), card) != 0;
-    for (std::string& line : agent->lines) {
-        const size_t at = line.find(path);
-        if (at != std::string::npos) {
-            line.replace(at, path.size(), doc->file);
-        }
-    }
+    doc->refused = doc->refused || jsonmib_proc_registration(&agent->ctx, doc->text.data(),
+                                                             doc->text.size(), card) != 0;
     return card;
 }
 

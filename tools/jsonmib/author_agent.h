@@ -21,4 +21,12 @@ struct author_agent_t {
  */
 author_agent_t* author_agent_start();
 
+/*
+ * Has the agent check a text as the file that it would read, which its errors call
+ * name; only they are in lines then. Sets *refused. 0, or -1 with one line on
+ * standard error when it could not be asked.
+ */
+int author_agent_check(author_agent_t* agent, const std::string& name, const std::string& text,
+                       bool* refused);
+
 #endif

@@ -2,40 +2,22 @@
 
 #include "author_agent.h"
 #include "author_library.h"
-#include "tpg_file.h"
-#include "tpg_jsonmib.h"
 
 #include <CLI/CLI.hpp>
-#include <cerrno>
 #include <charconv>
-#include <cstring>
-#include <sys/mman.h>
-
-/* How the agent's messages call a file that has no name. */
-static std::string path_of(const tpg_fd_t& file)
-{
-    return "/proc/self/fd/" + std::to_string(file.fd);
-}
 
 /* What the agent would not read out of a library in its place is not put into one. */
 static int check(const std::string& file, const std::string& text)
 {
-    const tpg_fd_t copy = {memfd_create(AUTHOR_PROGRAM, MFD_CLOEXEC)};
-    if (copy.fd < 0 || tpg_file_write(copy.fd, text.data(), text.size()) != 0) {
-        author_say("cannot keep %s for the agent: %s", file.c_str(), strerror(errno));
+    author_agent_t* agent = author_agent_start();
+    bool refused = false;
+    if (author_agent_check(agent, file, text, &refused) != 0) {
         return AUTHOR_MISUSE;
     }
-    author_agent_t* agent = author_agent_start();
-    const std::string path = path_of(copy);
-    if (jsonmib_check_jsonfile(&agent->ctx, path.c_str()) == 0) {
+    if (!refused) {
         return AUTHOR_FINE;
     }
-    std::string why = agent->lines.front();
-    const size_t at = why.find(path);
-    if (at != std::string::npos) {
-        why.replace(at, path.size(), file);
-    }
-    author_say("the agent would not take %s: %s", file.c_str(), why.c_str());
+    author_say("the agent would not take %s: %s", file.c_str(), agent->lines.front().c_str());
     return AUTHOR_ERRORS;
 }
 
