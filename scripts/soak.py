@@ -41,7 +41,8 @@ EXPLAINED = {
                         r"|connect slot_no \d+ failed, ",
     "a daemon closed the connection": r"(recv from|send to) slot_no \d+ failed\. ",
     "the master is away": r"(Warning|Error): Failed to .* the agentx master agent "
-                          r"|AgentX master agent failed to respond to ping",
+                          r"|AgentX master agent failed to respond to ping"
+                          r"|snmpd: send_trap: Failure in sendto ",
     "the request that met it": r"jsonmib_ipc_(send|recv) failed$",
     "the state of a daemon": r"the daemon of slot_no \d+ is away: ",
     "many lines of one kind": r"\d+ more like this (and others )?\(",
