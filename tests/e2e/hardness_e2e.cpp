@@ -3,8 +3,6 @@
 #include "world.h"
 
 #include <algorithm>
-#include <chrono>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <linux/sockios.h>
@@ -55,16 +53,6 @@ static std::vector<int> connect_many(size_t count)
     return fds;
 }
 
-/* Processor time that a process has used, in seconds. */
-static double cpu_time(pid_t pid)
-{
-    clockid_t clock = {};
-    timespec time = {};
-    clock_getcpuclockid(pid, &clock);
-    clock_gettime(clock, &time);
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
-}
-
 static long number_of_descriptors(pid_t pid)
 {
     const auto fds = fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd");
@@ -94,7 +82,15 @@ TEST_F(World, TheNewestOfTooManyClientsIsRefused)
     EXPECT_TRUE(client_update_acked(fds.back(), card));
     std::for_each(fds.begin(), fds.end(), close);
     close(newest);
-    EXPECT_TRUE(wait_for([&] { return number_of_descriptors(w.tpg.pid) == descriptors; }));
+    /* With a card goes the connection to its daemon, also where that of its client stays. */
+    for (const auto& [command, closed] : {std::pair{"plug 3", 0}, {"unregister 3", 1},
+                                          {"plug 3", 0}, {"unplug 3", 2}}) {
+        chassis(&w, command);
+        EXPECT_TRUE(wait_for([&] {
+            return (closed > 0 || get(SPEED + "3") == "INTEGER: 30") &&
+                   number_of_descriptors(w.tpg.pid) == descriptors - closed;
+        })) << command;
+    }
 }
 
 TEST_F(World, RunningOutOfDescriptorsIsSurvived)
@@ -114,12 +110,10 @@ TEST_F(World, RunningOutOfDescriptorsIsSurvived)
         ASSERT_EQ(prlimit(w.tpg.pid, RLIMIT_NOFILE, &small, nullptr), 0);
         const std::vector<int> fds = connect_many(100);
         EXPECT_TRUE(wait_for([&] { return complaints() > before_it; }));
-        const double used = cpu_time(w.tpg.pid);
-        const auto pause = std::chrono::steady_clock::now() + std::chrono::seconds(3);
-        while (std::chrono::steady_clock::now() < pause) {
+        for (int i = 0; i < 20; i++) {
             EXPECT_EQ(get(cell), "INTEGER: 30");
         }
-        EXPECT_LT(cpu_time(w.tpg.pid) - used, 1.5); /* it does not spin */
+        EXPECT_LE(complaints() - before_it, 120); /* it does not try again and again */
         std::for_each(fds.begin(), fds.end(), close);
         ASSERT_EQ(prlimit(w.tpg.pid, RLIMIT_NOFILE, &before, nullptr), 0);
         chassis(&w, "unplug 4");

@@ -1,5 +1,6 @@
 /* How many messages a place may write. */
 
+#include "tpg_log_library.h"
 #include "unit.h"
 
 #include <cstdarg>
@@ -121,4 +122,16 @@ TEST_F(log_limit, is_summed_up_in_time)
     EXPECT_TRUE(has(syslog_text, " more like this")) << syslog_text;
     EXPECT_EQ(event_base_loop(ctx->levent_base, EVLOOP_ONCE), 1); /* no timer is left */
     event_base_free(ctx->levent_base);
+}
+
+TEST(log_library, lines_keep_their_levels)
+{
+    const auto ctx = new_context();
+    tpg_log_library_take(ctx.get());
+    EXPECT_EQ(log_of([] {
+                  snmp_log(LOG_ERR, "one\n\ntwo\n");
+                  snmp_log(LOG_WARNING, "three\n");
+                  snmp_log(LOG_NOTICE, "four\n");
+              }),
+              "Error one\nError two\nWarn three\nInfo four\n");
 }
