@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <event2/event.h>
 #include <fcntl.h>
 #include <sys/select.h>
@@ -33,6 +34,13 @@ constexpr timeval IPC_TIMEOUT = {5, 0};
 static jsonmib_ipc_info_t* ipc_info(tpg_context_t* ctx, uint32_t slot_no)
 {
     return &ctx->jsonmib_ipc_info[slot_no - 1];
+}
+
+int64_t jsonmib_now()
+{
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
 }
 
 /* ---- connection ---- */

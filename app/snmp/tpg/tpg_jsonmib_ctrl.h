@@ -35,6 +35,9 @@ struct jsonmib_exchange_t {
     void (*complete)(tpg_context_t* ctx, jsonmib_exchange_t* exchange);
 };
 
+/* The time that exchanges are measured by: microseconds of the monotonic clock. */
+int64_t jsonmib_now();
+
 /* Connects the slot; 0, or -1 when the daemon is not there or not ready (logged). */
 int jsonmib_ipc_connect(tpg_context_t* ctx, uint32_t slot_no);
 

@@ -9,9 +9,6 @@
 
 #include "tpg_jsonmib_ctrl.h"
 
-/* Microseconds of the monotonic clock. */
-int64_t jsonmib_now();
-
 /*
  * Starts an exchange, or queues it. True when it is complete already, its
  * complete function not called; false when that will be called later. The

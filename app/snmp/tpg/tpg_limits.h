@@ -45,6 +45,8 @@ constexpr size_t LEGACYMIB_STRING_MAX = 128;
 
 /* What a manager's request has in all, in microseconds: the master gives up after 12 s. */
 constexpr int64_t JSONMIB_CELL_US = 10000000;
+/* A daemon has so long for its reply, or for more of it, in microseconds. */
+constexpr int64_t JSONMIB_REPLY_US = 5000000;
 /* What waits for a card may take so long to be complete before the registry changes. */
 constexpr int64_t JSONMIB_SETTLE_US = 250000;
 
