@@ -1,4 +1,4 @@
-/* The send-trap switches of a slot: document, file, and which of its copies is newest. */
+/* Reads and writes the files of the send-trap switches, and keeps a slot's document in step. */
 #include "tpg_db.h"
 
 #include "tpg_file.h"
@@ -15,10 +15,10 @@
 #include <unistd.h>
 
 /*
- * The slot's file, and what is beside it. A new text goes to the stage, which
- * nobody reads, then becomes the spare and at once the file. So each of the
- * two is whole, and a spare that stands is newer than the file: it could not
- * take the file's place.
+ * The slot's file and its companions. A new text is written to the stage,
+ * which is never read. Renaming makes it the spare, and at once the file. So
+ * file and spare are always whole, and a spare is only there when it could not
+ * be renamed to the file: then it is the newer one.
  */
 struct db_paths_t {
     char folder[TPG_CMD_MAX];
@@ -32,10 +32,10 @@ enum class db_read {
     ok,
     missing,
     corrupted,
-    unreadable, /* for now: it may hold good switches */
+    unreadable, /* reading failed: the file may hold good switches */
 };
 
-/* Where a text that was to be saved stands. */
+/* Where a text stands after saving. */
 enum class db_saved {
     nowhere,
     spare,
@@ -45,19 +45,19 @@ enum class db_saved {
 static db_paths_t db_paths(const tpg_jsonmib_register_info_t*);
 static int db_choose(tpg_context_t*, tpg_jsonmib_register_info_t*, const db_paths_t*);
 static db_read db_read_file(tpg_context_t*, const char*, tpg_json_t*);
-static db_read db_parse(tpg_context_t*, int, size_t, tpg_json_t*);
+static db_read db_parse(tpg_context_t*, int fd, size_t size, tpg_json_t*);
 static int db_create(tpg_context_t*, tpg_jsonmib_register_info_t*, const db_paths_t*);
 static bool db_create_late(tpg_context_t*, tpg_jsonmib_register_info_t*);
 static const char* db_text(json_object*);
-static int db_write_text(const char*, const char*);
-static db_saved db_save(const db_paths_t*, const char*, const char**);
+static int db_write_text(const char* path, const char* text);
+static db_saved db_save(const db_paths_t*, const char* text, const char** failed);
 static json_object* db_find_array(tpg_context_t*, json_object*, const char*, tpg_log_end);
 static void db_copy_to_row(tpg_context_t*, json_object*, const char*, uint8_t*);
 static bool db_add_array(tpg_context_t*, tpg_jsonmib_register_info_t*, jsonmib_table_info_t*);
 static json_object* db_new_array(const uint8_t*);
 static bool db_store_row(json_object*, const uint8_t*);
 
-/* The shortest fault table that a document can list, and what the file can hold of any. */
+/* The shortest definition of a fault table, and the longest entry of one in the file. */
 constexpr size_t DB_TABLE_MIN =
     sizeof(R"({"name":"","oid":[1],"param_array":[{}],"trap_info":{"fault_present_var_id":1}},)") -
     1;
@@ -67,7 +67,7 @@ constexpr size_t DB_MEMBER_MAX = sizeof(R"("": [  ], )") + DB_ESCAPED * JSONMIB_
 /* Files above this size are refused; those of the largest document are smaller. */
 constexpr size_t DB_FILE_MAX = TPG_FILE_MAX / DB_TABLE_MIN * DB_MEMBER_MAX;
 static_assert(DB_FILE_MAX <= INT_MAX);
-constexpr size_t DB_PIECE = size_t{16} * 1024; /* read at once */
+constexpr size_t DB_PIECE = size_t{16} * 1024; /* bytes read at a time */
 
 static db_paths_t db_paths(const tpg_jsonmib_register_info_t* jsonmib_reginfo)
 {
@@ -90,7 +90,7 @@ int tpg_db_load_sendtrap_db_file(tpg_context_t* ctx, tpg_jsonmib_register_info_t
 {
     if (jsonmib_reginfo->sendtrap_json_db != nullptr) {
         if (jsonmib_reginfo->sendtrap_state != tpg_db_state::saved) {
-            return 0; /* only this document has the newest changes */
+            return 0; /* the newest changes are in no file */
         }
         TPG_ERROR(ctx, "%s(%d): free target sendtrap_json_db (%p)", __func__,
                   jsonmib_reginfo->libmib_reginfo.slot_no,
@@ -99,11 +99,12 @@ int tpg_db_load_sendtrap_db_file(tpg_context_t* ctx, tpg_jsonmib_register_info_t
         jsonmib_reginfo->sendtrap_json_db = nullptr;
     }
     const db_paths_t paths = db_paths(jsonmib_reginfo);
-    unlink(paths.stage); /* of a save that was cut off */
+    unlink(paths.stage); /* left by a save that was cut off */
     return db_choose(ctx, jsonmib_reginfo, &paths);
 }
 
-/* Takes the newest whole document of those on the flash. */
+/* Takes the spare, which is newer, if it is whole; else the file; without either, a new document.
+ */
 static int db_choose(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_reginfo,
                      const db_paths_t* paths)
 {
@@ -136,7 +137,7 @@ static int db_choose(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_re
     return 0;
 }
 
-/* Reads one file; what is wrong with it is logged. */
+/* Reads one file into *db. Failures are logged, but for a missing file. */
 static db_read db_read_file(tpg_context_t* ctx, const char* path, tpg_json_t* db)
 {
     off_t size = 0;
@@ -157,7 +158,7 @@ static db_read db_read_file(tpg_context_t* ctx, const char* path, tpg_json_t* db
     return db_parse(ctx, file.fd, static_cast<size_t>(size), db);
 }
 
-/* In pieces: what is no document at all needs no memory, however much of it there is. */
+/* Reads piece by piece, so that a large file that is no JSON takes no memory. */
 static db_read db_parse(tpg_context_t* ctx, int fd, size_t size, tpg_json_t* db)
 {
     char piece[DB_PIECE];
@@ -184,7 +185,7 @@ static db_read db_parse(tpg_context_t* ctx, int fd, size_t size, tpg_json_t* db)
     return db_read::ok;
 }
 
-/* An empty document; the first save, with all tables in it, makes the file. */
+/* Starts with an empty document. The file is made by the first save, with all tables in it. */
 static int db_create(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_reginfo,
                      const db_paths_t* paths)
 {
@@ -203,9 +204,9 @@ static int db_create(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_re
 }
 
 /*
- * For a change in a slot that has no document, because its file could not be
- * created: tries again, with the switches of all tables as they are now. A
- * file that is there, in whatever state, is left to whoever repairs it.
+ * For a change in a slot without a document. If that is because its file could
+ * not be created, a document is made from the present switches of all tables.
+ * If there is a file, it could not be read, and is left to whoever repairs it.
  */
 static bool db_create_late(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_reginfo)
 {
@@ -228,7 +229,7 @@ static bool db_create_late(tpg_context_t* ctx, tpg_jsonmib_register_info_t* json
 
 /* ---- save ---- */
 
-/* The text belongs to the document; null with errno set when there is no memory for it. */
+/* The document as text, which the document owns; null with errno set without memory. */
 static const char* db_text(json_object* db)
 {
     const char* text = json_object_to_json_string_ext(db, JSON_C_TO_STRING_SPACED);
@@ -238,7 +239,7 @@ static const char* db_text(json_object* db)
     return text;
 }
 
-/* 0 when the text stands in the file as a line and on the disk, -1 with errno set otherwise. */
+/* Writes the text and a line feed to the file, and the file to the disk; -1 with errno set. */
 static int db_write_text(const char* path, const char* text)
 {
     const tpg_fd_t file = {tpg_file_open_write(path)};
@@ -250,9 +251,9 @@ static int db_write_text(const char* path, const char* text)
 }
 
 /*
- * A power cut at any moment leaves the text from before or the new one; a
- * flash without room for another text keeps the one that it has. Unless the
- * text is in the file, *failed is what could not be written, errno tells why.
+ * Saves a text. A power cut at any moment leaves the old text or the new one,
+ * and so does a flash without room for both. Unless the result is file, errno
+ * is set, and *failed is the path that could not be written.
  */
 static db_saved db_save(const db_paths_t* paths, const char* text, const char** failed)
 {
@@ -311,7 +312,7 @@ void tpg_db_release(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_reg
 
 /* ---- tables ---- */
 
-/* The array stored under the table's name, or null. matched: how the line that says so ends. */
+/* The array stored under the table's name, or null. matched: how the debug line about it ends. */
 static json_object* db_find_array(tpg_context_t* ctx, json_object* db, const char* name,
                                   tpg_log_end matched)
 {
@@ -348,7 +349,7 @@ static void db_copy_to_row(tpg_context_t* ctx, json_object* array, const char* n
     }
 }
 
-/* Puts the row's bytes into entries 0 to 1023; false when memory runs out. */
+/* Puts the row's bytes into the array; false without memory. */
 static bool db_store_row(json_object* array, const uint8_t* row)
 {
     for (size_t k = 0; k < JSONMIB_SENDTRAP_ROW; k++) {
@@ -361,7 +362,7 @@ static bool db_store_row(json_object* array, const uint8_t* row)
     return true;
 }
 
-/* Adds what the table's row for the slot holds to the document; false (logged) without memory. */
+/* Adds the table's row for the slot to the document; false (logged) without memory. */
 static bool db_add_array(tpg_context_t* ctx, tpg_jsonmib_register_info_t* jsonmib_reginfo,
                          jsonmib_table_info_t* jsonmib_table)
 {

@@ -1,4 +1,4 @@
-/* What becomes of a cell whose card has been asked, and of the request that it belongs to. */
+/* Cells that are asked of a card: the exchange, its value, and the library's request. */
 #include "tpg_jsonmib_cell.h"
 
 #include "tpg_jsonmib_queue.h"
@@ -15,22 +15,22 @@
 struct late_cell_t;
 struct request_history_t;
 
-static void prepare(late_cell_t*, netsnmp_request_info*, const jsonmib_ask_t*, bool);
+static void prepare(late_cell_t*, netsnmp_request_info*, const jsonmib_ask_t*, bool next);
 static void cell_is_complete(tpg_context_t*, jsonmib_exchange_t*);
 static int conclude(tpg_context_t*, const late_cell_t*);
 static int serve_value(tpg_context_t*, const jsonmib_ask_t*, const uint8_t*,
                        netsnmp_variable_list*);
 static request_history_t* history_of(netsnmp_request_info*);
-static request_history_t* note_age(netsnmp_request_info*, int64_t);
+static request_history_t* note_age(netsnmp_request_info* request, int64_t born);
 static void set_transaction_aside(netsnmp_request_info*, request_history_t*);
 static void bring_transaction_back(netsnmp_request_info*, request_history_t*);
-static int pass_by(netsnmp_request_info*, int64_t);
+static int pass_by(netsnmp_request_info* request, int64_t born);
 
 constexpr char HISTORY_NAME[] = "tpg_request_history";
 
 /* A cell whose card has been asked. */
 struct late_cell_t {
-    jsonmib_exchange_t exchange; /* first, so that it leads here */
+    jsonmib_exchange_t exchange; /* first: a pointer to it is one to the record */
     jsonmib_ask_t ask;
     netsnmp_request_info* request;
     bool next; /* a GETNEXT */
@@ -39,12 +39,13 @@ struct late_cell_t {
 static_assert(offsetof(late_cell_t, exchange) == 0);
 static_assert(JSONMIB_CELL_MAX >= UEVGEND_DATA_FIXED);
 
-/* What a manager's request has been through; belongs to the library's record of it. */
+/* What must be known of a manager's request beyond one cell. The library's record of the request
+ * owns it. */
 struct request_history_t {
     int64_t born;
-    uint32_t passed;  /* cells that could not be read, in place */
-    uint32_t waiting; /* of a GETNEXT: cells whose cards have been asked */
-    long transaction; /* the master's number of it, set aside meanwhile */
+    uint32_t passed;  /* unreadable cells that the walk has gone past */
+    uint32_t waiting; /* cells of a GETNEXT whose cards have yet to answer */
+    long transaction; /* the master's transaction ID while some are waiting */
 };
 
 /* ---- configuration ---- */
@@ -178,7 +179,7 @@ static void cell_is_complete(tpg_context_t* ctx, jsonmib_exchange_t* exchange)
     if (status > SNMP_ERR_NOERROR) {
         netsnmp_request_set_error(cell->request, status);
         if (cell->next) {
-            /* The library goes on with a search until it finds something. */
+            /* Without a value in the varbind the library would go on searching. */
             snmp_set_var_typed_value(cell->request->requestvb, SNMP_NOSUCHINSTANCE, nullptr, 0);
         }
     }
@@ -186,8 +187,8 @@ static void cell_is_complete(tpg_context_t* ctx, jsonmib_exchange_t* exchange)
     free(cell);
 }
 
-/* Gives the request its answer, or has the search go on; an SNMP error status, or
- * JSONMIB_CELL_ABSENT. */
+/* Puts the value or the failure into the request, or has a walk go past the cell. Returns an SNMP
+ * error status, or JSONMIB_CELL_ABSENT. */
 static int conclude(tpg_context_t* ctx, const late_cell_t* cell)
 {
     const int result = cell->exchange.result;
@@ -224,7 +225,7 @@ static int serve_value(tpg_context_t* ctx, const jsonmib_ask_t* ask, const uint8
     return SNMP_ERR_NOERROR;
 }
 
-/* ---- what a request has been through ---- */
+/* ---- a request's history ---- */
 
 static request_history_t* history_of(netsnmp_request_info* request)
 {
@@ -232,7 +233,7 @@ static request_history_t* history_of(netsnmp_request_info* request)
         netsnmp_agent_get_list_data(request->agent_req_info, HISTORY_NAME));
 }
 
-/* The request's history, which begins here if it has none; null without memory. */
+/* The request's history, made now if it has none; null without memory. */
 static request_history_t* note_age(netsnmp_request_info* request, int64_t born)
 {
     request_history_t* history = history_of(request);
@@ -252,9 +253,10 @@ static request_history_t* note_age(netsnmp_request_info* request, int64_t born)
 }
 
 /*
- * A request that the master repeats is of the same transaction. Of those the
- * library goes on with one search only and forgets the others, which are never
- * answered: while cards are asked, each has a number that no master gives.
+ * A request that the master repeats has the transaction ID of the first one.
+ * Of outstanding GETNEXTs with one ID the library goes on with a single one
+ * and never answers the others. So each has an ID that no master gives while
+ * its cards are asked.
  */
 static void set_transaction_aside(netsnmp_request_info* request, request_history_t* history)
 {
@@ -273,7 +275,7 @@ static void bring_transaction_back(netsnmp_request_info* request, request_histor
     }
 }
 
-/* Has the library ask for what follows the cell that could not be read; -1 without memory. */
+/* Has the library search again behind the cell that could not be read; -1 without memory. */
 static int pass_by(netsnmp_request_info* request, int64_t born)
 {
     request_history_t* history = note_age(request, born);
@@ -281,7 +283,7 @@ static int pass_by(netsnmp_request_info* request, int64_t born)
         return -1;
     }
     history->passed++;
-    request->inclusive = 0; /* the cell's own name is behind us */
+    request->inclusive = 0; /* the cell's own name must not be found again */
     snmp_set_var_typed_value(request->requestvb, ASN_PRIV_RETRY, nullptr, 0);
     return 0;
 }
@@ -299,8 +301,8 @@ bool jsonmib_cells_answer(tpg_context_t* ctx)
 }
 
 /*
- * The library keeps pointers into its tree of registrations for every GETNEXT
- * that is outstanding, and changes the tree under them.
+ * For every outstanding GETNEXT the library keeps pointers into its tree of
+ * registrations, and they would dangle when the tree changes.
  */
 void jsonmib_cells_settle(tpg_context_t* ctx)
 {
@@ -328,7 +330,7 @@ void jsonmib_cells_turn_over(tpg_context_t* ctx)
 
 /* ---- what generic and fault tables share ---- */
 
-/* Index columns are expected to be columns 1 and 2. */
+/* Index columns must be columns 1 and 2, in the order of the row index. */
 int jsonmib_cell_serve_index(const jsonmib_cell_t* cell)
 {
     const auto first = static_cast<unsigned long>(*cell->row->indexes->val.integer);
@@ -404,7 +406,7 @@ static int write_data(const jsonmib_cell_t* cell, const uint8_t* data, uint32_t 
     return result == 0 ? SNMP_ERR_NOERROR : failed(cell->ctx, &ask, result);
 }
 
-/* The written integer as the card counts. */
+/* Sends the integer as the card counts. */
 static int write_integer(const jsonmib_cell_t* cell)
 {
     const jsonmib_coding_t* coding = &cell->param->coding;

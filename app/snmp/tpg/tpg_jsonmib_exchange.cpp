@@ -8,8 +8,8 @@
 #include <event2/event.h>
 
 constexpr int64_t SECOND_US = 1000000;
-constexpr int64_t SILENT_US = SECOND_US / 5; /* an exchange has with a daemon that is silent */
-constexpr int64_t CONNECT_RETRY_US = 10000;  /* between attempts while the backlog is full */
+constexpr int64_t SILENT_US = SECOND_US / 5; /* how long a silent daemon has for an exchange */
+constexpr int64_t CONNECT_RETRY_US = 10000;  /* between attempts at a full backlog */
 
 jsonmib_queue_t* jsonmib_exchange_queue(tpg_context_t* ctx, uint32_t slot_no)
 {

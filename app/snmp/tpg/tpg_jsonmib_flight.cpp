@@ -23,8 +23,8 @@ static void connection_lost(tpg_context_t*, uint32_t slot_no, const char* why);
 static void fail_waiting(tpg_context_t*, uint32_t);
 
 constexpr int64_t SECOND_US = 1000000;
-constexpr int64_t QUICK_US = 500;   /* a reply that is worth waiting for in place */
-constexpr long SHORT_WAIT_US = 100; /* for such a reply */
+constexpr int64_t QUICK_US = 500;   /* the longest answer time of a quick daemon */
+constexpr long SHORT_WAIT_US = 100; /* how long the answer of a quick daemon is waited for */
 static_assert(sizeof(jsonmib_queue_t::head) == UEVGEND_DATA_OFS);
 
 static const jsonmib_ipc_info_t* ipc_of(const tpg_context_t* ctx, uint32_t slot_no)
@@ -34,7 +34,7 @@ static const jsonmib_ipc_info_t* ipc_of(const tpg_context_t* ctx, uint32_t slot_
 
 /* ---- the daemon ---- */
 
-/* Since a time. Said once, however many requests meet it. */
+/* The daemon has given no answer since that time. Logged once, however many requests fail. */
 static void daemon_went(tpg_context_t* ctx, uint32_t slot_no, int64_t since, const char* why)
 {
     jsonmib_queue_t* queue = jsonmib_exchange_queue(ctx, slot_no);
@@ -45,7 +45,7 @@ static void daemon_went(tpg_context_t* ctx, uint32_t slot_no, int64_t since, con
     }
 }
 
-/* It has given an answer. */
+/* The daemon has given an answer. */
 static void daemon_came(tpg_context_t* ctx, uint32_t slot_no)
 {
     jsonmib_queue_t* queue = jsonmib_exchange_queue(ctx, slot_no);
@@ -103,7 +103,8 @@ void jsonmib_flight_start_next(tpg_context_t* ctx, uint32_t slot_no, int64_t now
     }
 }
 
-/* 0 when it is sent, JSONMIB_IPC_BUSY when it is to be tried again, or the exchange's result. */
+/* Sends the first exchange that waits. 0, JSONMIB_IPC_BUSY (to be tried again), or the result with
+ * which the exchange fails. */
 static int send_first(tpg_context_t* ctx, uint32_t slot_no)
 {
     jsonmib_queue_t* queue = jsonmib_exchange_queue(ctx, slot_no);
@@ -125,7 +126,7 @@ static int send_first(tpg_context_t* ctx, uint32_t slot_no)
     return result;
 }
 
-/* 0, JSONMIB_IPC_BUSY, or the exchange's result. */
+/* Connects the slot and watches the connection. Results as of send_first. */
 static int connect_slot(tpg_context_t* ctx, uint32_t slot_no)
 {
     jsonmib_queue_t* queue = jsonmib_exchange_queue(ctx, slot_no);
@@ -140,7 +141,7 @@ static int connect_slot(tpg_context_t* ctx, uint32_t slot_no)
         return result;
     }
     queue->connecting_since = 0;
-    queue->quick = true; /* most are */
+    queue->quick = true; /* as most daemons are, until this one is seen to be slow */
     queue->down = result != 0;
     queue->walked_at = now;
     if (queue->down) {
@@ -173,9 +174,10 @@ static void readable_cb(int fd, short what, void* arg)
 }
 
 /*
- * Reported once, when it comes: a reply that is there at once needs no report,
- * and what a daemon does unasked is left for the next exchange to find. Of a
- * connection that cannot be watched, nothing would be heard; -1, disconnected.
+ * Has the event loop report what comes on the connection. Each arrival is
+ * reported once (EV_ET): bytes that no request waits for are left for the next
+ * exchange, and must not wake the loop again and again. Returns -1,
+ * disconnected, when the connection cannot be watched.
  */
 static int watch(tpg_context_t* ctx, uint32_t slot_no)
 {
@@ -242,7 +244,7 @@ void jsonmib_flight_receive(tpg_context_t* ctx, uint32_t slot_no, bool at_once)
     }
 }
 
-/* What the reply that is being read answers; null: its head has yet to tell. */
+/* The request whose reply is being read; null until the reply's head has told which. */
 static const jsonmib_asked_t* being_read(const jsonmib_queue_t* queue)
 {
     if (queue->reading == JSONMIB_READS_UNKNOWN) {
@@ -253,7 +255,11 @@ static const jsonmib_asked_t* being_read(const jsonmib_queue_t* queue)
                : &queue->replies.dead[queue->reading - JSONMIB_READS_DEAD];
 }
 
-/* Of the reply that is being read: the head, and as much of the data as is known to be its. */
+/*
+ * Receives more of the reply that is being read: its head first, then its
+ * data. Data that nobody waits for is thrown away. Results as of
+ * jsonmib_ipc_take.
+ */
 static ssize_t take_bytes(tpg_context_t* ctx, uint32_t slot_no)
 {
     static uint8_t waste[1024];
@@ -305,7 +311,7 @@ static void reply_is_whole(tpg_context_t* ctx, uint32_t slot_no)
     }
 }
 
-/* The one request that was out fails, the others go out on the next connection. */
+/* Fails the request that was out; those that wait go out on the next connection. */
 static void connection_lost(tpg_context_t* ctx, uint32_t slot_no, const char* why)
 {
     jsonmib_queue_t* queue = jsonmib_exchange_queue(ctx, slot_no);

@@ -1,4 +1,4 @@
-/* Late answers: told by the variable they name, then by their type. */
+/* Matches late replies with requests: by the variable that they name, then by their type. */
 #include "tpg_jsonmib_late.h"
 
 #include "uevgend_msg_i.h"
@@ -6,14 +6,14 @@
 #include <algorithm>
 #include <cstring>
 
-static bool same_cell(const jsonmib_asked_t*, const jsonmib_asked_t*);
-static bool names(const uint8_t*, const jsonmib_asked_t*);
+static bool same_cell(const jsonmib_asked_t* a, const jsonmib_asked_t* b);
+static bool names(const uint8_t* head, const jsonmib_asked_t* asked);
 static bool types_differ(const jsonmib_replies_t*);
 static bool of_type(const jsonmib_replies_t*, const jsonmib_asked_t*, const uint8_t*);
 static int32_t whose_by_type(const jsonmib_replies_t*, const jsonmib_asked_t*, const uint8_t*,
-                             bool);
+                             bool named);
 
-/* What every reply holds in front of its data. */
+/* The beginning of every reply. */
 struct reply_head_t {
     com_msg_head_t head;
     uint32_t ulVarId;
@@ -51,7 +51,7 @@ static bool types_differ(const jsonmib_replies_t* replies)
            replies->get_type != replies->set_type;
 }
 
-/* True when the reply is of the type that such requests get. */
+/* True when the reply has the type that this daemon answers such requests with. */
 static bool of_type(const jsonmib_replies_t* replies, const jsonmib_asked_t* asked,
                     const uint8_t* head)
 {
@@ -76,14 +76,15 @@ int32_t jsonmib_late_whose(const jsonmib_replies_t* replies, const jsonmib_asked
     }
     if (mine && flight->type == UEVGEND_MSG_GET &&
         (only_reads || (types_differ(replies) && of_type(replies, flight, head)))) {
-        return JSONMIB_READS_FLIGHT; /* whoever asked, the value is the one that is wanted */
+        return JSONMIB_READS_FLIGHT; /* an answer to an earlier GET of the cell would do as well */
     }
     return whose_by_type(replies, mine == theirs ? flight : nullptr, head, theirs);
 }
 
 /*
- * By the reply's type, among the dead requests that it names (or all, if it
- * names none) and flight, if that is one of them; else the oldest.
+ * Picks the request by the reply's type: the oldest dead one of that type,
+ * else flight (null when it is out of the question), else the oldest dead one.
+ * named: only dead requests whose variable the reply names come into question.
  */
 static int32_t whose_by_type(const jsonmib_replies_t* replies, const jsonmib_asked_t* flight,
                              const uint8_t* head, bool named)

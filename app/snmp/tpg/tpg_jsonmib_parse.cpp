@@ -1,4 +1,4 @@
-/* Tables, indexes, columns and trap bindings of a document. */
+/* Reads the tables of a document, with their indexes and columns, and its trap bindings. */
 #include "tpg_jsonmib_parse.h"
 
 #include "tpg_file.h"
@@ -14,7 +14,7 @@
 #include <cstring>
 #include <string_view>
 
-static int require_type(tpg_context_t*, json_object*, json_type, const char*, size_t);
+static int require_type(tpg_context_t*, json_object*, json_type, const char* where, size_t i);
 static int parse_table(tpg_context_t*, json_object*, jsonmib_table_info_t*);
 static int parse_table_array(tpg_context_t*, const char*, json_object*, jsonmib_table_info_t*);
 static int parse_table_oid(tpg_context_t*, json_object*, jsonmib_table_info_t*);
@@ -42,7 +42,7 @@ static bool is_fault_table(const jsonmib_table_info_t* jsonmib_table)
     return (jsonmib_table->flags & JSONMIB_TABLE_FAULT) != 0;
 }
 
-/* 0 when the i-th element of the array called where has the type; otherwise logged, and -1. */
+/* 0 when jobj, element i of the array called where, has the type; otherwise -1 (logged). */
 static int require_type(tpg_context_t* ctx, json_object* jobj, json_type type, const char* where,
                         size_t i)
 {
@@ -121,7 +121,7 @@ int jsonmib_proc_fault_table_array(tpg_context_t* ctx, json_object* jobj_array,
     return 0;
 }
 
-/* Switches are stored by the name of their table. */
+/* Switches are stored under the name of their table, so tables of one name share them. */
 static void warn_of_equal_names(tpg_context_t* ctx,
                                 const tpg_jsonmib_register_info_t* jsonmib_reginfo)
 {
@@ -183,7 +183,7 @@ int jsonmib_proc_one_fault_table(tpg_context_t* ctx, json_object* jobj,
     return 0;
 }
 
-/* A table record with one reference, or null (logged). */
+/* A new table record with one reference, the caller's; null (logged) without memory. */
 static jsonmib_table_info_t* new_table(tpg_context_t* ctx,
                                        tpg_jsonmib_register_info_t* jsonmib_reginfo, uint32_t flags)
 {
@@ -200,7 +200,7 @@ static jsonmib_table_info_t* new_table(tpg_context_t* ctx,
     return jsonmib_table;
 }
 
-/* A parsed and validated record, or null (logged). */
+/* A new table record from its definition, read and validated; null (logged) on failure. */
 static jsonmib_table_info_t* parse_one_table(tpg_context_t* ctx, json_object* jobj,
                                              tpg_jsonmib_register_info_t* jsonmib_reginfo,
                                              uint32_t flags)
@@ -241,7 +241,7 @@ static int parse_table(tpg_context_t* ctx, json_object* jobj, jsonmib_table_info
     if (std::ranges::none_of(jsonmib_table->index_info, [](const jsonmib_index_info_t& index) {
             return (index.flags & JSONMIB_INDEX_SLOT) != 0;
         })) {
-        append_slot_index(jsonmib_table, 0); /* no "index_array": the rows are the slots */
+        append_slot_index(jsonmib_table, 0); /* no "index_array": a row for each slot */
     }
     return 0;
 }
@@ -491,7 +491,7 @@ static bool parse_param_int(tpg_context_t* ctx, const char* key, json_object* va
     return true;
 }
 
-/* A writable integer of a generic table that no value could satisfy takes any that is not negative.
+/* A writable integer of a generic table whose range admits no value is given the range from 0 up.
  */
 static void repair_param_range(tpg_context_t* ctx, const jsonmib_table_info_t* jsonmib_table,
                                jsonmib_table_param_info_t* param)
@@ -559,7 +559,7 @@ static void parse_binding(tpg_context_t* ctx, json_object* jobj,
     }
 }
 
-/* An oversized OID stays empty; the registration goes on. */
+/* An OID that is too long is logged and left empty; the card is registered all the same. */
 static void parse_binding_oid(tpg_context_t* ctx, json_object* value,
                               jsonmib_trap_bindings_info_t* trap_bindings_info)
 {
@@ -571,7 +571,7 @@ static void parse_binding_oid(tpg_context_t* ctx, json_object* value,
     jsonmib_read_oid(value, trap_bindings_info->oid, &trap_bindings_info->oid_len);
 }
 
-/* Room for 16 more ranges; the list stays as it is when there is no memory. */
+/* Makes room for 16 more ranges. Without memory the list stays as it is; -1 (logged). */
 static int grow_specific_list(tpg_context_t* ctx, jsonmib_trap_bindings_info_t* trap_bindings_info,
                               size_t* specific_max)
 {
@@ -587,7 +587,7 @@ static int grow_specific_list(tpg_context_t* ctx, jsonmib_trap_bindings_info_t* 
     return 0;
 }
 
-/* Both numbers wrap around at 16 bits; each ends at its first non-digit. */
+/* A number ends at its first character that is no digit, and wraps around at 16 bits. */
 int jsonmib_parse_specific_string(tpg_context_t* ctx,
                                   jsonmib_trap_bindings_info_t* trap_bindings_info,
                                   const char* specific_string)

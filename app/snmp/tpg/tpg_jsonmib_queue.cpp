@@ -1,4 +1,4 @@
-/* Exchanges with the slots' daemons: starting them, their timers, all slots together. */
+/* Starts exchanges with the slots' daemons, sees to their time, and ends them, for all slots. */
 #include "tpg_jsonmib_queue.h"
 
 #include "tpg_jsonmib_exchange.h"
@@ -14,7 +14,8 @@ static void timer_cb(int fd, short what, void* arg);
 static void check_time(tpg_context_t*, uint32_t);
 
 constexpr int64_t SECOND_US = 1000000;
-constexpr int64_t WALK_RETRY_US = SECOND_US; /* between a walk's attempts at an unreadable slot */
+constexpr int64_t WALK_RETRY_US =
+    SECOND_US; /* between two attempts of a walk at an unreadable slot */
 
 bool jsonmib_queue_start(tpg_context_t* ctx, jsonmib_exchange_t* exchange)
 {
@@ -48,7 +49,7 @@ bool jsonmib_queue_start(tpg_context_t* ctx, jsonmib_exchange_t* exchange)
         }
         exchange->complete = later;
     }
-    /* Created with the first exchange that has to wait; whatever is due later finds it there. */
+    /* The timer is created here, for the first exchange that waits, and serves all later ones. */
     if (queue->timer == nullptr && ctx->levent_base != nullptr) {
         queue->timer = event_new(ctx->levent_base, -1, 0, timer_cb, ctx);
     }
@@ -58,7 +59,8 @@ bool jsonmib_queue_start(tpg_context_t* ctx, jsonmib_exchange_t* exchange)
 
 /* ---- time ---- */
 
-/* The loop's clock may stand a little behind: what has run out is what is not pending any more. */
+/* Looks for the timers that have run out by asking which are no longer pending: the loop's clock
+ * may be a little behind the agent's, and a deadline not yet reached by the latter. */
 static void timer_cb(int fd, short what, void* arg)
 {
     (void)fd;
@@ -83,7 +85,7 @@ static void check_time(tpg_context_t* ctx, uint32_t slot_no)
         jsonmib_flight_timed_out(ctx, slot_no);
     } else if (queue->owner != nullptr && now >= jsonmib_exchange_limit(queue, queue->owner)) {
         jsonmib_exchange_t* owner = queue->owner;
-        queue->owner = nullptr; /* its request stays out: the daemon has not had its time */
+        queue->owner = nullptr; /* its request stays out: the daemon still has time to answer it */
         jsonmib_exchange_timed_out(ctx, owner);
     }
     jsonmib_exchange_t* next = nullptr;

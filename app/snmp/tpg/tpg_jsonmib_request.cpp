@@ -1,4 +1,4 @@
-/* A request on a cell: its row, its column, its phase. */
+/* Finds the cell that a request is about, by column and row index, and has it read or written. */
 #include "tpg_jsonmib_request.h"
 
 #include "tpg_jsonmib_column.h"
@@ -112,7 +112,7 @@ static int proc_one(const table_kind_t* kind, netsnmp_request_info* request,
 
 /* ---- what generic and fault tables share ---- */
 
-/* Texts of the row's number of indexes, the slot among them. */
+/* Debug text about the row index: its number of values, with the slot. */
 static void debug_row(const jsonmib_cell_t* cell, uint32_t total)
 {
     static constexpr const char* WORDS[] = {"single", "double", "triple"};
@@ -129,7 +129,7 @@ static void debug_row(const jsonmib_cell_t* cell, uint32_t total)
     }
 }
 
-/* Fills instance and index; an SNMP error status when the row cannot be asked of a card. */
+/* Fills instance and index from the row index; an SNMP error status when no card has such a row. */
 static int locate_row(jsonmib_cell_t* cell)
 {
     uint32_t values[JSONMIB_CARD_INDEXES + 1] = {};
@@ -153,7 +153,7 @@ static int locate_row(jsonmib_cell_t* cell)
     return SNMP_ERR_NOERROR;
 }
 
-/* Fills instance, index, colnum and param; an SNMP error status when the cell cannot be. */
+/* Fills instance, index, colnum and param; an SNMP error status when there can be no such cell. */
 static int locate_cell(jsonmib_cell_t* cell, netsnmp_table_request_info* table_reqinfo)
 {
     const int status = locate_row(cell);
@@ -204,7 +204,7 @@ static void debug_set_phase(const char* phase, netsnmp_variable_list* var)
     DEBUGMSG(("jsonmib", "\n"));
 }
 
-/* The card is written in the ACTION phase and never asked to undo. */
+/* The card is written in the action phase; nothing is undone. */
 static int set_phase(const jsonmib_cell_t* cell)
 {
     switch (cell->mode) {
@@ -309,7 +309,8 @@ static int read_cell(const jsonmib_cell_t* cell, const netsnmp_agent_request_inf
     return asks ? jsonmib_cell_read(cell->ctx, agent_reqinfo, request, cell->var, &ask) : status;
 }
 
-/* The library's record of the request for var; null when there is none to be answered later. */
+/* The library's request that var belongs to; null when there is none, and so none can be answered
+ * later. */
 static netsnmp_request_info* request_of(const netsnmp_agent_request_info* agent_reqinfo,
                                         const netsnmp_variable_list* var)
 {

@@ -1,7 +1,7 @@
 #ifndef TPG_JSONMIB_REQUEST_H
 #define TPG_JSONMIB_REQUEST_H
 
-/* GET and SET on the cells of generic and fault tables. */
+/* Requests on generic and fault tables: the library's handlers for them, GET and SET of a cell. */
 
 #include "tpg.h"
 #include "tpg_snmp.h"
@@ -17,10 +17,10 @@ int jsonmib_fault_table_helper_handler(netsnmp_mib_handler* handler,
                                        netsnmp_request_info* requests);
 
 /*
- * One request of a generic or fault table: var is answered or written.
- * table_reqinfo tells the column, iterator_reqinfo the row's index values.
- * Returns an SNMP error status, 0 for success; a request of the library's may
- * have been marked as answered later.
+ * Serves one varbind of a request on a generic or fault table: reads the cell
+ * into var, or writes var to it. table_reqinfo holds the column, iterator_reqinfo
+ * the row index. Returns an SNMP error status, 0 for success; a cell that is
+ * answered later has its request marked as delegated.
  */
 int jsonmib_gen_table_proc_agent_request(netsnmp_variable_list* var,
                                          netsnmp_table_request_info* table_reqinfo,
