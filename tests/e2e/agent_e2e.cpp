@@ -27,7 +27,6 @@ TEST_F(World, BoardDecidesBeforeTheOptions)
         EXPECT_EQ(proc_end(&w.tpg, 0), -SIGABRT) << board;
         EXPECT_EQ(log_count(w, "unsupported BASE_BOARD " + board + "!"), board.empty() ? 0 : 1);
         EXPECT_EQ(log_count(w, "set the environment variable BASE_BOARD to 3100KX or 3101KX"), 1);
-        EXPECT_FALSE(fs::exists(TPG_SVR_PATH));
     }
     tpg_start(&w, {"-L", "?"}, "3101KX", false);
     EXPECT_EQ(proc_end(&w.tpg, 0), 255);
@@ -56,7 +55,6 @@ TEST_F(World, HelpAndVersionAreAllThatSuchAWordBrings)
          {"option -z", "option --debug", "argument status", "option --help=x", "option -t"}) {
         EXPECT_EQ(log_count(w, ": " + what + " is ignored"), 1) << what;
     }
-    EXPECT_FALSE(has(read_file(w.tpg.log), "invalid option"));
 }
 
 TEST_F(World, HangupReadsTheDebugMarkerAnew)
@@ -125,7 +123,7 @@ TEST_F(World, OptionsSwitchTracesOn)
                   "\nDebug tokens total=8\nkk=0, a\nkk=1, b\nkk=2, c\nkk=3, d\nkk=4, e\n"
                   "kk=5, readcb\nkk=6, " +
                   std::string(31, 'x') + "\nkk=7, h\n");
-    /* What has come of an incomplete payload is overwritten by what comes next. */
+    /* A payload that comes in part is thrown away: what comes next is read from its beginning on. */
     const std::string whole = bytes_of(card(4));
     const int slow = client_connect();
     client_send(slow, whole.substr(0, 100));

@@ -61,6 +61,7 @@ struct ctrl : testing::Test {
     jsonmib_queue_t* queue = &ctx->jsonmib_queue[2];
     int listener = (unlink(daemon_path(3).c_str()), unix_socket(daemon_path(3), true));
     int peer = -1;
+    int crowd = -1; /* fills the backlog */
     std::deque<request_t> requests;
     std::string rest, input; /* of a reply that was sent in part; what the daemon has read */
     std::string told;
@@ -103,7 +104,7 @@ struct ctrl : testing::Test {
             }
         }
         fcntl(listener, F_SETFL, O_NONBLOCK);
-        if (const int fd = accept(listener, nullptr, nullptr); fd >= 0) {
+        if (const int fd = crowd < 0 ? accept(listener, nullptr, nullptr) : -1; fd >= 0) {
             close(std::exchange(peer, fd));
             rest.clear();
             input.clear();
@@ -115,7 +116,8 @@ struct ctrl : testing::Test {
         }
     }
     /* ?g7 is a request, !g7a a reply, /g7a the first 10 bytes of one and ! its rest, 5s time that
-     * passes, x the end of the connection, - the daemon's end and + its return. */
+     * passes, x the end of the connection, - the daemon's end and + its return, f a full backlog
+     * and e its end, a abandons the last request and counts those that are left. */
     std::string story(const std::string& text)
     {
         std::istringstream words(text);
@@ -129,6 +131,15 @@ struct ctrl : testing::Test {
                 rest.erase(0, word[0] == '/' ? 10 : rest.size());
             } else if (word == "u") {
                 told += jsonmib_queue_unreadable(ctx.get()) == 0 ? "tried " : "passed ";
+            } else if (word == "a") {
+                jsonmib_queue_abandon(ctx.get(), &requests.back().exchange);
+                told += std::to_string(jsonmib_queue_waiting(ctx.get(), 3)) + " ";
+            } else if (word == "f") {
+                listen(listener, 0);
+                crowd = unix_socket(daemon_path(3));
+            } else if (word == "e") {
+                close(accept(listener, nullptr, nullptr));
+                close(std::exchange(crowd, -1));
             } else if (word == "x") {
                 close(std::exchange(peer, -1));
             } else if (word == "-") {
@@ -187,6 +198,9 @@ TEST_F(ctrl, stories)
         {"?g7 !g7a x ?g8 ?g9 !g9c", "+ >g7 g7=a g8! + >g9 g9=c "},
         {"?g7 /g7a / / 5s ?g8 !g8b", "+ >g7 g7! + >g8 g8=b "},
         {"?g7 5s /g7a 5s ?g8 !g8b", "+ >g7 g7! + >g8 g8=b "},
+        /* A daemon whose backlog is full for a moment; a request that is abandoned in the queue. */
+        {"f ?g7 1s e ?s8 !g7a !s8k", "+ >g7 g7=a >s8 s8=k "},
+        {"?g7 ?g8 ?g9 a ?s1 !g7a !g8b !s1k", "+ >g7 2 g9! g7=a >g8 g8=b >s1 s1=k "},
         /* Walks pass a silent slot by, but for one of them in a while. */
         {"?g7 5s u 11s u ?n8 u", "+ >g7 g7! passed tried >g8 passed "},
         /* A silent daemon has 200 ms, and no second request before its 5 s are over. */
@@ -220,6 +234,7 @@ TEST_F(ctrl, that_a_daemon_goes_and_comes_is_said_once)
          "0.0 s, requests failed: 1"},
         {"- ?g7 ?s8 7s ?n9 + ?g9 !g9a", "it cannot be connected", "7.0 s, requests failed: 3"},
         {"?g7 !g7a x ?s8 ?g9 !g9a", "it takes no request", "0.0 s, requests failed: 1"},
+        {"f ?g7 ?s8 5s e ?g9 !g9a", "it accepts no connection", "5.0 s, requests failed: 2"},
         {"?g7 3s !g7x x", "", ""},
     };
     for (const auto& [steps, why, back] : stories) {

@@ -73,7 +73,6 @@ static netsnmp_handler_registration* found(const std::vector<oid>& arcs)
  * elements, I for an index.
  */
 constexpr char DOCUMENTS[] = R"(top {} | 0 ok
-top {'other':null} | 0 Warn unknown json type 0
 top [] | -1 Error the document is of json type 5, expected an object
 top { | -1 Error json_tokener_parse_ex failed, continue
 top {'enterprise_oid':@128,'instslot_oid':@128} | 0 ok
@@ -92,14 +91,12 @@ gen ,'index_array':[{'range0':1}] | -1 Error missing index pair, find 1
 gen ,'index_array':[I,I,I,I,I,I] | -1 Error arraylen 6 > index_info_max 5
 gen ,'index_array':[I,I,I,I,I],'oid':@120 | 0 ok
 gen ,'index_array':[I,I,I,I,I],'oid':@121 | -1 Error table t1: an oid of 121 elements leaves no room
-gen ,'oid':@128 | -1 Error table t1: an oid of 128 elements leaves no room for cells, at most 125
 gen ,'oid':[0,3] | -1 Error Validation jsonmib_table failed! name[t1], oid0[0], param_info[
 gen ,'name':'nnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnN!','oid':[0,3] | -1 Error Validation jsonmib_table failed! name[nnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnN], oid0[0]
 gen ,'oid':@129 | -1 Error arraylen 129 > oid_max_len 128
 gen ,'oid':[3,1] | -1 Error table t1: an oid cannot begin with 3
 gen ,'x':[],'y':7 | 0 Warn unknown json type 3
 gen ,'x':'y' | 0 Warn unknown key x, value y
-gen ,'index_array':[{'range0':1}] | -1 Error missing index pair, find 1
 gen ,'index_array':[{'x':1,'range0':1,'range1':2}] | 0 Warn unknown key x
 gen ,'param_array':[null] | -1 Error param_array[0] is of json type 0, expected 4 (object)
 columns  | -1 Error param arraylen is zero
@@ -194,21 +191,21 @@ TEST(jsonmib, a_withdrawn_table_leaves_a_tombstone)
     EXPECT_EQ(answer(MODE_GET), (std::pair<int, int>(0, SNMP_NOSUCHOBJECT)));
     EXPECT_EQ(answer(MODE_GETNEXT), (std::pair<int, int>(0, ASN_NULL)));
     EXPECT_EQ(answer(MODE_SET_RESERVE1).first, SNMP_ERR_NOTWRITABLE);
-    EXPECT_EQ(answer(MODE_SET_ACTION).first, SNMP_ERR_NOTWRITABLE);
     EXPECT_EQ(answer(MODE_SET_COMMIT).first, 0);
 
     card.record = &card.ctx->jsonmib_reg_info[3]; /* another card, whose table has another name */
-    EXPECT_EQ(card.loaded(tables("{'name':'new'," + table("21").substr(table("21").find("'oid'")))),
-              "0 ");
-    EXPECT_EQ(served({{21}, {22}}), "new t22+");
+    EXPECT_EQ(
+        card.loaded(tables("{'name':'\\u0001'," + table("21").substr(table("21").find("'o")))),
+        "0 ");
+    EXPECT_EQ(served({{21}, {22}}), "? t22+");
     EXPECT_EQ(found({21}), registration);
     EXPECT_EQ(card.record->gen_table_reginfo[0], registration);
     card.record = &card.ctx->jsonmib_reg_info[2];
     EXPECT_TRUE(has(card.loaded(tables(table("22") + "," + table("21"))),
                     "netsnmp_register_table_iterator failed"));
-    EXPECT_EQ(served({{21}, {22}}), "new t22");
+    EXPECT_EQ(served({{21}, {22}}), "? t22");
     card.unload();
-    EXPECT_EQ(served({{21}, {22}}), "new -");
+    EXPECT_EQ(served({{21}, {22}}), "? -");
     card.record = &card.ctx->jsonmib_reg_info[3];
 }
 

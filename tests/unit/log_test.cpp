@@ -107,11 +107,9 @@ TEST_F(log_limit, is_summed_up_in_time)
     for (int round = 0; round < 2; round++) {
         lines_of(ctx.get(), 5, 600);
         syslog_text.clear();
-        const auto begin = std::chrono::steady_clock::now();
         tpg_log_before_turn(ctx.get());
         EXPECT_EQ(event_base_loop(ctx->levent_base, EVLOOP_ONCE), 0);
         EXPECT_TRUE(has(syslog_text, " more like this")) << syslog_text;
-        EXPECT_LE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
     }
     lines_of(ctx.get(), 5, 600);
     ctx->log_limit.sum_at -= 1000;

@@ -397,7 +397,7 @@ void tpg_db_recall_sendtrap_persistence(tpg_context_t* ctx, jsonmib_table_info_t
         TPG_ERROR(ctx, "sendtrap_json_db is NULL");
         return;
     }
-    if (row == nullptr) {
+    if (row == nullptr) { /* the card is in no slot that has switches */
         return;
     }
     const jsonmib_table_name_t name = jsonmib_table_name(jsonmib_table);

@@ -133,6 +133,8 @@ static void debug_row(const jsonmib_cell_t* cell, uint32_t total)
 static int locate_row(jsonmib_cell_t* cell)
 {
     uint32_t values[JSONMIB_CARD_INDEXES + 1] = {};
+    /* Rows come from the table's own records. Should one of these be wrong, the number of indexes
+     * and the slot must still not lead beyond an array. */
     const uint32_t total = cell->row->number_indexes;
     if (total < 1 || total > std::size(values)) {
         DEBUGMSGTL(("jsonmib", "invalid number_indexes = %d\n", total));
@@ -160,7 +162,7 @@ static int locate_cell(jsonmib_cell_t* cell, netsnmp_table_request_info* table_r
     if (status != SNMP_ERR_NOERROR) {
         return status;
     }
-    cell->colnum = table_reqinfo->colnum;
+    cell->colnum = table_reqinfo->colnum; /* the library has checked it, other callers may not */
     if (cell->colnum < 1 || cell->colnum > cell->table->param_total) {
         DEBUGMSGTL(("jsonmib", "invalid table_request->colnum %d\n", cell->colnum));
         TPG_ERROR(cell->ctx, "invalid table_request->colnum %d", cell->colnum);
@@ -227,7 +229,7 @@ static int set_phase(const jsonmib_cell_t* cell)
     case MODE_SET_UNDO:
         debug_set_phase("MODE_SET_UNDO", cell->var);
         break;
-    default:
+    default: /* only if the library should gain another mode */
         DEBUGMSGTL(("jsonmib", "invalid reqinfo->mode %d\n", cell->mode));
         break;
     }

@@ -455,7 +455,7 @@ static u_char* legacymib_read(FindVarMethod* reader, legacymib_value_t* value,
         return nullptr;
     }
     const legacymib_column_t* column = legacymib_column(group, find.vp->magic);
-    if (column == nullptr) {
+    if (column == nullptr) { /* a variable was registered with another group's function */
         snmp_set_detail("Unknown magic number!\n");
         return nullptr;
     }
@@ -530,12 +530,14 @@ static u_char* legacymib_get_string(const legacymib_find_t& find, legacymib_valu
 static int legacymib_write(WriteMethod* writer, const legacymib_write_t& write)
 {
     const legacymib_group_t& group = *std::ranges::find(groups, writer, &legacymib_group_t::write);
-    if (write.name_len < 2) {
+    if (write.name_len < 2) { /* the next lines look at the last two arcs */
         return SNMP_ERR_NOSUCHNAME;
     }
     const oid row = write.name[write.name_len - 1];
     const legacymib_column_t* column = legacymib_column(group, write.name[write.name_len - 2]);
     const bool is_table = group.rows != SCALARS;
+    /* The library finds the cell with the read function first, which has refused these already;
+     * they must not be written even if it should call this one by itself. */
     if (column == nullptr || (is_table && (row == 0 || row > group.rows))) {
         return SNMP_ERR_NOSUCHNAME;
     }

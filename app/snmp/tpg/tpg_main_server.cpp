@@ -555,8 +555,8 @@ static bool header_accepted(const com_msg_head_t* head)
 }
 
 /*
- * Only a whole payload counts: what has come of an incomplete one is overwritten by what comes
- * next. Cards write each message in one piece.
+ * Reads the payload whole or not at all. Bytes of an incomplete one are thrown away, and what comes
+ * next is read as its beginning: cards write each message in one piece.
  */
 static step_t read_payload(tpg_context_t* ctx, tpg_ipc_clnt_t* client)
 {
