@@ -28,8 +28,9 @@ static int read_stream(FILE* stream, std::string* text)
 {
     char piece[65536];
     size_t length;
-    while ((length = fread(piece, 1, sizeof piece, stream)) > 0)
+    while ((length = fread(piece, 1, sizeof piece, stream)) > 0) {
         text->append(piece, length);
+    }
     return ferror(stream) ? -1 : 0;
 }
 
@@ -39,8 +40,9 @@ int author_read(const std::string& file, std::string* text)
     std::unique_ptr<FILE, int (*)(FILE*)> stream(is_stdin ? stdin : fopen(file.c_str(), "rb"),
                                                  is_stdin ? fflush : fclose);
     text->clear();
-    if (stream && read_stream(stream.get(), text) == 0)
+    if (stream && read_stream(stream.get(), text) == 0) {
         return 0;
+    }
     author_say("cannot read %s: %s", author_file_name(file).c_str(), strerror(errno));
     return -1;
 }

@@ -84,7 +84,7 @@ constexpr author_key_t trap_info_keys[] = {
     {"index_ofs_2", json_type_int, need::optional, misfit::passed_over, COUNT, nullptr,
      "What the number grows by from one second index to the next.", "it is taken without its sign"},
 };
-const author_shape_t trap_info_shape = {
+constexpr author_shape_t trap_info_shape = {
     "trap_info",
     "trap_info",
     "How rows become trap numbers: specific_start + i1 * index_ofs_1 + i2 * index_ofs_2 + what the "

@@ -17,8 +17,9 @@ int main(int argc, char** argv)
     CLI::App line("Checks a card's jsonmib document and makes things from it", AUTHOR_PROGRAM);
     line.set_version_flag("-V,--version", std::string(AUTHOR_PROGRAM) + " " TPG_VERSION);
     line.require_subcommand(1);
-    for (author_add_t add : commands)
+    for (author_add_t add : commands) {
         add(line, &status);
+    }
     try {
         line.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

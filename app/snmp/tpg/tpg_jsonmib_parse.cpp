@@ -127,7 +127,8 @@ static void warn_of_equal_names(tpg_context_t* ctx,
 {
     using table_t = const jsonmib_table_info_t*;
     const size_t n = jsonmib_reginfo->fault_table_reginfo_sum;
-    auto* sorted = static_cast<table_t*>(calloc(std::max<size_t>(n, 1), sizeof(table_t)));
+    auto* sorted = static_cast<table_t*>(
+        calloc(std::max<size_t>(n, 1), sizeof(table_t))) /* NOLINT(bugprone-sizeof-expression) */;
     if (sorted == nullptr) {
         TPG_ERROR(ctx, "calloc failed for the names of fault tables, %s", strerror(errno));
         return;

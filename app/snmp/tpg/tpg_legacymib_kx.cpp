@@ -440,7 +440,7 @@ static jsonmib_ask_t legacymib_ask(legacymib_var_map_t var, uint32_t index, u_ch
     ask.index = index;
     ask.length = length;
     ask.type = type;
-    ask.shift = type == ASN_INTEGER ? var.is_enum : 0;
+    ask.shift = type == ASN_INTEGER ? static_cast<int32_t>(var.is_enum) : 0;
     ask.failed = legacymib_absent;
     return ask;
 }

@@ -116,6 +116,9 @@ static int register_table(tpg_context_t* ctx)
     netsnmp_handler_registration* registration = netsnmp_create_handler_registration(
         table_name, table_handler, TABLE_OID, std::size(TABLE_OID), HANDLER_CAN_RONLY);
     if (table == nullptr || columns == nullptr || registration == nullptr) {
+        netsnmp_handler_registration_free(registration);
+        free(columns);
+        netsnmp_tdata_delete_table(table);
         return -1;
     }
     netsnmp_table_helper_add_indexes(columns, ASN_INTEGER, 0);
