@@ -212,6 +212,9 @@ TEST_F(World, MasterAgentMayComeLateAndComeBack)
     for (int round = 0; round < 2; round++) {
         snmpd_start(&w);
         expect_cells(FAM, ONE + "3=3 " + ONE + "4=4");
+        const int watched = log_count(w, " events, total of ");
+        EXPECT_EQ(get(FAM + "." + ONE + "3"), "INTEGER: 3");
+        EXPECT_EQ(log_count(w, " events, total of "), watched);
         proc_end(&w.snmpd, SIGKILL);
         chassis(&w, "unplug 4");
         EXPECT_EQ(chassis(&w, "plug 4"), "ok plug 4 sent");

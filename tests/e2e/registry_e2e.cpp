@@ -75,11 +75,11 @@ TEST_F(World, OldMasterComesBackWhenTheNewCardCannotServe)
     const int fd = plug(8, 6, half);
     EXPECT_TRUE(log_has(w, "Successfully fallback to master 2, but target slot 8"));
     expect_cells(FAM + ".2", served(2, {3}).substr(2));
-    card_library("half", "demo", numbered_document(FAM, 6));
+    card_library("half", "demo", numbered_document(FAM, 9));
     EXPECT_TRUE(
         client_update_acked(fd, client_update(TPG_MSG_LIBMIB_REGISTER, 8, "demo", "FAM", 6, half)));
     /* The card in slot 7 is of the family, if without a document. */
-    expect_cells(FAM, served(6, {3, 7, 8}));
+    expect_cells(FAM, served(9, {3, 7, 8}));
 }
 
 TEST_F(World, FamilyWithoutAnyTablesIsFatal)

@@ -361,7 +361,7 @@ static std::set<std::string> complaints(const std::string& log)
 }
 
 /* The calls of a kind are shared out among so many processes of this test. */
-constexpr int PARTS = 3;
+constexpr int PARTS = 6;
 
 struct calls_t {
     const char* name;
