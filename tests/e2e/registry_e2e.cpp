@@ -69,9 +69,9 @@ TEST_F(World, OldMasterComesBackWhenTheNewCardCannotServe)
     EXPECT_TRUE(log_has(w, "Successfully fallback to master 2, but target slot 7"));
     expect_cells(FAM, served(2, {3}));
     /* The first table of this one gets registered. */
-    const std::string half = card_library(
-        "half", "demo",
-        std::regex_replace(numbered_document(FAM, 6), std::regex("\\]\\}$"), ", {}]}"));
+    const std::string broken =
+        std::regex_replace(numbered_document(FAM, 6), std::regex("\\]\\}$"), ", {}]}");
+    const std::string half = card_library("half", "demo", broken);
     const int fd = plug(8, 6, half);
     EXPECT_TRUE(log_has(w, "Successfully fallback to master 2, but target slot 8"));
     expect_cells(FAM + ".2", served(2, {3}).substr(2));
@@ -80,6 +80,18 @@ TEST_F(World, OldMasterComesBackWhenTheNewCardCannotServe)
         client_update_acked(fd, client_update(TPG_MSG_LIBMIB_REGISTER, 8, "demo", "FAM", 6, half)));
     /* The card in slot 7 is of the family, if without a document. */
     expect_cells(FAM, served(9, {3, 7, 8}));
+    /* As a newer card's successor it fails halfway, too. Nothing of this is left the next time. */
+    const int newer = plug(9, 7, version(7));
+    expect_cells(FAM, served(7, {3, 7, 8, 9}));
+    card_library("half", "demo", broken);
+    close(newer);
+    expect_cells(FAM, "");
+    plug(10, 1, version(1));
+    const int newest = plug(9, 7, version(7));
+    expect_cells(FAM + ".7", "1.1.3=3 1.1.7=7 1.1.8=8 1.1.9=9 1.1.10=10");
+    card_library("half", "demo", numbered_document(FAM, 5));
+    close(newest);
+    expect_cells(FAM, served(5, {3, 7, 8, 10}));
 }
 
 TEST_F(World, FamilyWithoutAnyTablesIsFatal)
