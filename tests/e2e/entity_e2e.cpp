@@ -69,5 +69,4 @@ TEST_F(World, InventoryIsThereOnRequestOnly)
 {
     agents_start(&w);
     EXPECT_EQ(cells(ENTITY), "");
-    EXPECT_EQ(get(COLUMN + "2.1"), "No Such Object available on this agent at this OID");
 }
