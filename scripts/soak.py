@@ -17,6 +17,8 @@ import time
 TOP = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 BASE = "1.3.6.1.4.1.32473"
 ADDRESS = "udp:127.0.0.1:1161"
+BOARD_CELL = f"{BASE}.10.232.4.5.0"
+RACK = "rack 7"
 AGENT_LOG = "/tmp/tpg.log"
 # Slot: product, family, version, the family's number behind BASE.
 CARDS = {
@@ -136,7 +138,7 @@ def write_cards():
         os.makedirs(f"/mnt/flash0/cards/{family}_slot{slot:02}", exist_ok=True)
         cards.append({"slot": slot, "product": product, "family": family, "version": version,
                       "library": f"/tmp/cards/libmib{product}.so", "jsonmib": f"{product}.json"})
-    scenario = {"board": {"type": "3100KX", "values": {"43": "rack 7"}}, "cards": cards}
+    scenario = {"board": {"type": "3100KX", "values": {"43": RACK}}, "cards": cards}
     with open("/tmp/cards/scenario.json", "w", encoding="ascii") as out:
         json.dump(scenario, out)
 
@@ -411,6 +413,10 @@ def slot_answers(run, slot):
 
 
 def check_slots(run, when):
+    # The board answers, too; and the agent is connected to its daemon whenever descriptors are
+    # counted, whether or not a walk has come as far as its tables.
+    if not eventually(lambda: RACK in snmp(run, "snmpget", BOARD_CELL)):
+        run.fail(f"{when}: the board does not answer correctly")
     for slot in CARDS:
         if not eventually(lambda slot=slot: slot_answers(run, slot)):
             run.fail(f"{when}: slot {slot} does not answer correctly")
