@@ -4,8 +4,7 @@
 
 #include <regex>
 
-static const std::string ENTITY = "1.3.6.1.2.1.47";
-static const std::string COLUMN = ENTITY + ".1.1.1.1.";
+static const std::string ENTITY = "1.3.6.1.2.1.47", COLUMN = ENTITY + ".1.1.1.1.";
 static const std::string CONFIG_CHANGE = "1.3.6.1.2.1.47.2.0.1";
 
 /* Cells of a walk over the inventory, which ends at a name that is not above the one before. */
@@ -68,5 +67,6 @@ TEST_F(World, InventoryFollowsTheCards)
 TEST_F(World, InventoryIsThereOnRequestOnly)
 {
     agents_start(&w);
-    EXPECT_EQ(cells(ENTITY), "");
+    EXPECT_EQ(cells(ENTITY) + get(COLUMN + "2.1"),
+              "No Such Object available on this agent at this OID");
 }

@@ -314,6 +314,7 @@ TEST_F(Cards, CostOneAnswerWhenTheirDaemonCloses)
 
     daemon_close(&d, 3, true);
     EXPECT_EQ(gets(PORT, "1.1.3 1.1.3"), "genError, genError");
+    EXPECT_TRUE(log_has(w, "slot_no 3 ipc is down"));
     write_file("/tmp/.uevgend_svr3", "");
     EXPECT_EQ(get(cell(3)) + set(cell(3), "i", "1"), "genErrorgenError");
     EXPECT_EQ(log_count(w, "connect slot_no 3 failed, Connection refused"), 2);
