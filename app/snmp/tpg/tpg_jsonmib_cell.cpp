@@ -128,11 +128,13 @@ int jsonmib_cell_read(tpg_context_t* ctx, const netsnmp_agent_request_info* reqi
         return result == 0 ? serve_value(ctx, ask, value, var)
                            : error_status(ask->failed(ctx, ask, result));
     }
-    auto* cell = static_cast<late_cell_t*>(calloc(1, sizeof(late_cell_t)));
+    /* malloc takes the record that the last cell gave back; calloc would search for another. */
+    auto* cell = static_cast<late_cell_t*>(malloc(sizeof(late_cell_t)));
     if (cell == nullptr) {
         TPG_ERROR(ctx, "jsonmib_ctrl_get calloc failed, %s", strerror(errno));
         return error_status(ask->failed(ctx, ask, JSONMIB_CTRL_NOMEM));
     }
+    *cell = {};
     prepare(cell, request, ask, is_getnext(reqinfo));
     request->delegated = 1;
     if (!jsonmib_queue_start(ctx, &cell->exchange)) {

@@ -21,7 +21,7 @@ static bool name_cell(const jsonmib_table_info_t*, const netsnmp_handler_registr
 static bool may_pass_helpers(int, const named_cell_t*);
 static bool find_row(jsonmib_table_info_t*, int, const netsnmp_request_info*, named_cell_t*);
 static uint32_t passed_slots(const jsonmib_table_info_t*, uint32_t);
-static netsnmp_table_request_info row_context(const jsonmib_table_info_t*);
+static void row_context(const jsonmib_table_info_t*, netsnmp_table_request_info*);
 static int serve_row(netsnmp_mib_handler*, netsnmp_handler_registration*,
                      netsnmp_agent_request_info*, netsnmp_request_info*, uint32_t,
                      netsnmp_table_request_info*);
@@ -66,7 +66,8 @@ int jsonmib_row_helper_handler(netsnmp_mib_handler* handler, netsnmp_handler_reg
     if (reqinfo->mode == MODE_GETNEXT) {
         name_row(reginfo, jsonmib_table, cell.column, requests->requestvb);
     }
-    netsnmp_table_request_info row = row_context(jsonmib_table);
+    netsnmp_table_request_info row;
+    row_context(jsonmib_table, &row);
     return serve_row(above->next, reginfo, reqinfo, requests, cell.column, &row);
 }
 
@@ -143,19 +144,34 @@ static uint32_t passed_slots(const jsonmib_table_info_t* jsonmib_table, uint32_t
     return passes ? jsonmib_queue_unreadable(ctx) : 0;
 }
 
-/* The row that was found, as the iterator's callbacks would hand it out, but without memory. */
-static netsnmp_table_request_info row_context(const jsonmib_table_info_t* jsonmib_table)
+/* The record has room for a whole OID, which nobody looks at: clearing that for each cell would
+ * cost. */
+static void clear(netsnmp_table_request_info* info)
 {
-    static netsnmp_variable_list indexes[JSONMIB_INDEX_MAX + 1]; /* an integer needs no memory */
-    netsnmp_table_request_info row = {};
+    info->colnum = 0;
+    info->number_indexes = 0;
+    info->indexes = nullptr;
+    info->index_oid_len = 0;
+    info->reg_info = nullptr;
+}
+
+/* Fills in the row that was found, as the iterator's callbacks would hand it out, but without
+ * memory: an integer has its place in the record. */
+static void row_context(const jsonmib_table_info_t* jsonmib_table, netsnmp_table_request_info* row)
+{
+    static netsnmp_variable_list indexes[JSONMIB_INDEX_MAX + 1];
+    clear(row);
     for (size_t i = jsonmib_table->index_used; i-- > 0;) {
         const long value = static_cast<long>(jsonmib_table->seek.values[i]);
-        snmp_set_var_typed_value(&indexes[i], ASN_INTEGER, &value, sizeof(value));
-        indexes[i].next_variable = row.indexes;
-        row.indexes = &indexes[i];
+        if (indexes[i].type == ASN_INTEGER) {
+            *indexes[i].val.integer = value;
+        } else {
+            snmp_set_var_typed_value(&indexes[i], ASN_INTEGER, &value, sizeof(value));
+        }
+        indexes[i].next_variable = row->indexes;
+        row->indexes = &indexes[i];
     }
-    row.number_indexes = jsonmib_table->index_used;
-    return row;
+    row->number_indexes = jsonmib_table->index_used;
 }
 
 /*
@@ -168,7 +184,8 @@ static int serve_row(netsnmp_mib_handler* iterator, netsnmp_handler_registration
 {
     static char table_name[] = TABLE_HANDLER_NAME;
     static char iterator_name[] = TABLE_ITERATOR_NAME;
-    netsnmp_table_request_info asked = {};
+    netsnmp_table_request_info asked;
+    clear(&asked);
     asked.colnum = column;
     netsnmp_data_list beside_row = {nullptr, iterator_name, row, nullptr};
     netsnmp_data_list beside = {&beside_row, table_name, &asked, nullptr};
