@@ -4,9 +4,11 @@
 #include "tpg_jsonmib_late.h"
 #include "tpg_jsonmib_queue.h"
 #include "tpg_jsonmib_wait.h"
+#include "tpg_main_levent.h"
 #include "unit.h"
 
 #include <deque>
+#include <event2/event.h>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -250,4 +252,24 @@ TEST_F(ctrl, that_a_daemon_goes_and_comes_is_said_once)
                                           "back after " + back + "\n")
             << steps << log;
     }
+}
+
+/* What the library waits for may come nearer while the loop's timer runs. */
+TEST(levent, timer_runs_out_with_the_next_alarm)
+{
+    std::unique_ptr<tpg_context_t> ctx = new_context();
+    ctx->levent_base = event_base_new();
+    list_init(&ctx->lev_snmp_fd_list);
+    ctx->lev_snmp_timeout = evtimer_new(ctx->levent_base, levent_snmp_timer_ran_out, ctx.get());
+    netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_ALARM_DONT_USE_SIG, 1);
+    for (const time_t seconds : {600, 60}) {
+        timeval at = {};
+        snmp_alarm_register(static_cast<u_int>(seconds), 0, nullptr, nullptr);
+        levent_snmp_update(ctx.get());
+        event_pending(ctx->lev_snmp_timeout, EV_TIMEOUT, &at);
+        EXPECT_LE(std::abs(at.tv_sec - time(nullptr) - seconds), 1);
+    }
+    snmp_alarm_unregister_all();
+    event_free(ctx->lev_snmp_timeout);
+    event_base_free(ctx->levent_base);
 }

@@ -450,6 +450,7 @@ struct tpg_context_t {
     tpg_read_st read_proc;
     int snmp_fds_dropped;    /* from lev_snmp_fd_list, since the last summary */
     bool snmp_talked;        /* to the master, in this turn of the loop, unasked */
+    timeval snmp_timer_at;   /* when the SNMP timer runs out, of the monotonic clock; 0: not set */
     bool snmp_timer_due;     /* the SNMP timer has run out and waits for the loop's turn */
     uint32_t ipc_clnt_total; /* entries of ipc_clnt_list */
     uint32_t ipc_clnt_held;  /* those among them with something held */

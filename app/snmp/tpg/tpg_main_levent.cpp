@@ -137,12 +137,28 @@ static void watch(tpg_context_t* ctx, int fd)
     list_add_tail(&entry->ev_node, &ctx->lev_snmp_fd_list);
 }
 
+/*
+ * What the library waits for is nearly always the same moment as before, and
+ * setting the loop's timer costs much more than seeing that: it is set anew when
+ * the moment has come nearer. Running out too early does no harm.
+ */
 static void arm_timer(tpg_context_t* ctx, int block, const timeval* timeout)
 {
+    timeval at = {};
+    if (block == 0) {
+        netsnmp_get_monotonic_clock(&at);
+        evutil_timeradd(&at, timeout, &at);
+        if (evutil_timerisset(&ctx->snmp_timer_at) &&
+            !evutil_timercmp(&at, &ctx->snmp_timer_at, <)) {
+            return;
+        }
+    }
     if (event_add(ctx->lev_snmp_timeout, block != 0 ? nullptr : timeout) == -1) {
         TPG_LOG_AT(ctx, tpg_log_level::warn, tpg_log_end::open,
                    "unable to schedule timeout function for SNMP");
+        return;
     }
+    ctx->snmp_timer_at = at;
 }
 
 static void read_session(int fd)
@@ -313,6 +329,7 @@ void levent_snmp_timeout(int fd, short what, void* arg)
     (void)what;
     auto* ctx = static_cast<tpg_context_t*>(arg);
     TPG_TRACE(ctx, "snmptimeout", "%s(): enter", __func__);
+    ctx->snmp_timer_at = {};
     snmp_timeout();
     run_alarms();
     levent_snmp_settle(ctx);
