@@ -317,15 +317,19 @@ static uint32_t walked_cells(int subject, size_t table)
     return quick ? std::min(walked, QUICK_CELLS) : walked;
 }
 
+static bool is_asked_singly(size_t table)
+{
+    return table == 1 || table == 3;
+}
+
 static void measure_subject(const std::string& name, void* session, int subject, size_t table)
 {
-    const bool large = table == 3;
     const uint32_t cells = walked_cells(subject, table);
-    if (!large) {
+    if (table != 3) {
         measure_walk(name + "walk", session, subject, table, cells, 0);
     }
     measure_walk(name + "bulk walk", session, subject, table, cells, 50);
-    if (table == 1 || large) {
+    if (is_asked_singly(table)) {
         measure_single(name + "GET", session, subject, table, SNMP_MSG_GET, 2000);
         measure_single(name + "GETNEXT", session, subject, table, SNMP_MSG_GETNEXT,
                        subject == BENCH_ITERATOR ? 500 : 2000);
@@ -343,6 +347,9 @@ static void measure_table(void* session, size_t table, int rounds)
         fprintf(stderr, "%sround %d of %d\n", name.c_str(), round + 1, rounds);
         measure_ratio(name + "walk, us/cell", BENCH_LIVE, walks(session, table, 0));
         measure_ratio(name + "bulk walk, us/cell", BENCH_LIVE, walks(session, table, 50));
+        if (is_asked_singly(table)) {
+            measure_ratio(name + "GET p50, us", BENCH_LIVE, gets(session, table));
+        }
         if (table == 0) {
             measure_ratio(name + "walk, against the iterator", BENCH_ITERATOR,
                           walks(session, table, 0));

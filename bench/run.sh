@@ -9,7 +9,7 @@
 set -eu -o pipefail
 
 cd "$(dirname "$0")/.."
-rounds=5 out=/dev/null build=build-bench another=
+rounds=5 out=/dev/null build=$PWD/build-bench another=
 
 # Repeats a test until it holds.
 await() {
@@ -50,7 +50,7 @@ measure() {
 		agentXTimeout 12
 		agentXRetries 0
 		trap2sink 127.0.0.1:1162 public
-		pass_persist .1.3.6.1.4.1.32473.100.5 $PWD/$build/bench-pass
+		pass_persist .1.3.6.1.4.1.32473.100.5 $build/bench-pass
 	END
 	PATH=$PATH:/usr/sbin
 	snmpd -f -Lf /tmp/snmpd.log -C -c /tmp/conf/snmpd.conf -p /tmp/snmpd.pid udp:127.0.0.1:1161 &
@@ -79,7 +79,7 @@ while getopts o:r:b:a: option; do
 	case $option in
 	o) case $OPTARG in /*) out=$OPTARG ;; *) out=$OLDPWD/$OPTARG ;; esac ;;
 	r) rounds=$OPTARG ;;
-	b) build=$OPTARG ;;
+	b) case $OPTARG in /*) build=$OPTARG ;; *) build=$OLDPWD/$OPTARG ;; esac ;;
 	a) case $OPTARG in /*) another=$OPTARG ;; *) another=$OLDPWD/$OPTARG ;; esac ;;
 	*) exit 2 ;;
 	esac
