@@ -68,7 +68,7 @@ int jsonmib_ipc_recv(tpg_context_t* ctx, uint32_t slot_no, void* buf, uint32_t l
  * when there are none, or -1 (logged, disconnected). length and received are
  * the reply's, for the log.
  */
-ssize_t jsonmib_ipc_take(tpg_context_t* ctx, uint32_t slot_no, iovec* parts, size_t total,
+ssize_t jsonmib_ipc_take(tpg_context_t* ctx, uint32_t slot_no, const iovec* parts, size_t total,
                          uint32_t length, uint32_t received);
 
 /* Gives up a connection on which the rest of a reply does not come. */
